@@ -1,0 +1,56 @@
+# Flags and helpers that every folder uses.
+
+option(LYRANE_WERROR "Treat warnings as errors" ON)
+option(LYRANE_BENCH "Build the benchmarks" OFF)
+set(LYRANE_SANITIZE "" CACHE STRING "Sanitizers to build with, for instance address,undefined")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+include(CheckPIESupported)
+check_pie_supported()
+
+add_compile_definitions(_GNU_SOURCE)
+add_compile_options(-Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wcast-qual -Wundef
+                    -fstack-protector-strong -fno-omit-frame-pointer)
+if(LYRANE_WERROR)
+  add_compile_options(-Werror)
+endif()
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  add_compile_options(-Wthread-safety)
+endif()
+if(LYRANE_SANITIZE)
+  add_compile_options(-fsanitize=${LYRANE_SANITIZE} -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${LYRANE_SANITIZE})
+else()
+  add_compile_options($<$<CONFIG:Release>:-U_FORTIFY_SOURCE> $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
+endif()
+add_link_options(-Wl,-z,relro -Wl,-z,now)
+
+# lyrane_library(NAME SOURCES ... LINKS ... [PRIVATE_LINKS ...])
+#
+# One static library a folder. Its headers are seen by those who link it, and by nobody else: the
+# build graph is the picture of the layers, and an include across it does not compile.
+function(lyrane_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE ${ARG_PRIVATE_LINKS})
+endfunction()
+
+# lyrane_test(NAME SOURCES ... LINKS ... [TIMEOUT seconds])
+#
+# One GoogleTest program, registered with CTest as one test.
+function(lyrane_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINKS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} GTest::gtest GTest::gtest_main)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()

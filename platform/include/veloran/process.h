@@ -1,0 +1,59 @@
+/* Process services: detaching, priority, threads.
+ *
+ * C++ only, C linkage. Functions return 0, or -1 with errno set, unless they say otherwise. */
+#ifndef VELORAN_PROCESS_H
+#define VELORAN_PROCESS_H
+
+#include <cstdint>
+
+#include <csignal>
+#include <pthread.h>
+
+/* Flags of procmgr_daemon. */
+constexpr uint32_t PROCMGR_DAEMON_NOCHDIR = 0x1;   /* keep the working directory */
+constexpr uint32_t PROCMGR_DAEMON_NOCLOSE = 0x2;   /* keep the other descriptors open */
+constexpr uint32_t PROCMGR_DAEMON_NODEVNULL = 0x4; /* leave the standard descriptors alone */
+constexpr uint32_t PROCMGR_DAEMON_KEEPUMASK = 0x8; /* keep the umask (else it becomes 0) */
+
+constexpr int32_t PROCESS_PRIORITY_ORDINARY = 10; /* maps to nice 0 */
+
+extern "C" {
+
+/* Puts the process into the background: forks, the parent leaves with `status`, the child becomes
+ * the leader of a session of its own without a controlling terminal. Descriptors above 2 are
+ * closed and 0 to 2 become the null device, as far as the flags do not say otherwise. To be called
+ * before the first thread exists. -1 in the parent when it could not fork. */
+int32_t procmgr_daemon(int32_t status, uint32_t flags) noexcept;
+
+/* Sets the priority of the own process (pid 0): PROCESS_PRIORITY_ORDINARY is nice 0, each step
+ * above is one nice step down, within the system's range. */
+int32_t setprio(int32_t pid, int32_t priority) noexcept;
+
+/* Opens the null device in the place of every standard descriptor (0 to 2) that is closed, so that
+ * no later open can get such a number. To be called first thing. */
+int32_t process_fill_standard_descriptors(void) noexcept;
+
+/* Names the calling thread; a longer name is cut to the 15 bytes that Linux takes. */
+void process_thread_name(const char* name) noexcept;
+
+/* Starts a thread with SIGINT, SIGTERM, SIGQUIT and SIGUSR1's siblings kept away: the termination
+ * signals are blocked in it from its first instruction on. `name` is given to it (cut as above).
+ * A joinable thread's id is stored in *thread before the thread runs; with `detached` non-zero
+ * the id is stored for information only. Returns 0 or the error number (not errno). */
+int32_t process_thread_start(const char* name, int32_t detached, void* (*body)(void*),
+                             void* argument, pthread_t* thread) noexcept;
+
+/* Blocks the termination signals (SIGINT, SIGTERM, SIGQUIT) in the calling thread and stores the
+ * earlier mask, for calls that may start threads outside our control; the second one restores. */
+void process_block_termination(sigset_t* earlier) noexcept;
+void process_restore_signals(const sigset_t* earlier) noexcept;
+
+/* Ends the process at once with a status: flushes the standard output, runs no handler and no
+ * destructor, so that it is safe with other threads alive and locks held. */
+[[noreturn]] void process_end(int32_t status) noexcept;
+
+/* Kernel id of the calling thread. */
+int32_t process_thread_id(void) noexcept;
+}
+
+#endif

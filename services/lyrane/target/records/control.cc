@@ -1,0 +1,5 @@
+#include "control.h"
+
+extern "C" {
+control_block mmcontrol;
+}

@@ -1,0 +1,60 @@
+/* A player: a named playback context that clients share. */
+#ifndef LYRANE_PLAYER_H
+#define LYRANE_PLAYER_H
+
+#include <atomic>
+#include <cstdint>
+
+#include <pthread.h>
+
+#include <lyrane/plugin.h>
+#include <veloran/lock.h>
+
+#include "array.h"
+#include "control.h"
+
+struct trksession;
+
+constexpr int32_t PLAYER_CLIENTS_MAX = 32;
+
+struct player {
+    char* name;      /* owned, constant */
+    int32_t clients; /* guarded by the players lock */
+
+    /* Written under the player lock; read without it by get_current_state. */
+    std::atomic<int32_t> status;
+    std::atomic<int32_t> shuffle_mode;
+    std::atomic<int32_t> repeat_mode;
+    std::atomic<float> playback_rate;
+
+    /* Written under the player lock and the hold lock; readers without the player lock go through
+     * trksession_hold. */
+    ::trksession* trksession;
+    pointer_array ms_sessions VEL_GUARDED_BY(lock); /* of mediasource_session, owned */
+    const player_cfg* config;                       /* constant, shared */
+    vel_mutex lock;                                 /* the player lock */
+
+    /* Set at open, taken down at close; the objects are written under the player lock, the
+     * "trksession" object under the track-session lock. */
+    lyr_ppsdir* ppsdir;
+    lyr_ppswriter* state_writer;
+    lyr_ppswriter* mediasource_writer;
+    lyr_ppswriter* status_writer;
+    lyr_ppswriter* track_writer VEL_GUARDED_BY(lock); /* null without a current track */
+    lyr_ppswriter* trksession_writer;
+
+    /* The audio focus; see nowplaying.h. */
+    pthread_t np_thread;
+    int32_t np_fd VEL_GUARDED_BY(np_lock); /* -1 while there is no arbiter */
+    int32_t np_acquired VEL_GUARDED_BY(np_lock);
+    std::atomic<int32_t> np_state;
+    vel_mutex np_lock; /* inside the player lock */
+    pthread_cond_t np_cond;
+
+    control_block* control;                /* constant */
+    int32_t pins;                          /* guarded by the players lock; see player_pin.h */
+    int32_t closed VEL_GUARDED_BY(lock);   /* 1: torn down; leave at once */
+    int32_t error_run VEL_GUARDED_BY(lock); /* skips in a row without a track that played */
+};
+
+#endif
