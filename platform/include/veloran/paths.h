@@ -5,13 +5,16 @@
  *
  * Runtime root: $VELORAN_RUN, else /run/veloran for root, else $XDG_RUNTIME_DIR/veloran, else
  * /tmp/veloran-UID. State root: $VELORAN_STATE, else /var/lib/veloran for root, else
- * $XDG_STATE_HOME/veloran, else ~/.local/state/veloran. Both are resolved once, at the first use,
- * and stay, whatever the process's identity becomes later. [any thread] */
+ * $XDG_STATE_HOME/veloran, else ~/.local/state/veloran. A variable that is set to a relative path
+ * counts from the working directory. Both roots are resolved once, at the first use, and stay,
+ * whatever the process's identity, directory or environment becomes later. [any thread] */
 #ifndef VELORAN_PATHS_H
 #define VELORAN_PATHS_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include <sys/types.h>
 
 extern "C" {
 
@@ -20,17 +23,30 @@ extern "C" {
 int32_t paths_resolve(const char* path, char* buffer, size_t size) noexcept;
 
 /* The same for a client that looks for something a service made: the path under the own runtime
- * root when that exists, else the one under /run/veloran when that exists, else the former. */
+ * root when that exists, else the one under /run/veloran when that exists, else the former. With
+ * $VELORAN_RUN set only the own root counts: whoever names a root means that one. */
 int32_t paths_resolve_existing(const char* path, char* buffer, size_t size) noexcept;
 
 /* Makes the runtime root (mode 0755) and the state root (mode 0700) with their parents. Refuses a
- * root that another user owns (EPERM). 0, or -1 with errno set and the culprit in `failed`, which
- * holds at least 256 bytes or is null. */
+ * root that is no directory (ENOTDIR), that is a symbolic link in the last place (ENOTDIR), or
+ * that belongs to somebody other than the effective user or the owner of paths_set_owner (EPERM).
+ * 0, or -1 with errno set and the culprit, cut to fit, in `failed` unless that is null. */
 int32_t paths_make_roots(char* failed, size_t size) noexcept;
 
 /* Makes the directories above a real path (mode 0755). 0, or -1 with errno set. */
 int32_t paths_make_parents(const char* real_path) noexcept;
 
+/* For a process that starts as root and goes on as somebody else: from now on the roots and every
+ * directory made here are given to that user and group, so that they can be used and removed after
+ * the change. Without effect in a process that is not root. [main], before any other thread */
+void paths_set_owner(uid_t uid, gid_t gid) noexcept;
+
+/* Gives an open file that the process has made to the owner of paths_set_owner; does nothing
+ * without one. 0, or -1 with errno set. */
+int32_t paths_hand_over(int fd) noexcept;
+
+/* The roots, without a slash at the end; empty when the variable's value is longer than any path
+ * may be, and then nothing below it resolves. */
 const char* paths_runtime_root(void) noexcept;
 const char* paths_state_root(void) noexcept;
 }

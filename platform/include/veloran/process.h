@@ -21,12 +21,14 @@ extern "C" {
 
 /* Puts the process into the background: forks, the parent leaves with `status`, the child becomes
  * the leader of a session of its own without a controlling terminal. Descriptors above 2 are
- * closed and 0 to 2 become the null device, as far as the flags do not say otherwise. To be called
- * before the first thread exists. -1 in the parent when it could not fork. */
+ * closed, 0 to 2 become the null device, the working directory "/" and the umask 0, as far as the
+ * flags do not say otherwise. To be called before the first thread exists. -1 in the parent when
+ * it could not fork, in the child when the directory or the null device is not to be had. */
 int32_t procmgr_daemon(int32_t status, uint32_t flags) noexcept;
 
-/* Sets the priority of the own process (pid 0): PROCESS_PRIORITY_ORDINARY is nice 0, each step
- * above is one nice step down, within the system's range. */
+/* Sets the priority of a process (0: the calling one): PROCESS_PRIORITY_ORDINARY is nice 0, each
+ * step above is one nice step down, within the system's range. Threads that exist already keep
+ * theirs. */
 int32_t setprio(int32_t pid, int32_t priority) noexcept;
 
 /* Opens the null device in the place of every standard descriptor (0 to 2) that is closed, so that
@@ -36,10 +38,10 @@ int32_t process_fill_standard_descriptors(void) noexcept;
 /* Names the calling thread; a longer name is cut to the 15 bytes that Linux takes. */
 void process_thread_name(const char* name) noexcept;
 
-/* Starts a thread with SIGINT, SIGTERM, SIGQUIT and SIGUSR1's siblings kept away: the termination
- * signals are blocked in it from its first instruction on. `name` is given to it (cut as above).
- * A joinable thread's id is stored in *thread before the thread runs; with `detached` non-zero
- * the id is stored for information only. Returns 0 or the error number (not errno). */
+/* Starts a thread with the creator's signal mask plus the termination signals (SIGINT, SIGTERM,
+ * SIGQUIT) blocked, from its first instruction on. `name` is given to it (cut as above). A
+ * joinable thread's id is stored in *thread before the thread runs; with `detached` non-zero it is
+ * of no further use, and `thread` may be null. Returns 0 or the error number (not errno). */
 int32_t process_thread_start(const char* name, int32_t detached, void* (*body)(void*),
                              void* argument, pthread_t* thread) noexcept;
 

@@ -1,9 +1,11 @@
 /* The system logger.
  *
- * Lines go to the system's logger as datagrams, or to the sink named by the environment variable
- * VELORAN_SLOG when slog_open is called: "file:PATH" (a regular file, appended to, one line a
- * message: "<severity> text", bytes below 0x20 and 0x7F shown as \xNN so that no text can forge a
- * line) or "unix:PATH" (a datagram socket). Without a logger, lines are dropped and counted.
+ * Lines go to the system's logger (/dev/log, facility daemon) as datagrams, or to the sink named by
+ * the environment variable VELORAN_SLOG when the logger is opened: "file:PATH" (a regular file,
+ * made with mode 0640, appended to, one line a message: the severity's digit, a blank, the text
+ * with bytes below 0x20 and 0x7F shown as \xNN so that no text can forge a line) or "unix:PATH" (a
+ * datagram socket, the same datagrams as /dev/log). Without a logger, or with one that is behind,
+ * lines are dropped and counted.
  *
  * Nothing here blocks, allocates or takes a lock, so slogb may be called from a signal handler and
  * with any lock held. errno is left as it was. */
@@ -17,14 +19,20 @@ extern "C" {
 
 /* Severities of a line: 1 critical, 2 error, 3 warning, 4 notice, 5 info, 6 and 7 debug. */
 
-/* Opens the sink and remembers `program` (borrowed, must stay valid). Called again after the
- * process has detached. Called on demand by slogb otherwise, never from its signal-handler path:
- * a program that logs from handlers opens first. */
+constexpr size_t SLOG_TEXT_MAX = 2048; /* bytes of a line's text; the rest is cut off */
+
+/* Opens the sink, after closing an earlier one, and copies the name of the program, which the
+ * system's logger shows as the tag (cut to 63 bytes). slogb opens on demand with the tag set
+ * before; a program that logs from signal handlers opens first. Not beside slogb on another
+ * thread. */
 void slog_open(const char* program) noexcept;
 
-/* Writes one line of `length` bytes. `code` is the message code of the writer; the system's logger
- * has no such field, so it only tells the facility (its upper half, not shown). Returns 0, or -1
- * when the line was dropped. */
+/* Closes the sink; the next line opens it again. Before a process detaches: its descriptors are
+ * closed then, and their numbers come back as something else. */
+void slog_close(void) noexcept;
+
+/* Writes one line of `length` bytes. `code` is the message code of the writer; no logger here has
+ * such a field, it is not shown. Returns 0, or -1 when the line was dropped. */
 int32_t slogb(int32_t code, int32_t severity, const char* text, size_t length) noexcept;
 
 /* Lines dropped so far. */

@@ -1,0 +1,148 @@
+/* Making the directories of the name space. Everything goes through descriptors of the parent
+ * directories, so that nobody can exchange a directory for a link between a check and its use. */
+#include <veloran/paths.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <veloran/lock.h>
+
+namespace {
+
+/* Written before any other thread exists. */
+struct {
+    bool set;
+    uid_t uid;
+    gid_t gid;
+} owner;
+
+constexpr mode_t PARENT_MODE = 0755;
+constexpr mode_t RUNTIME_ROOT_MODE = 0755;
+constexpr mode_t STATE_ROOT_MODE = 0700;
+
+/* Opens the directory `name` below `parent`, after making it when it is missing. `*made` tells
+ * which. -1 with errno set. */
+int open_or_make(int parent, const char* name, mode_t mode, int flags, bool* made) {
+    *made = mkdirat(parent, name, mode) == 0;
+    if (!*made && errno != EEXIST && errno != EROFS && errno != EACCES && errno != EPERM) {
+        return -1;
+    }
+    const int mkdir_error = errno;
+    const int fd = openat(parent, name, O_PATH | O_DIRECTORY | O_CLOEXEC | flags);
+    if (fd < 0 && !*made && mkdir_error != EEXIST && errno == ENOENT) {
+        errno = mkdir_error; /* it is missing and may not be made: that is the reason to tell */
+    }
+    return fd;
+}
+
+int32_t give(int parent, const char* name) {
+    if (!owner.set) {
+        return 0;
+    }
+    return fchownat(parent, name, owner.uid, owner.gid, AT_SYMLINK_NOFOLLOW);
+}
+
+/* Opens the directory that holds the last component of `path`, making what is missing on the way,
+ * and stores where that component begins. -1 with errno set. */
+int open_parent(const char* path, const char** last) {
+    if (strlen(path) >= PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    vel_fd directory(open(path[0] == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const char* begin = path + strspn(path, "/");
+    while (directory.value >= 0) {
+        const size_t length = strcspn(begin, "/");
+        if (begin[length + strspn(begin + length, "/")] == '\0') {
+            *last = begin;
+            return directory.release();
+        }
+        char name[NAME_MAX + 1];
+        if (length > NAME_MAX) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        memcpy(name, begin, length);
+        name[length] = '\0';
+        bool made = false;
+        vel_fd next(open_or_make(directory.value, name, PARENT_MODE, 0, &made));
+        if (next.value < 0 || (made && give(directory.value, name) != 0)) {
+            return -1;
+        }
+        const int old = directory.value;
+        directory.value = next.release();
+        close(old);
+        begin += length + strspn(begin + length, "/");
+    }
+    return -1;
+}
+
+int32_t make_root(const char* path, mode_t mode) {
+    if (path[0] == '\0') {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    const char* last = nullptr;
+    const vel_fd parent(open_parent(path, &last));
+    if (parent.value < 0) {
+        return -1;
+    }
+    if (last[0] == '\0') {
+        last = "."; /* the root is "/" itself */
+    }
+    bool made = false;
+    const vel_fd root(open_or_make(parent.value, last, mode, O_NOFOLLOW, &made));
+    struct stat status = {};
+    if (root.value < 0 || fstat(root.value, &status) != 0) {
+        errno = errno == ELOOP ? ENOTDIR : errno;
+        return -1;
+    }
+    if (status.st_uid != geteuid() && !(owner.set && status.st_uid == owner.uid)) {
+        errno = EPERM;
+        return -1;
+    }
+    return give(parent.value, last);
+}
+
+} // namespace
+
+void paths_set_owner(uid_t uid, gid_t gid) noexcept {
+    owner.set = geteuid() == 0;
+    owner.uid = uid;
+    owner.gid = gid;
+}
+
+int32_t paths_hand_over(int fd) noexcept {
+    return owner.set ? fchown(fd, owner.uid, owner.gid) : 0;
+}
+
+int32_t paths_make_parents(const char* real_path) noexcept {
+    const char* last = nullptr;
+    const vel_fd parent(open_parent(real_path, &last));
+    return parent.value < 0 ? -1 : 0;
+}
+
+int32_t paths_make_roots(char* failed, size_t size) noexcept {
+    const struct {
+        const char* path;
+        mode_t mode;
+    } wanted[] = {{paths_runtime_root(), RUNTIME_ROOT_MODE},
+                  {paths_state_root(), STATE_ROOT_MODE}};
+    for (const auto& root : wanted) {
+        if (make_root(root.path, root.mode) == 0) {
+            continue;
+        }
+        if (failed != nullptr && size > 0) {
+            const size_t length = strnlen(root.path, size - 1);
+            memcpy(failed, root.path, length);
+            failed[length] = '\0';
+        }
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,51 @@
+#include <cstdlib>
+
+#include "array.h"
+
+static bool add_free_slots(slot_table* table) {
+    if (table->count > INT32_MAX - ARRAY_STEP) {
+        return false;
+    }
+    const size_t wanted = static_cast<size_t>(table->count) + ARRAY_STEP;
+    void** grown = static_cast<void**>(reallocarray(table->slots, wanted, sizeof(void*)));
+    if (grown == nullptr) {
+        return false;
+    }
+    for (int32_t i = 0; i < ARRAY_STEP; i++) {
+        grown[table->count + i] = nullptr;
+    }
+    table->slots = grown;
+    table->count += ARRAY_STEP;
+    return true;
+}
+
+int32_t _array_add(slot_table* table, int32_t size) noexcept {
+    if (size < 0) {
+        return -1;
+    }
+    int32_t index = 0;
+    while (index < table->count && table->slots[index] != nullptr) {
+        index++;
+    }
+    if (index == table->count && !add_free_slots(table)) {
+        return -1;
+    }
+    /* Without memory for the record the answer is given at once: growing the table and trying
+     * again would only make the shortage worse. A record of no bytes still needs an address. */
+    table->slots[index] = calloc(1, size > 0 ? static_cast<size_t>(size) : 1);
+    return table->slots[index] != nullptr ? index : -1;
+}
+
+void* _array_get(const slot_table* table, int32_t index) noexcept {
+    return index >= 0 && index < table->count ? table->slots[index] : nullptr;
+}
+
+int32_t _array_del(slot_table* table, int32_t index) noexcept {
+    void* record = _array_get(table, index);
+    if (record == nullptr) {
+        return -1;
+    }
+    free(record);
+    table->slots[index] = nullptr;
+    return 0;
+}
