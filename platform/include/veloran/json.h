@@ -11,11 +11,11 @@
 
 constexpr int32_t PPS_JSON_OK = 0;
 constexpr int32_t PPS_JSON_NO_MEMORY = 1;
-constexpr int32_t PPS_JSON_SYNTAX = 2;     /* not valid JSON, not valid UTF-8, or a number too large */
-constexpr int32_t PPS_JSON_DEPTH = 3;      /* nested deeper than PPS_JSON_DEPTH_MAX */
-constexpr int32_t PPS_JSON_NOT_FOUND = 4;  /* no such member, or no element at the position */
-constexpr int32_t PPS_JSON_BAD_TYPE = 5;   /* there is a value, but of another type */
-constexpr int32_t PPS_JSON_BAD_CALL = 6;   /* the call makes no sense at this point */
+constexpr int32_t PPS_JSON_SYNTAX = 2; /* not valid JSON, not valid UTF-8, or a number too large */
+constexpr int32_t PPS_JSON_DEPTH = 3;  /* nested deeper than PPS_JSON_DEPTH_MAX */
+constexpr int32_t PPS_JSON_NOT_FOUND = 4; /* no such member, or no element at the position */
+constexpr int32_t PPS_JSON_BAD_TYPE = 5;  /* there is a value, but of another type */
+constexpr int32_t PPS_JSON_BAD_CALL = 6;  /* the call makes no sense at this point */
 
 constexpr int32_t PPS_JSON_DEPTH_MAX = 64; /* objects and arrays within each other */
 
@@ -23,7 +23,8 @@ constexpr int32_t PPS_JSON_DEPTH_MAX = 64; /* objects and arrays within each oth
 constexpr int32_t PPS_JSON_NONE = 0; /* no such value */
 constexpr int32_t PPS_JSON_NULL = 1;
 constexpr int32_t PPS_JSON_BOOLEAN = 2;
-constexpr int32_t PPS_JSON_INTEGER = 3; /* a number without fraction and exponent that fits 64 bits */
+constexpr int32_t PPS_JSON_INTEGER =
+    3; /* a number without fraction and exponent that fits 64 bits */
 constexpr int32_t PPS_JSON_DOUBLE = 4;
 constexpr int32_t PPS_JSON_STRING = 5;
 constexpr int32_t PPS_JSON_ARRAY = 6;
@@ -127,8 +128,7 @@ int32_t pps_decoder_get_uint64(const pps_decoder* decoder, const char* name,
 /* Any number. */
 int32_t pps_decoder_get_double(const pps_decoder* decoder, const char* name,
                                double* value) noexcept;
-int32_t pps_decoder_get_bool(const pps_decoder* decoder, const char* name,
-                             bool* value) noexcept;
+int32_t pps_decoder_get_bool(const pps_decoder* decoder, const char* name, bool* value) noexcept;
 }
 
 #endif
