@@ -1,0 +1,203 @@
+/* Start and end of the service. */
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include <grp.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <veloran/lock.h>
+#include <veloran/paths.h>
+#include <veloran/process.h>
+#include <veloran/slog.h>
+
+#include "config.h"
+#include "control.h"
+#include "mediasource.h"
+#include "msglog.h"
+#include "msgserver.h"
+#include "options.h"
+#include "player_registry.h"
+#include "plugin_load.h"
+#include "ppsdir.h"
+#include "service.h"
+#include "signals.h"
+
+namespace {
+
+constexpr const char* SOURCE = "services/lyrane/target/main";
+constexpr const char* VARIANT = "default";
+constexpr int32_t MAX_QUEUE = 5; /* replies that wait for one connection */
+
+/* Descriptors wanted: what the 16-bit connection index of the transport can name. */
+constexpr rlim_t DESCRIPTORS_WANTED = 32768;
+
+/* One line of the shape that failed system calls have; `error` is an error number. */
+#define LOG_FAILED_CALL(level, what, error)                                                        \
+    msglog(level, "%s:%d:%s(): " what " failed (%s)", SOURCE, __LINE__, __func__,                  \
+           msglog_error_text(error))
+
+void read_command_line(int argc, char** argv) {
+    options(argc, argv, &mmcontrol);
+    if (mmcontrol.verbosity == 0) {
+        mmcontrol.verbosity = msglog_level();
+    } else {
+        msglog_set_level(mmcontrol.verbosity);
+    }
+    background = mmcontrol.background;
+}
+
+/* Nothing lasting is open and no thread exists yet; the logger opens again in the child. */
+void detach() {
+    if (mmcontrol.background == 0) {
+        umask(0);
+        return;
+    }
+    uint32_t flags = PROCMGR_DAEMON_NOCHDIR;
+    if (msglog_level() > 0) {
+        flags |= PROCMGR_DAEMON_NODEVNULL;
+    }
+    slog_close();
+    if (procmgr_daemon(EXIT_SUCCESS, flags) != 0) {
+        LOG_FAILED_CALL(2, "procmgr_daemon()", errno);
+    }
+}
+
+void raise_descriptor_limit() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= DESCRIPTORS_WANTED) {
+        return;
+    }
+    limit.rlim_cur = limit.rlim_max < DESCRIPTORS_WANTED ? limit.rlim_max : DESCRIPTORS_WANTED;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/* The roots of the name space, and the service's name in it. The name is taken first of all: a
+ * second service of that name must not touch what the first one works with. */
+void claim_name() {
+    char failed[PATH_MAX] = "";
+    if (mmcontrol.user != nullptr) {
+        paths_set_owner(mmcontrol.uid, mmcontrol.gid);
+    }
+    if (paths_make_roots(failed, sizeof failed) != 0) {
+        msglog(2, "cannot use the directory \"%s\" (%s)", failed, msglog_error_text(errno));
+    }
+    if (msgserver_claim(mmcontrol.service_name, VARIANT) != 0) {
+        LOG_FAILED_CALL(1, "msgserver_add()", errno);
+    }
+}
+
+void restore_lastmode() {
+    if (mmcontrol.lastmode == 1) {
+        /* The place of lastmode_restore. */
+        msglog(3, "last mode is not available in this build");
+    }
+}
+
+void save_lastmode() {
+    /* The place of players_save_state, with mmcontrol.lastmode 1. */
+}
+
+void create_service() {
+    mmcontrol.server = msgserver_create(mmcontrol.max_msg_size, MAX_QUEUE, MSGSERVER_BY_PATH);
+    if (mmcontrol.server == nullptr) {
+        LOG_FAILED_CALL(1, "msgserver_create()", errno);
+    }
+    mmcontrol.server->user_data = &mmcontrol;
+    msglog(4, "lyrane creating service: %s", mmcontrol.service_name);
+    mmcontrol.service_id =
+        msgserver_add(mmcontrol.server, mmcontrol.service_name, nullptr, "perms=666", 0,
+                      service_worker, service_connect, service_disconnect);
+    if (mmcontrol.service_id < 0) {
+        LOG_FAILED_CALL(1, "msgserver_add()", errno);
+    }
+}
+
+/* The group list of a user given by name alone is the one of the user database. */
+int32_t use_groups_of_user() {
+    const vel_text copy(strdup(mmcontrol.user));
+    char* cursor = copy.get();
+    const char* name = nextfield(&cursor, ':'); /* without the blanks around it */
+    return name != nullptr ? initgroups(name, mmcontrol.gid) : -1;
+}
+
+/* The functions of the C library change all threads; a bare system call would change one. */
+void drop_privileges() {
+    if (mmcontrol.user == nullptr) {
+        return;
+    }
+    if (strchr(mmcontrol.user, ':') != nullptr) {
+        if (setgroups(static_cast<size_t>(mmcontrol.ngroups), mmcontrol.groups) != 0) {
+            LOG_FAILED_CALL(2, "setgroups()", errno);
+        }
+    } else if (use_groups_of_user() != 0) {
+        LOG_FAILED_CALL(2, "initgroups()", errno);
+    }
+    if (setgid(mmcontrol.gid) != 0) {
+        LOG_FAILED_CALL(2, "setgid()", errno);
+    }
+    if (setuid(mmcontrol.uid) != 0) {
+        LOG_FAILED_CALL(2, "setuid()", errno);
+    }
+}
+
+void start_signal_thread() {
+    int32_t error = signals_block_termination();
+    if (error != 0) {
+        LOG_FAILED_CALL(2, "pthread_sigmask()", error);
+    }
+    pthread_t thread;
+    error = process_thread_start("signal catcher", 1, signal_thread, nullptr, &thread);
+    if (error != 0) {
+        LOG_FAILED_CALL(2, "signal thread creation", error);
+    }
+}
+
+void start(int argc, char** argv) {
+    slog_open(msglog_program());
+    read_command_line(argc, argv);
+    detach();
+    setprio(0, mmcontrol.priority);
+    raise_descriptor_limit();
+    msglog(4, "lyrane initializing");
+    claim_name();
+    ppsdir_initialize(&mmcontrol);
+    load_config(&mmcontrol, mmcontrol.config_file);
+    restore_lastmode();
+    signals_install_verbosity();
+    create_service();
+    drop_privileges();
+    start_signal_thread();
+    mediasource_detection_start(&mmcontrol);
+    msglog(4, "lyrane starting");
+    process_thread_name("csm");
+}
+
+void shut_down() {
+    /* Who comes now is refused by the system at once instead of waiting for an answer that nobody
+     * will give. The lock of the name stays until the process is gone. */
+    msgserver_withdraw(mmcontrol.server);
+    msglog(4, "lyrane terminating ...");
+    save_lastmode();
+    players_force_close(&mmcontrol);
+    mediasource_detection_stop(&mmcontrol);
+    plugins_unload(&mmcontrol);
+    msglog(4, "lyrane terminated");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    signals_prepare();
+    process_fill_standard_descriptors();
+    start(argc, argv);
+    msgserver_thread_loop(mmcontrol.server);
+    shut_down();
+    /* The signal thread still waits, and threads of libraries may live: nothing that belongs to
+     * the process may be taken apart beside them. */
+    process_end(EXIT_SUCCESS);
+}

@@ -1,0 +1,31 @@
+/* The signals of the service: SIGUSR1 steps the log level, the termination signals end the
+ * service in order. */
+#ifndef LYRANE_SIGNALS_H
+#define LYRANE_SIGNALS_H
+
+#include <cstdint>
+
+extern "C" {
+
+/* The SIGUSR1 handler: raises the log level by one, from the highest to 0. Lock-free and
+ * async-signal-safe; any number of threads may run it at once. */
+void verbosity_handler(int signal) noexcept;
+
+/* Body of the signal thread. The first termination signal stops the message server of the control
+ * block, later ones are only logged. An end that then takes longer than SIGNALS_END_LIMIT is cut
+ * short with exit status 1. Null when it cannot go on. */
+void* signal_thread(void* ignored) noexcept;
+}
+
+constexpr int32_t SIGNALS_END_LIMIT = 60; /* s from the first termination signal */
+
+/* First thing in the process: SIGPIPE becomes harmless, SIGUSR1 waits for its handler. */
+void signals_prepare(void) noexcept;
+
+/* Installs the handler and lets SIGUSR1 in; without it SIGUSR1 is ignored. [main] */
+void signals_install_verbosity(void) noexcept;
+
+/* Blocks the termination signals in the calling thread. 0 or the error number. [main] */
+int32_t signals_block_termination(void) noexcept;
+
+#endif
