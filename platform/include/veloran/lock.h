@@ -58,7 +58,8 @@ struct VEL_TSA(scoped_lockable) vel_lock_guard {
 
 /* Closes a file descriptor at the end of a scope; -1 means none. */
 struct vel_fd {
-    explicit vel_fd(int fd = -1) noexcept : value(fd) {}
+    vel_fd() noexcept : value(-1) {}
+    explicit vel_fd(int fd) noexcept : value(fd) {}
     ~vel_fd() {
         if (value >= 0) {
             ::close(value);

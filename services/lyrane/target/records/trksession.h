@@ -13,7 +13,7 @@
 #include "media.h"
 
 struct trksession {
-    /* Set at creation, constant afterwards; ignore_count is the build thread's once it runs. */
+    /* Set at creation and constant afterwards; ignore_count is the build thread's once it runs. */
     int32_t expected;     /* tracks the client announced; -1 unknown */
     int32_t start_index;  /* child of mn_id at which the session starts */
     int32_t ignore_count; /* tracks that the first step imported */
@@ -22,25 +22,25 @@ struct trksession {
     int32_t length VEL_GUARDED_BY(lock);         /* tracks in `tracks` */
     int32_t* order VEL_GUARDED_BY(lock);         /* owned; track index at a playback position */
     int32_t* inverse_order VEL_GUARDED_BY(lock); /* owned; playback position of a track */
-    /* Written with the player lock and this session's lock held, so either is enough to read. */
-    int32_t trk_id;    /* index of the current track */
-    int32_t cli_index; /* the same as clients see it */
-    int32_t trk_pos;   /* position in the current track, as the plug-in reports it */
-    uint64_t ts_id;    /* constant */
-    ::mediasource* mediasource; /* constant; lives for ever */
+    int32_t trk_id VEL_GUARDED_BY(lock);         /* index of the current track */
+    int32_t cli_index VEL_GUARDED_BY(lock);      /* the same as clients see it */
+    int32_t trk_pos VEL_GUARDED_BY(lock); /* position in it, in the plug-in's unit */
+    uint64_t ts_id;                       /* constant */
+    ::mediasource* mediasource;           /* constant; lives for ever */
     /* Owned with the strings. The records move when the array grows; their strings stay until
      * destruction, which needs the player lock. */
     medianode* tracks VEL_GUARDED_BY(lock);
     vel_mutex lock;                  /* the track-session lock; inside the player lock */
     mediasource_session* ms_session; /* constant; the player's */
-    pthread_t build_thread;          /* joinable while build_started; player lock */
+    pthread_t build_thread;          /* joinable while build_started */
 
-    int32_t build_started; /* player lock; build_thread is to be joined */
-    int32_t capacity VEL_GUARDED_BY(lock);  /* entries allocated in the three arrays */
-    int32_t destroyed VEL_GUARDED_BY(lock); /* 1: emptied, answer as if there were none */
-    int32_t holds;                   /* guarded by the hold lock of trksession_hold */
-    std::atomic<int32_t> cancelled;  /* 1: the build thread is to end */
-    std::atomic<int32_t> build_done; /* 1: the build thread has left plug-in code for good */
+    int32_t build_started;                   /* guarded by the player lock */
+    int32_t build_done VEL_GUARDED_BY(lock); /* the build thread calls no plug-in any more */
+    pthread_cond_t build_over;               /* with lock: build_done was set */
+    int32_t capacity VEL_GUARDED_BY(lock);   /* entries allocated in the three arrays */
+    int32_t destroyed VEL_GUARDED_BY(lock);  /* emptied: answer as if there were none */
+    int32_t holds;                           /* guarded by the lock of trksession_hold */
+    std::atomic<int32_t> cancelled;          /* building is to end */
 };
 
 #endif

@@ -1,0 +1,226 @@
+#include "plugin_call.h"
+
+#include <cerrno>
+
+#include "msglog.h"
+
+/* Depth, because a plug-in's thread may enter a second plug-in from a disconnection callback. */
+static thread_local int32_t call_depth;
+
+int32_t plugin_call_inside(void) noexcept { return call_depth > 0; }
+
+int32_t plugin_call_can_play(const mediasource_session* session) noexcept {
+    return session != nullptr && session->play_api != nullptr && session->play_session != nullptr;
+}
+
+int32_t plugin_call_can_browse(const mediasource_session* session) noexcept {
+    return session != nullptr && session->browse_api != nullptr &&
+           session->browse_session != nullptr;
+}
+
+static int32_t missing(void) noexcept {
+    errno = ENOTSUP;
+    return -1;
+}
+
+/* Entries that take the play session alone, or with one number. */
+static int32_t call_play(const mediasource_session* session,
+                         int32_t (*lyr_play_api::*entry)(void*) noexcept) noexcept {
+    if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result = (session->play_api->*entry)(session->play_session);
+    --call_depth;
+    return result;
+}
+
+static int32_t call_play_number(const mediasource_session* session,
+                                int32_t (*lyr_play_api::*entry)(void*, int32_t) noexcept,
+                                int32_t number) noexcept {
+    if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result = (session->play_api->*entry)(session->play_session, number);
+    --call_depth;
+    return result;
+}
+
+void* plugin_call_play_create(const lyr_play_api* api, int32_t ms_id, void* data) noexcept {
+    if (api == nullptr || api->create == nullptr) {
+        return nullptr;
+    }
+    ++call_depth;
+    void* handle = api->create(ms_id, data);
+    --call_depth;
+    return handle;
+}
+
+void* plugin_call_browse_create(const lyr_browse_api* api, int32_t ms_id, void* data) noexcept {
+    if (api == nullptr || api->create == nullptr) {
+        return nullptr;
+    }
+    ++call_depth;
+    void* handle = api->create(ms_id, data);
+    --call_depth;
+    return handle;
+}
+
+void plugin_call_play_destroy(const mediasource_session* session) noexcept {
+    (void)call_play(session, &lyr_play_api::destroy);
+}
+
+void plugin_call_browse_destroy(const mediasource_session* session) noexcept {
+    if (!plugin_call_can_browse(session) || session->browse_api->destroy == nullptr) {
+        return;
+    }
+    ++call_depth;
+    (void)session->browse_api->destroy(session->browse_session);
+    --call_depth;
+}
+
+int32_t plugin_call_attach(const mediasource_session* session, const medianode* node) noexcept {
+    if (!plugin_call_can_play(session) || session->play_api->attach_medianode == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result = session->play_api->attach_medianode(session->play_session, node);
+    --call_depth;
+    return result;
+}
+
+int32_t plugin_call_play(const mediasource_session* session) noexcept {
+    return call_play(session, &lyr_play_api::play);
+}
+
+int32_t plugin_call_pause(const mediasource_session* session) noexcept {
+    return call_play(session, &lyr_play_api::pause);
+}
+
+int32_t plugin_call_stop(const mediasource_session* session) noexcept {
+    return call_play(session, &lyr_play_api::stop);
+}
+
+int32_t plugin_call_set_rate(const mediasource_session* session, float rate) noexcept {
+    if (!plugin_call_can_play(session) || session->play_api->set_playback_rate == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result = session->play_api->set_playback_rate(session->play_session, rate);
+    --call_depth;
+    return result;
+}
+
+int32_t plugin_call_seek(const mediasource_session* session, int32_t position) noexcept {
+    return call_play_number(session, &lyr_play_api::seek, position);
+}
+
+int32_t plugin_call_next(const mediasource_session* session) noexcept {
+    return call_play(session, &lyr_play_api::next);
+}
+
+int32_t plugin_call_previous(const mediasource_session* session) noexcept {
+    return call_play(session, &lyr_play_api::previous);
+}
+
+int32_t plugin_call_shuffle(const mediasource_session* session, int32_t mode) noexcept {
+    return call_play_number(session, &lyr_play_api::shuffle, mode);
+}
+
+int32_t plugin_call_repeat(const mediasource_session* session, int32_t mode) noexcept {
+    return call_play_number(session, &lyr_play_api::repeat, mode);
+}
+
+/* Makes sure that a successful listing is what the contract says. A failed one hands nothing over,
+ * so an array left there is the plug-in's own mistake and not ours to free. */
+static int32_t checked_listing(int32_t result, const char* entry, int32_t* count,
+                               medianode** nodes) noexcept {
+    if (result != 0) {
+        *nodes = nullptr;
+        return result;
+    }
+    if (*count < 0 || (*count > 0 && *nodes == nullptr)) {
+        msglog(3, "Plug-in delivered %d nodes without records from %s", *count, entry);
+        *nodes = nullptr;
+        errno = EIO;
+        return -1;
+    }
+    if (*count == 0) {
+        free_medianodes(nodes, 0);
+    }
+    return 0;
+}
+
+int32_t plugin_call_browse(const mediasource_session* session, const char* node_id, int32_t offset,
+                           int32_t* count, medianode** nodes) noexcept {
+    *nodes = nullptr;
+    if (!plugin_call_can_browse(session) || session->browse_api->browse == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result =
+        session->browse_api->browse(session->browse_session, node_id, offset, count, nodes);
+    --call_depth;
+    return checked_listing(result, "browse", count, nodes);
+}
+
+int32_t plugin_call_search(const mediasource_session* session, const char* filter, const char* key,
+                           int32_t offset, int32_t* count, medianode** nodes) noexcept {
+    *nodes = nullptr;
+    if (!plugin_call_can_browse(session) || session->browse_api->search == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result =
+        session->browse_api->search(session->browse_session, filter, key, offset, count, nodes);
+    --call_depth;
+    return checked_listing(result, "search", count, nodes);
+}
+
+int32_t plugin_call_get_metadata(const mediasource_session* session, const char* node_id,
+                                 metadata** data) noexcept {
+    *data = nullptr;
+    if (!plugin_call_can_browse(session) || session->browse_api->get_metadata == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result =
+        session->browse_api->get_metadata(session->browse_session, node_id, data);
+    --call_depth;
+    return result;
+}
+
+int32_t plugin_call_get_extended_metadata(const mediasource_session* session, const char* node_id,
+                                          const char* const* keys, char** values) noexcept {
+    if (!plugin_call_can_browse(session) ||
+        session->browse_api->get_extended_metadata == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result = session->browse_api->get_extended_metadata(session->browse_session,
+                                                                      node_id, keys, values);
+    --call_depth;
+    return result;
+}
+
+int32_t plugin_call_update_medianodes(const mediasource_session* session, int32_t count,
+                                      medianode* nodes) noexcept {
+    if (!plugin_call_can_browse(session) || session->browse_api->update_medianodes == nullptr) {
+        return missing();
+    }
+    ++call_depth;
+    const int32_t result =
+        session->browse_api->update_medianodes(session->browse_session, count, nodes);
+    --call_depth;
+    return result;
+}
+
+void plugin_call_cancel_browse(const mediasource_session* session) noexcept {
+    if (!plugin_call_can_browse(session) || session->browse_api->cancel_browse == nullptr) {
+        return;
+    }
+    ++call_depth;
+    (void)session->browse_api->cancel_browse(session->browse_session);
+    --call_depth;
+}

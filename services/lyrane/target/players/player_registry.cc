@@ -1,0 +1,251 @@
+#include "player_registry.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "mediasource.h"
+#include "msglog.h"
+#include "nowplaying.h"
+#include "player_commands.h"
+#include "player_pin.h"
+#include "player_publish.h"
+#include "trksession_build.h"
+
+/* How long a forced close waits for one player's lock. */
+static constexpr time_t FORCE_CLOSE_WAIT_SECONDS = 5;
+
+/* The name becomes a directory and part of messages to others, so what would change their meaning
+ * is refused; which bytes it is written in is the client's affair. */
+static bool usable_name(const char* name) noexcept {
+    const size_t length = strlen(name);
+    if (length == 0 || length > PLAYER_NAME_MAX || name[0] == '.') {
+        return false;
+    }
+    for (const char* p = name; *p != '\0'; ++p) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c < 0x20 || c == 0x7F || c == '/' || c == '?') {
+            return false;
+        }
+    }
+    return true;
+}
+
+static player* player_make(control_block* control, const char* name) noexcept {
+    void* memory = calloc(1, sizeof(player));
+    char* own_name = strdup(name);
+    if (memory == nullptr || own_name == nullptr) {
+        msglog(1, "Cannot allocate memory");
+        return nullptr;
+    }
+    player* made = new (memory) player();
+    vel_mutex_init(&made->lock);
+    vel_mutex_init(&made->np_lock);
+    pthread_cond_init(&made->np_cond, nullptr);
+    made->name = own_name;
+    made->control = control;
+    made->config = control->player_cfg;
+    made->playback_rate = 1.0F;
+    made->shuffle_mode = LYR_SHUFFLE_OFF;
+    made->repeat_mode = LYR_REPEAT_OFF;
+    made->status = LYR_STATUS_IDLE;
+    {
+        vel_lock_guard guard(made->np_lock);
+        made->np_fd = -1; /* before anybody can write to it */
+    }
+    return made;
+}
+
+/* The writers that every player has, in the order in which they are made and closed. */
+struct writer_entry {
+    const char* object;
+    lyr_ppswriter* player::*field;
+};
+static const writer_entry writers[] = {{"state", &player::state_writer},
+                                       {"status", &player::status_writer},
+                                       {"mediasource", &player::mediasource_writer},
+                                       {"trksession", &player::trksession_writer}};
+
+static void withdraw_objects(player* player) noexcept {
+    for (const writer_entry& entry : writers) {
+        if (player->*entry.field != nullptr) {
+            lyr_ppswriter_close(player->*entry.field);
+            player->*entry.field = nullptr;
+        }
+    }
+    if (player->ppsdir != nullptr) {
+        (void)lyr_ppsdir_remove(player->ppsdir);
+        player->ppsdir = nullptr;
+    }
+}
+
+/* 0, or -1 with errno set and nothing left behind. */
+static int32_t publish_objects(control_block* control, player* player) noexcept {
+    int32_t error = 0;
+    player->ppsdir = lyr_ppsdir_create(control->ppsroot, player->name, 0777, &error);
+    for (const writer_entry& entry : writers) {
+        if (player->ppsdir == nullptr) {
+            break;
+        }
+        player->*entry.field = lyr_ppswriter_create(player->ppsdir, entry.object, -1, &error);
+        if (player->*entry.field == nullptr) {
+            withdraw_objects(player);
+        }
+    }
+    if (player->ppsdir == nullptr) {
+        errno = error;
+        return -1;
+    }
+    player_publish_state(player);
+    return 0;
+}
+
+/* Makes a player and enters it. Null with errno set. */
+static player* player_add(control_block* control, const char* name) noexcept
+    VEL_REQUIRES(control->players_lock) {
+    if (control->players.count >= PLAYERS_MAX) {
+        msglog(3, "Player %s refused: %d players are open", name, control->players.count);
+        errno = ENFILE;
+        return nullptr;
+    }
+    player* made = player_make(control, name);
+    if (made == nullptr || publish_objects(control, made) != 0) {
+        const int error = errno;
+        if (made != nullptr) {
+            player_free(made);
+        }
+        errno = error;
+        return nullptr;
+    }
+    if (array_push(0, &control->players, made) < 0) {
+        msglog(1, "Cannot allocate memory");
+        return nullptr;
+    }
+    made->pins = 1; /* the registry's */
+    return made;
+}
+
+static player* player_open_locked(control_block* control, const char* name) noexcept
+    VEL_REQUIRES(control->players_lock) {
+    const int32_t position = players_find(&control->players, name);
+    player* found = position >= 0 ? static_cast<player*>(control->players.items[position])
+                                  : player_add(control, name);
+    if (found == nullptr) {
+        return nullptr;
+    }
+    if (found->clients >= PLAYER_CLIENTS_MAX) {
+        msglog(3, "Too many clients connected to Player %s now (max 32)", name);
+        return nullptr;
+    }
+    ++found->clients;
+    return found;
+}
+
+/* Everything that others can see of a player goes here, before close returns: sessions, objects,
+ * directory. What stays is the memory, for those who still hold a pin. */
+static void player_tear_down(player* player) noexcept VEL_REQUIRES(player->lock) {
+    (void)player_destroy_trksession(player);
+    while (player->ms_sessions.count > 0) {
+        auto* session = static_cast<mediasource_session*>(array_pop(0, &player->ms_sessions));
+        mediasource_session_destroy(&session);
+    }
+    withdraw_objects(player);
+    player->closed = 1;
+}
+
+/* Takes the lock before the deadline; false when it passed. */
+static bool lock_until(player* player, const timespec* deadline) noexcept
+    VEL_TRY_ACQUIRE(true, player->lock) VEL_NO_TSA /* clang does not know the native call */ {
+    return pthread_mutex_clocklock(&player->lock.native, CLOCK_MONOTONIC, deadline) == 0;
+}
+
+extern "C" {
+
+player* player_open(control_block* control, const char* name) noexcept {
+    if (!usable_name(name)) {
+        msglog(3, "Player refused: its name cannot be used (empty, too long, '.', '/', '?' or "
+                  "control characters)");
+        errno = EINVAL;
+        return nullptr;
+    }
+    vel_lock_guard guard(control->players_lock);
+    return player_open_locked(control, name);
+}
+
+int32_t player_close(control_block* control, const char* name) noexcept {
+    player* last = nullptr;
+    {
+        vel_lock_guard guard(control->players_lock);
+        const int32_t position = players_find(&control->players, name);
+        if (position < 0) {
+            msglog(3, "There is no Player %s to be closed", name);
+            return 0;
+        }
+        last = static_cast<player*>(control->players.items[position]);
+        if (--last->clients != 0) {
+            msglog(5, "There are still other clients connected to Player %s", name);
+            return 0;
+        }
+        (void)array_delete(0, &control->players, position); /* its pin is ours now */
+    }
+    {
+        vel_lock_guard guard(last->lock);
+        if (last->status == LYR_STATUS_PLAYING) {
+            (void)player_stop(last);
+        }
+        player_tear_down(last);
+    }
+    nowplaying_release(last);
+    player_unpin(last);
+    return 0;
+}
+
+int32_t players_find(const pointer_array* players, const char* name) noexcept {
+    for (int32_t i = 0; i < players->count; ++i) {
+        if (strcmp(static_cast<const player*>(players->items[i])->name, name) == 0) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+int32_t players_force_close(control_block* control) noexcept {
+    for (;;) {
+        player* last = nullptr;
+        {
+            vel_lock_guard guard(control->players_lock);
+            if (control->players.count > 0) {
+                last = static_cast<player*>(array_pop(0, &control->players));
+            }
+        }
+        if (last == nullptr) {
+            return 0;
+        }
+        timespec deadline = {};
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        deadline.tv_sec += FORCE_CLOSE_WAIT_SECONDS;
+        if (!lock_until(last, &deadline)) {
+            msglog(3, "Player %s is busy in a plug-in and is left behind", last->name);
+            continue;
+        }
+        player_tear_down(last);
+        vel_mutex_unlock(&last->lock);
+        nowplaying_release(last);
+        player_unpin(last);
+    }
+}
+}
+
+player* player_open_pinned(control_block* control, const char* name) noexcept {
+    if (!usable_name(name)) {
+        return player_open(control, name); /* says why */
+    }
+    vel_lock_guard guard(control->players_lock);
+    player* opened = player_open_locked(control, name);
+    if (opened != nullptr) {
+        ++opened->pins;
+    }
+    return opened;
+}

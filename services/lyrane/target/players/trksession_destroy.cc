@@ -1,0 +1,106 @@
+/* Destroying a track session. */
+#include "trksession_build.h"
+
+#include <cstdlib>
+#include <ctime>
+
+#include "msglog.h"
+#include "player_commands.h"
+#include "player_publish.h"
+#include "plugin_call.h"
+#include "trksession_hold.h"
+
+/* Between two attempts to end a browse that did not hear the first one. */
+static constexpr long CANCEL_AGAIN_NS = 20L * 1000 * 1000;
+
+/* False when the time passed and the thread may still be inside the plug-in. The build thread
+ * takes the same lock for its last word. */
+static bool build_over_soon(trksession* session) noexcept
+    VEL_NO_TSA /* a condition variable waits with the lock */ {
+    vel_lock_guard guard(session->lock);
+    timespec deadline = {};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_nsec += CANCEL_AGAIN_NS;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_nsec -= 1000000000L;
+        ++deadline.tv_sec;
+    }
+    while (session->build_done == 0) {
+        if (pthread_cond_clockwait(&session->build_over, &session->lock.native, CLOCK_MONOTONIC,
+                                   &deadline) != 0) {
+            return session->build_done != 0;
+        }
+    }
+    return true;
+}
+
+/* Ends the build thread. The flag comes first: it stops the walk between two pages, where a cancel
+ * finds no browse to end; and a cancel may fall between the thread's look at the flag and its
+ * call, so it is repeated until the thread has left. */
+static void end_build(trksession* session) noexcept {
+    session->cancelled = 1;
+    plugin_call_cancel_browse(session->ms_session);
+    if (session->build_started == 0) {
+        return;
+    }
+    while (!build_over_soon(session)) {
+        plugin_call_cancel_browse(session->ms_session);
+    }
+    pthread_join(session->build_thread, nullptr);
+    session->build_started = 0;
+}
+
+static void free_tracks(trksession* session) noexcept VEL_REQUIRES(session->lock) {
+    free_medianodes(&session->tracks, session->length);
+    session->destroyed = 1;
+}
+
+static void forget_order(trksession* session) noexcept VEL_REQUIRES(session->lock) {
+    session->length = 0;
+    session->capacity = 0;
+    free(session->order);
+    free(session->inverse_order);
+    session->order = nullptr;
+    session->inverse_order = nullptr;
+    session->trk_id = -1;
+}
+
+static void reset_player(player* player) noexcept VEL_REQUIRES(player->lock) {
+    if (player->track_writer != nullptr) {
+        (void)lyr_ppswriter_remove(player->track_writer);
+        player->track_writer = nullptr;
+    }
+    player->status = LYR_STATUS_IDLE;
+    player->shuffle_mode = LYR_SHUFFLE_OFF;
+    player->playback_rate = 1.0F;
+    player->repeat_mode = LYR_REPEAT_OFF;
+    player->error_run = 0;
+    player_publish_state(player);
+}
+
+extern "C" {
+
+int32_t player_destroy_trksession(player* player) noexcept {
+    msglog(7, "Destroy current trksession");
+    trksession* session = player->trksession;
+    if (session == nullptr) {
+        return 0;
+    }
+    const int32_t status = player->status;
+    if (status != LYR_STATUS_STOPPED && status != LYR_STATUS_IDLE && player_stop(player) != 0) {
+        msglog(3, "Calling player_stop() failed");
+    }
+    end_build(session);
+    {
+        vel_lock_guard guard(session->lock);
+        const int32_t length = session->length;
+        free_tracks(session);
+        player_publish_trksession(player, TRKSESSION_DESTROYED, length, session->ts_id);
+        reset_player(player);
+        forget_order(session);
+    }
+    trksession_set(player, nullptr);
+    trksession_release(session);
+    return 0;
+}
+}

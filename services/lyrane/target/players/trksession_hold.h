@@ -1,0 +1,24 @@
+/* Reading a player's track session without the player lock.
+ *
+ * A hold keeps the record's memory; one leaf lock covers the player's pointer and the count, and
+ * nothing is called inside it. Who holds a session takes its lock and finds it either whole or
+ * marked `destroyed`. */
+#ifndef LYRANE_TRKSESSION_HOLD_H
+#define LYRANE_TRKSESSION_HOLD_H
+
+#include <cstdint>
+
+#include "player.h"
+#include "trksession.h"
+
+/* The player's session with a hold for the caller, or null. [any thread] */
+trksession* trksession_hold(player* player) noexcept;
+
+/* Gives a hold back; the last one frees the record. Accepts null. */
+void trksession_release(trksession* session) noexcept;
+
+/* Makes `session` (holding its first hold, or null) the player's; the caller holds the player
+ * lock and has dealt with an earlier one. */
+void trksession_set(player* player, trksession* session) noexcept;
+
+#endif
