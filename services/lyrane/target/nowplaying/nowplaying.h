@@ -26,10 +26,6 @@ void nowplaying_release(player* player) noexcept;
 
 /* Reports "playing", "paused" or "stopped". */
 void nowplaying_state(player* player, const char* state) noexcept;
-
-/* Registers the player as a client of the arbiter. */
-void nowplaying_register(player* player, const char* name, const char* prio, const char* audio,
-                         const char* overlay) noexcept;
 }
 
 #endif

@@ -1,0 +1,33 @@
+/* The packed form of records in replies: fixed-width integers in native byte order, then strings
+ * as an i32 length (-1: absent) and their bytes; records back to back. The decoders are in
+ * <lyrane/client.h>. */
+#ifndef LYRANE_RECORD_ENCODE_H
+#define LYRANE_RECORD_ENCODE_H
+
+#include <cstdint>
+
+#include <lyrane/records.h>
+
+constexpr int32_t PACKED_MEDIA_SOURCE_SIZE = 32; /* bytes without those of the strings */
+constexpr int32_t PACKED_MEDIA_NODE_SIZE = 24;
+constexpr int32_t PACKED_METADATA_SIZE = 48;
+
+extern "C" {
+
+/* Writes `count` records to `buffer`, which has room for their packed size, and stores the bytes
+ * written. Null records or a count below 1 write nothing. */
+void pack_media_source(const mediasource* sources, int32_t count, void* buffer,
+                       int32_t* size) noexcept;
+void pack_media_node(const medianode* nodes, int32_t count, void* buffer, int32_t* size) noexcept;
+void pack_metadata(const metadata* data, int32_t count, void* buffer, int32_t* size) noexcept;
+
+/* Packed size in bytes; 0 for null or a count below 1, -1 with errno EOVERFLOW when it does not
+ * fit the result. */
+int32_t compute_media_node_size(const medianode* nodes, int32_t count) noexcept;
+int32_t compute_metadata_size(const metadata* data, int32_t count) noexcept;
+}
+
+/* The same for media sources. */
+int32_t compute_media_source_size(const mediasource* sources, int32_t count) noexcept;
+
+#endif
