@@ -29,9 +29,9 @@ struct prefix {
     path_kind kind;
 };
 constexpr prefix PREFIXES[] = {
-    {"/pps", path_kind::runtime},         {"/sys/csm", path_kind::runtime},
-    {"/dev/sqldb", path_kind::runtime},   {"/dev/authman", path_kind::runtime},
-    {"/fs/tmpfs", path_kind::runtime},    {"/db", path_kind::state},
+    {"/pps", path_kind::runtime},       {"/sys/csm", path_kind::runtime},
+    {"/dev/sqldb", path_kind::runtime}, {"/dev/authman", path_kind::runtime},
+    {"/fs/tmpfs", path_kind::runtime},  {"/db", path_kind::state},
     {"/var/db", path_kind::state},
 };
 

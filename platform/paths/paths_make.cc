@@ -131,8 +131,7 @@ int32_t paths_make_roots(char* failed, size_t size) noexcept {
     const struct {
         const char* path;
         mode_t mode;
-    } wanted[] = {{paths_runtime_root(), RUNTIME_ROOT_MODE},
-                  {paths_state_root(), STATE_ROOT_MODE}};
+    } wanted[] = {{paths_runtime_root(), RUNTIME_ROOT_MODE}, {paths_state_root(), STATE_ROOT_MODE}};
     for (const auto& root : wanted) {
         if (make_root(root.path, root.mode) == 0) {
             continue;

@@ -84,8 +84,8 @@ size_t append_number(char* buffer, size_t length, size_t size, int number) {
 bool send_datagram(int32_t severity, const char* text, size_t text_length) {
     char header[TAG_SIZE + 40];
     size_t length = append(header, 0, sizeof header, "<", 1);
-    length = append_number(header, length, sizeof header,
-                           FACILITY_DAEMON | logger_severity(severity));
+    length =
+        append_number(header, length, sizeof header, FACILITY_DAEMON | logger_severity(severity));
     length = append(header, length, sizeof header, ">", 1);
     length = append(header, length, sizeof header, tag, strnlen(tag, TAG_SIZE));
     length = append(header, length, sizeof header, "[", 1);

@@ -49,16 +49,21 @@ TEST(pointer_array, inserts_and_deletes_in_order) {
         int32_t position;
         const char* after;
     } cases[] = {
-        {"", 'x', 7, "x"},     {"ab", 'x', 0, "xab"}, {"ab", 'x', 1, "axb"},
-        {"ab", 'x', 2, "abx"}, {"abcdefgh", 'x', 3, "abcxdefgh"}, /* moves while it grows */
-        {"abc", -1, 0, "bc"},  {"abc", -1, 1, "ac"},  {"abc", -1, 2, "ab"},
+        {"", 'x', 7, "x"},
+        {"ab", 'x', 0, "xab"},
+        {"ab", 'x', 1, "axb"},
+        {"ab", 'x', 2, "abx"},
+        {"abcdefgh", 'x', 3, "abcxdefgh"}, /* moves while it grows */
+        {"abc", -1, 0, "bc"},
+        {"abc", -1, 1, "ac"},
+        {"abc", -1, 2, "ab"},
         {"a", -1, 0, ""},
     };
     for (const auto& c : cases) {
         pointer_array array = array_of(c.before);
-        const int32_t count =
-            c.insert == -1 ? array_delete(0, &array, c.position)
-                           : array_insert(0, &array, c.position, entry(static_cast<char>(c.insert)));
+        const int32_t count = c.insert == -1 ? array_delete(0, &array, c.position)
+                                             : array_insert(0, &array, c.position,
+                                                            entry(static_cast<char>(c.insert)));
         EXPECT_EQ(text_of(array), c.after) << c.before << " at " << c.position;
         EXPECT_EQ(count, array.count);
         free(array.items);

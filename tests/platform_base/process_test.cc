@@ -93,7 +93,8 @@ std::string report_of_daemon(uint32_t flags, int* status) {
     const pid_t parent = fork();
     if (parent == 0) {
         close(ends[0]);
-        const int file = open("/", O_RDONLY | O_DIRECTORY); /* something else than the null device */
+        const int file =
+            open("/", O_RDONLY | O_DIRECTORY); /* something else than the null device */
         dup2(file, 0);
         daemon_report(ends[1], flags);
     }

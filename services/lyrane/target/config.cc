@@ -165,8 +165,7 @@ void parse(pps_decoder* decoder, const char* path, const config_text* text) {
     }
     const char* path_of_member = nullptr;
     for (int32_t i = 0; (path_of_member = pps_decoder_duplicate(decoder, i)) != nullptr; i++) {
-        msglog(3, "%s: \"%s\" is given more than once, the last one counts", path,
-               path_of_member);
+        msglog(3, "%s: \"%s\" is given more than once, the last one counts", path, path_of_member);
     }
 }
 

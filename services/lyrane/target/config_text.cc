@@ -36,8 +36,8 @@ bool reserve(config_text* text, size_t more) {
     }
     if (text->piece_count == text->piece_capacity) {
         const int32_t capacity = text->piece_capacity + PIECES_STEP;
-        config_piece* grown = static_cast<config_piece*>(reallocarray(
-            text->pieces, static_cast<size_t>(capacity), sizeof(config_piece)));
+        config_piece* grown = static_cast<config_piece*>(
+            reallocarray(text->pieces, static_cast<size_t>(capacity), sizeof(config_piece)));
         if (grown == nullptr) {
             return false;
         }
@@ -132,8 +132,7 @@ int32_t config_number(const char* text) noexcept {
         text++;
     }
     uint32_t magnitude = 0;
-    const std::from_chars_result result =
-        std::from_chars(text, text + strlen(text), magnitude);
+    const std::from_chars_result result = std::from_chars(text, text + strlen(text), magnitude);
     if (result.ec == std::errc::result_out_of_range) {
         magnitude = UINT32_MAX;
     }

@@ -95,17 +95,38 @@ void options(int argc, char** argv, control_block* control) noexcept {
     int option = 0;
     while ((option = getopt(argc, argv, "+bc:d:ls:P:t:T:U:v")) != -1) {
         switch (option) {
-        case 'b': control->background = 0; break;
-        case 'c': control->config_file = optarg; break;
-        case 'd': control->database = optarg; break;
-        case 'l': enable_lastmode(control); break;
-        case 's': control->service_name = optarg; break;
-        case 'P': control->priority = number_option(optarg, "priority", 'P'); break;
-        case 't': set_timer(control, optarg); break;
-        case 'T': control->tolerance = number_option(optarg, "tolerance", 'T'); break;
-        case 'U': set_user(control, optarg); break;
-        case 'v': control->verbosity++; break;
-        default: process_end(EXIT_FAILURE);
+        case 'b':
+            control->background = 0;
+            break;
+        case 'c':
+            control->config_file = optarg;
+            break;
+        case 'd':
+            control->database = optarg;
+            break;
+        case 'l':
+            enable_lastmode(control);
+            break;
+        case 's':
+            control->service_name = optarg;
+            break;
+        case 'P':
+            control->priority = number_option(optarg, "priority", 'P');
+            break;
+        case 't':
+            set_timer(control, optarg);
+            break;
+        case 'T':
+            control->tolerance = number_option(optarg, "tolerance", 'T');
+            break;
+        case 'U':
+            set_user(control, optarg);
+            break;
+        case 'v':
+            control->verbosity++;
+            break;
+        default:
+            process_end(EXIT_FAILURE);
         }
     }
 }

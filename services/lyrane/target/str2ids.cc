@@ -88,8 +88,8 @@ bool number_id(const char* text, uint32_t* id) {
     return true;
 }
 
-/* What a name that was not found may still be; `looked_up` is the outcome of the look-up. A database
- * that failed leaves its own error for a text that is no number either. */
+/* What a name that was not found may still be; `looked_up` is the outcome of the look-up. A
+ * database that failed leaves its own error for a text that is no number either. */
 bool id_without_name(int looked_up, const char* text, uint32_t* id) {
     const int database_error = errno;
     if (number_id(text, id)) {
