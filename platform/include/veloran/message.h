@@ -41,7 +41,8 @@
 
 struct message_channel;
 
-/* --- The wire ---------------------------------------------------------------------------------- */
+/* --- The wire ----------------------------------------------------------------------------------
+ */
 
 constexpr uint32_t MESSAGE_FRAME_ERROR = 0x1; /* `status` is an error number, there is no data */
 constexpr uint32_t MESSAGE_FRAME_MORE = 0x2;  /* the reply goes on in the next packet */
@@ -82,7 +83,8 @@ constexpr int32_t MESSAGE_NAMES_MAX = 16; /* names of one channel */
  * unread; its connection is ended instead. */
 constexpr size_t MESSAGE_OUTPUT_MAX = size_t{256} << 20;
 
-/* --- Channels ---------------------------------------------------------------------------------- */
+/* --- Channels ----------------------------------------------------------------------------------
+ */
 
 /* Codes of pulses. */
 constexpr int32_t MESSAGE_PULSE_WAKE = -32;       /* somebody called message_wake */
@@ -143,8 +145,8 @@ int32_t message_wake(message_channel* channel) noexcept;
  * (the client has gone, or the message was answered before), EMSGSIZE (too long, nothing was sent),
  * EPIPE (the client has gone while it was sent), ENOMEM, ENOBUFS (no room for what the client does
  * not take; its connection is ended). */
-int32_t message_reply(message_channel* channel, int64_t rcvid, int32_t status,
-                      const iovec* vector, int32_t count) noexcept;
+int32_t message_reply(message_channel* channel, int64_t rcvid, int32_t status, const iovec* vector,
+                      int32_t count) noexcept;
 
 /* Answers a message with an error number above 0. Results as message_reply. */
 int32_t message_error(message_channel* channel, int64_t rcvid, int32_t error) noexcept;
@@ -158,8 +160,7 @@ int32_t message_take_event_channel(message_channel* channel, int64_t rcvid) noex
 /* Sends MESSAGE_EVENT_SIZE bytes to the event channel of the client of a receive id, which may have
  * been answered and given up. Never blocks. -1: ESRCH (gone), ENXIO (no event channel), EAGAIN (the
  * client does not read its events; this one is lost), or what sending failed with. */
-int32_t message_deliver_event(message_channel* channel, int64_t rcvid,
-                              const void* event) noexcept;
+int32_t message_deliver_event(message_channel* channel, int64_t rcvid, const void* event) noexcept;
 
 /* The connection that a receive id belongs to. */
 int32_t message_rcvid_scoid(int64_t rcvid) noexcept;
@@ -189,7 +190,8 @@ int32_t message_name_attach(message_channel* channel, const char* path, int32_t 
 /* Takes all names off: nobody can connect any more, the files are removed, the locks released. */
 void message_name_detach_all(message_channel* channel) noexcept;
 
-/* --- Clients ----------------------------------------------------------------------------------- */
+/* --- Clients -----------------------------------------------------------------------------------
+ */
 
 /* A client's end of a connection. Not safe for several threads at once: its owner takes turns. Not
  * to be used on both sides of a fork. */

@@ -1,0 +1,127 @@
+/* The records behind a channel, shared by the files of this folder.
+ *
+ * Life of a connection: made by accept, found by its id in the channel's table, taken out of the
+ * table by message_detach, freed when the last pin on it goes. `busy` hands it to one receiving
+ * thread at a time: from the moment that thread picks it up until message_done or message_detach.
+ *
+ * Locks: the channel lock guards the table and the state of hand-over; a connection's send lock
+ * guards what is sent to it. They are never held together. */
+#ifndef VELORAN_MESSAGE_CHANNEL_H
+#define VELORAN_MESSAGE_CHANNEL_H
+
+#include <atomic>
+#include <cstdint>
+
+#include <veloran/lock.h>
+#include <veloran/message.h>
+
+/* A reply that the client did not take at once; one allocation, the data behind it. */
+struct message_output {
+    message_frame frame; /* of all its packets, flags aside */
+    size_t size;         /* bytes of data */
+    size_t sent;
+};
+
+struct message_connection {
+    /* Constant. */
+    int32_t scoid = 0;
+    int fd = -1; /* non-blocking */
+    pid_t pid = 0;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    size_t packet_size = 0; /* most bytes of one packet to this client */
+
+    /* Guarded by the channel lock. */
+    message_connection* next = nullptr; /* in its bucket */
+    int32_t pins = 0;                   /* users outside the channel lock */
+    bool busy = false;     /* one of its messages, or its end, is in a receiver's hands */
+    bool detached = false; /* out of the table */
+    bool answered = true;  /* the message in hand, or the last one, is */
+    uint32_t sequence = 0; /* of that message */
+    uint32_t interest = 0; /* present epoll events; 0: not in the set */
+
+    /* The busy receiver's. */
+    int offered = -1;     /* descriptor that came with the message in hand, or -1 */
+    void* user = nullptr; /* message_info::user points here */
+
+    vel_mutex send_lock;
+    message_output* output VEL_GUARDED_BY(send_lock) = nullptr; /* owned */
+    int event_fd VEL_GUARDED_BY(send_lock) = -1;                /* -1: none */
+    bool failed VEL_GUARDED_BY(send_lock) = false;              /* nothing more can be sent */
+    std::atomic<bool> output_pending{false};                    /* output is not null */
+};
+
+struct message_name {
+    int listen_fd = -1; /* -1: free entry */
+    int dir_fd = -1;
+    int lock_fd = -1;
+    dev_t device = 0; /* of the socket file */
+    ino_t inode = 0;
+    char leaf[108] = "";
+};
+
+constexpr int32_t MESSAGE_BUCKETS = 1024;
+
+struct message_channel {
+    int epoll_fd = -1;
+    int wake_fd = -1;
+    int32_t limit = 0; /* connections */
+    std::atomic<size_t> output_bytes{0};
+    std::atomic<bool> accept_paused{false}; /* written under lock */
+
+    vel_mutex lock;
+    message_connection* buckets[MESSAGE_BUCKETS] VEL_GUARDED_BY(lock) = {};
+    int32_t connections VEL_GUARDED_BY(lock) = 0; /* in the table */
+    int32_t last_scoid VEL_GUARDED_BY(lock) = 0;
+    message_name names[MESSAGE_NAMES_MAX] VEL_GUARDED_BY(lock);
+};
+
+/* What an epoll entry stands for: the kind in the upper half, an id or an index in the lower. */
+constexpr uint64_t MESSAGE_ENTRY_CONNECTION = 0;
+constexpr uint64_t MESSAGE_ENTRY_WAKE = uint64_t{1} << 32;
+constexpr uint64_t MESSAGE_ENTRY_NAME = uint64_t{2} << 32;
+constexpr uint64_t MESSAGE_ENTRY_KIND = ~uint64_t{0} << 32;
+
+constexpr int64_t message_rcvid(int32_t scoid, uint32_t sequence) {
+    return (int64_t{scoid} << 32) | sequence;
+}
+
+/* Connections (message_connection.cc). */
+
+message_connection* message_find(message_channel* channel, int32_t scoid) noexcept
+    VEL_REQUIRES(channel->lock);
+/* Enters a new connection into table and epoll set and gives it its id. False with errno set. */
+bool message_enter(message_channel* channel, message_connection* connection) noexcept
+    VEL_REQUIRES(channel->lock);
+/* Makes the epoll set wait for what the connection can go on with: room for its pending output,
+ * else its next message. Nothing while it is busy. */
+void message_update_interest(message_channel* channel, message_connection* connection) noexcept
+    VEL_REQUIRES(channel->lock);
+/* Takes it out of the epoll set until message_update_interest. */
+void message_park(message_channel* channel, message_connection* connection) noexcept
+    VEL_REQUIRES(channel->lock);
+/* Lets go of a pin that the caller took under the lock. */
+void message_unpin(message_channel* channel, message_connection* connection) noexcept
+    VEL_EXCLUDES(channel->lock);
+/* Frees a connection that nobody can reach. */
+void message_connection_free(message_channel* channel, message_connection* connection) noexcept;
+
+/* Accepting (message_accept.cc). */
+
+/* Connections that the process's descriptor limit allows; raises the soft limit first. */
+int32_t message_connection_limit(void) noexcept;
+/* Takes one newcomer from a name, or refuses it, or pauses accepting when descriptors ran out. */
+void message_accept(message_channel* channel, uint32_t name) noexcept VEL_EXCLUDES(channel->lock);
+void message_accept_resume(message_channel* channel) noexcept VEL_REQUIRES(channel->lock);
+
+/* Sending (message_reply.cc). Goes on with pending output. */
+void message_flush(message_channel* channel, message_connection* connection) noexcept
+    VEL_EXCLUDES(channel->lock);
+/* Drops pending output. */
+void message_output_drop(message_channel* channel, message_connection* connection) noexcept
+    VEL_REQUIRES(connection->send_lock);
+
+/* Closes a descriptor, if there is one, and forgets it. errno stays. */
+void message_close(int* fd) noexcept;
+
+#endif

@@ -1,0 +1,89 @@
+/* Event channels: how a server tells a client something that it did not just ask for. */
+#include "message_channel.h"
+
+#include <cerrno>
+
+#include <sys/socket.h>
+
+namespace {
+
+/* Is this one end of a pair of sockets that the client's user made? Anything else could block us,
+ * or make us speak with our rights to somebody who only listens to us because of them. */
+bool is_event_channel(int fd, uid_t client) {
+    int domain = 0;
+    int type = 0;
+    int listening = 0;
+    ucred maker{};
+    socklen_t size = sizeof(int);
+    socklen_t maker_size = sizeof maker;
+    return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX &&
+           getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET &&
+           getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening == 0 &&
+           getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &maker, &maker_size) == 0 && maker.uid == client;
+}
+
+/* The connection of a receive id, pinned; null when it has gone. `in_hand`: only while the message
+ * is being handled. */
+message_connection* pin(message_channel* channel, int64_t rcvid, bool in_hand) {
+    vel_lock_guard guard(channel->lock);
+    message_connection* connection = message_find(channel, message_rcvid_scoid(rcvid));
+    if (connection == nullptr ||
+        (in_hand && (!connection->busy || connection->sequence != static_cast<uint32_t>(rcvid)))) {
+        return nullptr;
+    }
+    connection->pins += 1;
+    return connection;
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t message_take_event_channel(message_channel* channel, int64_t rcvid) noexcept {
+    message_connection* connection = pin(channel, rcvid, true);
+    if (connection == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    const bool good =
+        connection->offered < 0 || is_event_channel(connection->offered, connection->uid);
+    if (good) {
+        vel_lock_guard guard(connection->send_lock);
+        message_close(&connection->event_fd);
+        connection->event_fd = connection->offered;
+        connection->offered = -1;
+    }
+    message_unpin(channel, connection);
+    if (!good) {
+        errno = EINVAL;
+        return -1;
+    }
+    return 0;
+}
+
+int32_t message_deliver_event(message_channel* channel, int64_t rcvid, const void* event) noexcept {
+    message_connection* connection = pin(channel, rcvid, false);
+    if (connection == nullptr) {
+        errno = ESRCH;
+        return -1;
+    }
+    int error = ENXIO;
+    {
+        vel_lock_guard guard(connection->send_lock);
+        if (connection->event_fd >= 0) {
+            ssize_t sent;
+            do {
+                sent = ::send(connection->event_fd, event, MESSAGE_EVENT_SIZE,
+                              MSG_DONTWAIT | MSG_NOSIGNAL);
+            } while (sent < 0 && errno == EINTR);
+            error = sent < 0 ? errno : 0;
+        }
+    }
+    message_unpin(channel, connection);
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
+}

@@ -1,0 +1,190 @@
+/* Receiving: one message of one client at a time, clients in turn. */
+#include "message_channel.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+/* While accepting is paused for want of descriptors it is tried again after this time: another
+ * part of the process may have given some back. */
+constexpr int ACCEPT_RETRY_MS = 1000;
+
+enum class outcome { message, end, nothing };
+
+/* Keeps the first descriptor that came with a packet and closes the others. The control buffer has
+ * room for one; more cannot get in on this system, and would not harm. */
+void take_descriptors(msghdr* packet, message_connection* connection) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(packet); part != nullptr; part = CMSG_NXTHDR(packet, part)) {
+        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd;
+            memcpy(&fd, CMSG_DATA(part) + i * sizeof fd, sizeof fd);
+            if (connection->offered < 0) {
+                connection->offered = fd;
+            } else {
+                message_close(&fd);
+            }
+        }
+    }
+}
+
+/* After a read of no bytes: has the client ended its sending, with nothing more to read? */
+bool sending_has_ended(int fd) {
+    pollfd entry{fd, POLLRDHUP, 0};
+    if (poll(&entry, 1, 0) < 1 || (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0) {
+        return false;
+    }
+    int waiting = 0;
+    return ioctl(fd, FIONREAD, &waiting) != 0 || waiting == 0;
+}
+
+/* Reads the next message of a connection that the calling thread has made busy. */
+outcome read_message(message_connection* connection, const iovec* vector, int32_t count,
+                     ssize_t* length) {
+    message_close(&connection->offered);
+    for (;;) {
+        alignas(cmsghdr) unsigned char control[CMSG_LEN(sizeof(int))];
+        msghdr packet{};
+        packet.msg_iov = const_cast<iovec*>(vector);
+        packet.msg_iovlen = static_cast<size_t>(count);
+        packet.msg_control = control;
+        packet.msg_controllen = sizeof control;
+        *length = recvmsg(connection->fd, &packet, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
+        if (*length > 0) {
+            take_descriptors(&packet, connection);
+            return outcome::message;
+        }
+        if (*length == 0) {
+            take_descriptors(&packet, connection);
+            return sending_has_ended(connection->fd) ? outcome::end : outcome::message;
+        }
+        if (errno == EAGAIN) {
+            return outcome::nothing;
+        }
+        /* A client that went away with replies unread resets the connection, once; what it had
+         * sent is still there to be read. */
+        if (errno != EINTR && errno != ECONNRESET) {
+            return outcome::end;
+        }
+    }
+}
+
+void describe(message_connection* connection, message_info* info) {
+    *info = message_info{};
+    info->scoid = connection->scoid;
+    info->pid = connection->pid;
+    info->uid = connection->uid;
+    info->gid = connection->gid;
+    info->user = &connection->user;
+}
+
+/* Makes a connection busy for the calling thread; null when there is nothing to do with it. */
+message_connection* pick_up(message_channel* channel, int32_t scoid) {
+    vel_lock_guard guard(channel->lock);
+    message_connection* connection = message_find(channel, scoid);
+    if (connection == nullptr) {
+        return nullptr;
+    }
+    if (connection->busy) {
+        /* It has more to say while an earlier message is in other hands: message_done puts it back
+         * into the set, which would otherwise report it over and over. */
+        message_park(channel, connection);
+        return nullptr;
+    }
+    connection->busy = true;
+    return connection;
+}
+
+void put_down(message_channel* channel, message_connection* connection) {
+    vel_lock_guard guard(channel->lock);
+    connection->busy = false;
+    message_update_interest(channel, connection);
+}
+
+/* Handles a ready connection: sends on, or reads. False when nothing came of it. */
+bool serve(message_channel* channel, int32_t scoid, const iovec* vector, int32_t count,
+           message_info* info, int64_t* rcvid) {
+    message_connection* connection = pick_up(channel, scoid);
+    if (connection == nullptr) {
+        return false;
+    }
+    if (connection->output_pending.load(std::memory_order_acquire)) {
+        message_flush(channel, connection);
+        put_down(channel, connection);
+        return false;
+    }
+    ssize_t length;
+    const outcome result = read_message(connection, vector, count, &length);
+    if (result == outcome::nothing) {
+        put_down(channel, connection);
+        return false;
+    }
+    describe(connection, info);
+    if (result == outcome::end) {
+        info->pulse = MESSAGE_PULSE_DISCONNECT;
+        *rcvid = 0;
+        return true;
+    }
+    info->msglen = static_cast<int32_t>(length > INT32_MAX ? INT32_MAX : length);
+    vel_lock_guard guard(channel->lock);
+    connection->sequence += 1;
+    connection->answered = false;
+    *rcvid = message_rcvid(scoid, connection->sequence);
+    return true;
+}
+
+/* Takes one wake. False when another thread was faster. */
+bool take_wake(message_channel* channel, message_info* info) {
+    uint64_t value;
+    if (::read(channel->wake_fd, &value, sizeof value) != sizeof value) {
+        return false;
+    }
+    *info = message_info{};
+    info->pulse = MESSAGE_PULSE_WAKE;
+    return true;
+}
+
+} // namespace
+
+extern "C" int64_t message_receive(message_channel* channel, const iovec* vector, int32_t count,
+                                   message_info* info) noexcept {
+    for (;;) {
+        const bool paused = channel->accept_paused.load(std::memory_order_acquire);
+        epoll_event entry;
+        const int ready = epoll_wait(channel->epoll_fd, &entry, 1, paused ? ACCEPT_RETRY_MS : -1);
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -1;
+        }
+        if (ready == 0) {
+            vel_lock_guard guard(channel->lock);
+            message_accept_resume(channel);
+            continue;
+        }
+        const uint64_t kind = entry.data.u64 & MESSAGE_ENTRY_KIND;
+        const uint32_t id = static_cast<uint32_t>(entry.data.u64);
+        int64_t rcvid = 0;
+        if (kind == MESSAGE_ENTRY_NAME) {
+            message_accept(channel, id);
+        } else if (kind == MESSAGE_ENTRY_WAKE) {
+            if (take_wake(channel, info)) {
+                return 0;
+            }
+        } else if (serve(channel, static_cast<int32_t>(id), vector, count, info, &rcvid)) {
+            return rcvid;
+        }
+    }
+}

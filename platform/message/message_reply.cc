@@ -1,0 +1,222 @@
+/* Replies: sent at once as far as the client takes them, the rest as it reads. */
+#include "message_channel.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/socket.h>
+
+namespace {
+
+/* Pieces that are gathered without an allocation; workers use a handful. */
+constexpr int32_t PIECES_MAX = 16;
+/* A reply is a header and a body of at most INT32_MAX bytes. */
+constexpr size_t REPLY_MAX = size_t{INT32_MAX} + 28;
+
+/* Sends one packet. True when it has gone; false with errno. */
+bool send_packet(int fd, iovec* pieces, size_t count) {
+    msghdr packet{};
+    packet.msg_iov = pieces;
+    packet.msg_iovlen = count;
+    ssize_t sent;
+    do {
+        sent = sendmsg(fd, &packet, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent >= 0;
+}
+
+size_t data_per_packet(const message_connection* connection) {
+    return connection->packet_size - sizeof(message_frame);
+}
+
+/* Gathers bytes from..from+size of a vector into `out` (PIECES_MAX entries). The number of pieces,
+ * or 0 when there are too many. */
+size_t gather(const iovec* vector, int32_t count, size_t from, size_t size, iovec* out) {
+    size_t used = 0;
+    for (int32_t i = 0; i < count && size > 0; ++i) {
+        if (from >= vector[i].iov_len) {
+            from -= vector[i].iov_len;
+            continue;
+        }
+        if (used == PIECES_MAX) {
+            return 0;
+        }
+        const size_t part = std::min(vector[i].iov_len - from, size);
+        out[used++] = {static_cast<unsigned char*>(vector[i].iov_base) + from, part};
+        size -= part;
+        from = 0;
+    }
+    return used;
+}
+
+/* Copies the bytes of a vector behind `from` to `out`. */
+void copy_tail(const iovec* vector, int32_t count, size_t from, unsigned char* out) {
+    for (int32_t i = 0; i < count; ++i) {
+        const size_t skip = std::min(from, vector[i].iov_len);
+        from -= skip;
+        if (vector[i].iov_len > skip) {
+            memcpy(out, static_cast<unsigned char*>(vector[i].iov_base) + skip,
+                   vector[i].iov_len - skip);
+            out += vector[i].iov_len - skip;
+        }
+    }
+}
+
+/* Ends a connection to which a reply could not be given whole: a part of one is worse than none.
+ * Its receiver then finds the end. */
+void give_up(message_channel* channel, message_connection* connection)
+    VEL_REQUIRES(connection->send_lock) {
+    message_output_drop(channel, connection);
+    connection->failed = true;
+    (void)shutdown(connection->fd, SHUT_RDWR);
+}
+
+unsigned char* output_data(message_output* output) {
+    return reinterpret_cast<unsigned char*>(output + 1);
+}
+
+/* Keeps what is left of a reply. 0, or the error number. */
+int32_t keep_output(message_channel* channel, message_connection* connection,
+                    const message_frame& frame, const iovec* vector, int32_t count, size_t sent)
+    VEL_REQUIRES(connection->send_lock) {
+    const size_t size = frame.length - sent;
+    if (channel->output_bytes.load(std::memory_order_relaxed) > MESSAGE_OUTPUT_MAX) {
+        return ENOBUFS;
+    }
+    auto* output = static_cast<message_output*>(std::malloc(sizeof(message_output) + size));
+    if (output == nullptr) {
+        return ENOMEM;
+    }
+    *output = message_output{frame, size, 0};
+    copy_tail(vector, count, sent, output_data(output));
+    connection->output = output;
+    connection->output_pending.store(true, std::memory_order_release);
+    channel->output_bytes.fetch_add(size, std::memory_order_relaxed);
+    return 0;
+}
+
+/* Sends a reply as far as it goes and keeps the rest. 0, or the error number. */
+int32_t send_reply(message_channel* channel, message_connection* connection, message_frame frame,
+                   const iovec* vector, int32_t count) VEL_REQUIRES(connection->send_lock) {
+    if (connection->failed || connection->output != nullptr) {
+        return EPIPE;
+    }
+    size_t sent = 0;
+    bool whole = false;
+    while (!whole) {
+        const size_t part = std::min(frame.length - sent, data_per_packet(connection));
+        message_frame head = frame;
+        whole = sent + part == frame.length;
+        head.flags |= whole ? 0 : MESSAGE_FRAME_MORE;
+        iovec pieces[1 + PIECES_MAX];
+        pieces[0] = {&head, sizeof head};
+        const size_t used = gather(vector, count, sent, part, pieces + 1);
+        int32_t error = 0;
+        if (used == 0 && part > 0) {
+            /* Too many small pieces: make one of them all. It goes out the usual way. */
+            error = keep_output(channel, connection, frame, vector, count, sent);
+            whole = true;
+        } else if (!send_packet(connection->fd, pieces, 1 + used)) {
+            error = errno == EAGAIN ? keep_output(channel, connection, frame, vector, count, sent)
+                                    : errno;
+            whole = true;
+        }
+        if (error != 0) {
+            give_up(channel, connection);
+            return error;
+        }
+        sent += part;
+    }
+    return 0;
+}
+
+/* Finds the message of a receive id, marks it as answered and pins its connection. */
+message_connection* claim_answer(message_channel* channel, int64_t rcvid) {
+    vel_lock_guard guard(channel->lock);
+    message_connection* connection = message_find(channel, message_rcvid_scoid(rcvid));
+    if (connection == nullptr || connection->answered || !connection->busy ||
+        connection->sequence != static_cast<uint32_t>(rcvid)) {
+        return nullptr;
+    }
+    connection->answered = true;
+    connection->pins += 1;
+    return connection;
+}
+
+int32_t answer(message_channel* channel, int64_t rcvid, int32_t status, uint32_t flags,
+               const iovec* vector, int32_t count, size_t length) {
+    message_connection* connection = claim_answer(channel, rcvid);
+    if (connection == nullptr) {
+        errno = ESRCH;
+        return -1;
+    }
+    const message_frame frame{static_cast<uint32_t>(rcvid), status, flags,
+                              static_cast<uint32_t>(length)};
+    int32_t error;
+    {
+        vel_lock_guard guard(connection->send_lock);
+        error = send_reply(channel, connection, frame, vector, count);
+    }
+    if (connection->output_pending.load(std::memory_order_relaxed)) {
+        message_flush(channel, connection);
+    }
+    message_unpin(channel, connection);
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+void message_output_drop(message_channel* channel, message_connection* connection) noexcept {
+    if (connection->output != nullptr) {
+        channel->output_bytes.fetch_sub(connection->output->size, std::memory_order_relaxed);
+        std::free(connection->output);
+        connection->output = nullptr;
+        connection->output_pending.store(false, std::memory_order_release);
+    }
+}
+
+void message_flush(message_channel* channel, message_connection* connection) noexcept {
+    vel_lock_guard guard(connection->send_lock);
+    message_output* output = connection->output;
+    while (output != nullptr && output->sent < output->size) {
+        const size_t part = std::min(output->size - output->sent, data_per_packet(connection));
+        message_frame head = output->frame;
+        head.flags |= output->sent + part < output->size ? MESSAGE_FRAME_MORE : 0;
+        iovec pieces[2] = {{&head, sizeof head}, {output_data(output) + output->sent, part}};
+        if (!send_packet(connection->fd, pieces, 2)) {
+            if (errno != EAGAIN) {
+                give_up(channel, connection);
+            }
+            return;
+        }
+        output->sent += part;
+    }
+    message_output_drop(channel, connection);
+}
+
+extern "C" {
+
+int32_t message_reply(message_channel* channel, int64_t rcvid, int32_t status, const iovec* vector,
+                      int32_t count) noexcept {
+    size_t length = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        length += std::min(vector[i].iov_len, REPLY_MAX + 1);
+        if (length > REPLY_MAX) {
+            errno = EMSGSIZE;
+            return -1;
+        }
+    }
+    return answer(channel, rcvid, status, 0, vector, count, length);
+}
+
+int32_t message_error(message_channel* channel, int64_t rcvid, int32_t error) noexcept {
+    return answer(channel, rcvid, error, MESSAGE_FRAME_ERROR, nullptr, 0, 0);
+}
+}
