@@ -123,9 +123,9 @@ metadata* metadata_of(fake_state& state, int32_t ms_id, const std::string& id)
         return static_cast<int32_t>(words_to_number(words[key]).value_or(0));
     };
     metadata* data = static_cast<metadata*>(std::calloc(1, sizeof *data));
-    *data = {text("title"),   number("duration"), text("artwork"),  text("artist"),
-             text("album"),   text("genre"),      text("year"),     number("width"),
-             number("height"), number("disc"),    number("track"),  text("extra")};
+    *data = {text("title"),    number("duration"), text("artwork"), text("artist"),
+             text("album"),    text("genre"),      text("year"),    number("width"),
+             number("height"), number("disc"),     number("track"), text("extra")};
     return data;
 }
 
@@ -232,7 +232,8 @@ static int32_t fake_update(void* handle, int32_t count, medianode* nodes) noexce
         const int32_t ms_id = source_of(state, handle);
         for (int32_t i = 0; i < count; ++i) {
             tree_item item;
-            if (nodes[i].id != nullptr && tree_find(fake_tree_of(state, ms_id), nodes[i].id, item)) {
+            if (nodes[i].id != nullptr &&
+                tree_find(fake_tree_of(state, ms_id), nodes[i].id, item)) {
                 for (char* text : {nodes[i].id, nodes[i].name, nodes[i].url, nodes[i].ms_uid}) {
                     std::free(text);
                 }
@@ -260,6 +261,6 @@ static int32_t fake_cancel(void* handle) noexcept {
 
 } // namespace
 
-const lyr_browse_api fake_browse_entries = {
-    fake_browse_create, fake_browse_destroy, nullptr,     fake_browse, fake_search,
-    fake_metadata,      fake_extended,       fake_update, fake_cancel};
+const lyr_browse_api fake_browse_entries = {fake_browse_create, fake_browse_destroy, nullptr,
+                                            fake_browse,        fake_search,         fake_metadata,
+                                            fake_extended,      fake_update,         fake_cancel};

@@ -131,8 +131,8 @@ std::string line_of(const fake_call& call) {
            call_word("returned", call.returned ? 1 : 0) + '\n';
 }
 
-uint64_t calls_of(fake_state& state, const std::string& entry,
-                  const std::optional<std::string>& id, bool returned) VEL_REQUIRES(state.lock) {
+uint64_t calls_of(fake_state& state, const std::string& entry, const std::optional<std::string>& id,
+                  bool returned) VEL_REQUIRES(state.lock) {
     if (!id) {
         const fake_count count = state.counts[entry];
         return returned ? count.returned : count.entered;
@@ -195,8 +195,7 @@ std::optional<std::string> await(const fake_words& words, std::string& fault) {
     const auto id = words_text(words, "id");
     const bool returned = words_number(words, "returned").value_or(0) != 0;
     const int64_t limit = words_number(words, "timeout").value_or(WAIT_LIMIT);
-    const uint64_t wanted =
-        static_cast<uint64_t>(words_to_number(words_at(words, 2)).value_or(1));
+    const uint64_t wanted = static_cast<uint64_t>(words_to_number(words_at(words, 2)).value_or(1));
     if (!known_entry(entry) && entry.compare(0, 6, "event.") != 0) {
         fault = "no such entry: " + entry;
         return std::nullopt;

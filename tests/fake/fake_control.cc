@@ -15,10 +15,9 @@ namespace {
 using answer_text = std::optional<std::string>;
 
 void add_source(fake_state& state, const fake_words& words) VEL_REQUIRES(state.lock) {
-    constexpr uint64_t everything =
-        LYR_CAP_PLAY | LYR_CAP_PAUSE | LYR_CAP_NEXT | LYR_CAP_PREVIOUS | LYR_CAP_SEEK |
-        LYR_CAP_MODES | LYR_CAP_STOP | LYR_CAP_METADATA | LYR_CAP_SEARCH | LYR_CAP_BROWSE |
-        LYR_CAP_EXTENDED_METADATA;
+    constexpr uint64_t everything = LYR_CAP_PLAY | LYR_CAP_PAUSE | LYR_CAP_NEXT | LYR_CAP_PREVIOUS |
+                                    LYR_CAP_SEEK | LYR_CAP_MODES | LYR_CAP_STOP | LYR_CAP_METADATA |
+                                    LYR_CAP_SEARCH | LYR_CAP_BROWSE | LYR_CAP_EXTENDED_METADATA;
     const std::string& uid = words_at(words, 1);
     fake_source* known = fake_source_by_uid(state, uid);
     if (known == nullptr) {

@@ -1,7 +1,7 @@
 #include "fake_events.h"
 
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 
 #include "fake_calls.h"
 
@@ -60,8 +60,8 @@ int64_t connect_source(fake_state& state, const fake_job& job) {
     {
         vel_lock_guard guard(state.lock);
         callbacks = state.callbacks;
-        plugin_id = static_cast<int32_t>(
-            words_number(job.words, "plugin").value_or(state.plugin_id));
+        plugin_id =
+            static_cast<int32_t>(words_number(job.words, "plugin").value_or(state.plugin_id));
         const fake_source* source =
             fake_source_by_uid(state, words_text(job.words, "uid").value_or(""));
         if (source == nullptr) {
@@ -91,17 +91,16 @@ int64_t change_source(fake_state& state, const fake_job& job, const std::string&
         callbacks = state.callbacks;
         const fake_source* source =
             fake_source_by_uid(state, words_text(job.words, "uid").value_or(""));
-        id = source != nullptr
-                 ? source->id
-                 : static_cast<int32_t>(words_number(job.words, "id").value_or(-1));
+        id = source != nullptr ? source->id
+                               : static_cast<int32_t>(words_number(job.words, "id").value_or(-1));
     }
     const int64_t value = words_number(job.words, "value").value_or(0);
     if (kind == "disconnected") {
         return callbacks->mediasource_disconnected(id);
     }
-    return kind == "status" ? callbacks->mediasource_status_changed(id, static_cast<int32_t>(value))
-                            : callbacks->mediasource_capability_changed(
-                                  id, static_cast<uint64_t>(value));
+    return kind == "status"
+               ? callbacks->mediasource_status_changed(id, static_cast<int32_t>(value))
+               : callbacks->mediasource_capability_changed(id, static_cast<uint64_t>(value));
 }
 
 int64_t report_track(fake_state& state, const fake_job& job, const target& where) {
@@ -250,8 +249,7 @@ void* worker_body(void* argument) {
 
 /* Queues a job; the thread is made when it is first needed. */
 void enqueue(fake_state& state, const std::shared_ptr<fake_job>& job) VEL_REQUIRES(state.lock) {
-    const int32_t number =
-        static_cast<int32_t>(words_number(job->words, "thread").value_or(0));
+    const int32_t number = static_cast<int32_t>(words_number(job->words, "thread").value_or(0));
     const bool missing = state.workers.count(number) == 0;
     fake_worker& worker = state.workers[number];
     worker.jobs.push_back(job);
@@ -277,9 +275,8 @@ std::optional<std::string> wait_for(const std::shared_ptr<fake_job>& job, std::s
 
 /* Every option that an event knows counts as used, so that a misspelt one is found. */
 void mark_options(const fake_words& words) {
-    for (const char* key :
-         {"uid", "plugin", "nouid", "id", "value", "node", "shuffle", "repeat", "status", "rate",
-          "session", "data", "thread", "nowait", "repeat"}) {
+    for (const char* key : {"uid", "plugin", "nouid", "id", "value", "node", "shuffle", "repeat",
+                            "status", "rate", "session", "data", "thread", "nowait", "repeat"}) {
         words_text(words, key);
     }
 }

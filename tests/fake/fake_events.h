@@ -11,10 +11,10 @@
 #include "fake_words.h"
 
 struct fake_job {
-    fake_words words;      /* the event: KIND first */
-    uint64_t session = 0;  /* what session=this means */
+    fake_words words;       /* the event: KIND first */
+    uint64_t session = 0;   /* what session=this means */
     bool automatic = false; /* made by the plug-in itself: dropped when the session has ended */
-    bool done = false;     /* guarded by the state's lock, as is result */
+    bool done = false;      /* guarded by the state's lock, as is result */
     int64_t result = -1;
 };
 

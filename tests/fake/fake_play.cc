@@ -179,6 +179,6 @@ static int32_t fake_repeat(void* handle, int32_t mode) noexcept {
 } // namespace
 
 const lyr_play_api fake_play_entries = {
-    fake_play_create, fake_play_destroy, nullptr,   fake_attach,   fake_play,    fake_pause,
-    fake_stop,        fake_rate,         fake_seek, fake_next,     fake_previous, fake_shuffle,
-    fake_repeat};
+    fake_play_create, fake_play_destroy, nullptr,    fake_attach, fake_play,
+    fake_pause,       fake_stop,         fake_rate,  fake_seek,   fake_next,
+    fake_previous,    fake_shuffle,      fake_repeat};

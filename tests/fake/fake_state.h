@@ -111,7 +111,7 @@ struct fake_state {
     std::string report VEL_GUARDED_BY(lock) = "thread";
     bool device VEL_GUARDED_BY(lock) = false;
 
-    std::vector<fake_source> sources VEL_GUARDED_BY(lock); /* in the order of their announcement */
+    std::vector<fake_source> sources VEL_GUARDED_BY(lock);  /* in the order of their announcement */
     std::map<std::string, tree> trees VEL_GUARDED_BY(lock); /* by uid; "" for all others */
     std::map<std::string, std::map<std::string, std::string>> metadata VEL_GUARDED_BY(lock);
     std::map<std::string, std::map<std::string, std::string>> extended VEL_GUARDED_BY(lock);
@@ -152,8 +152,7 @@ void fake_violation(fake_state& state, const std::string& what) VEL_REQUIRES(sta
 
 /* The source of an id that the service gave, or null. */
 fake_source* fake_source_by_id(fake_state& state, int32_t id) VEL_REQUIRES(state.lock);
-fake_source* fake_source_by_uid(fake_state& state, const std::string& uid)
-    VEL_REQUIRES(state.lock);
+fake_source* fake_source_by_uid(fake_state& state, const std::string& uid) VEL_REQUIRES(state.lock);
 
 /* The tree of a source; unknown sources have the common one. */
 const tree& fake_tree_of(fake_state& state, int32_t ms_id) VEL_REQUIRES(state.lock);

@@ -114,8 +114,8 @@ static int32_t fake_cleanup(void) noexcept {
 
 extern "C" {
 __attribute__((visibility("default"))) extern lyrp_api lyrp;
-lyrp_api lyrp = {table_name,  nullptr,       fake_init, fake_detection, fake_cleanup,
-                 &play_table, &browse_table};
+lyrp_api lyrp = {table_name,   nullptr,     fake_init,    fake_detection,
+                 fake_cleanup, &play_table, &browse_table};
 }
 
 namespace {

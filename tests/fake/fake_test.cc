@@ -42,8 +42,8 @@ void see(void* session, void* data, int32_t value) {
 }
 
 extern "C" {
-static int32_t host_connected(int32_t, const char* uid, const char*, const char*, int32_t,
-                              uint64_t, int32_t) noexcept {
+static int32_t host_connected(int32_t, const char* uid, const char*, const char*, int32_t, uint64_t,
+                              int32_t) noexcept {
     seen.tid = current_tid();
     return uid == nullptr ? -1 : seen.connected++;
 }
@@ -289,10 +289,8 @@ TEST(Fake, HoldsCallsUpUntilReleasedOrCancelled) {
         const char* action; /* what makes the call return */
         const char* expected;
     } cases[] = {
-        {"block=g1", "release", "0:1:/a a"},
-        {"block=g1", "cancel", "-1:-1:"},
-        {"block=g1 deaf=1", "both", "0:1:/a a"},
-        {"delay=600000", "cancel", "-1:-1:"},
+        {"block=g1", "release", "0:1:/a a"},     {"block=g1", "cancel", "-1:-1:"},
+        {"block=g1 deaf=1", "both", "0:1:/a a"}, {"delay=600000", "cancel", "-1:-1:"},
         {"block=g1", "reset", "0:1:/a a"},
     };
     for (const auto& each : cases) {
@@ -430,9 +428,9 @@ TEST(Fake, NotesWhatTheServiceDoesWrong) {
     api.destroy(gone);
     page(plugin, "/", -1, -2);
     const std::string notes = fake_do(plugin.fake, "violations");
-    for (const char* note : {"pause: session of the other kind", "pause: unknown session",
-                             "attach: no node", "play.destroy: destroyed session",
-                             "browse: offset or count out of range"}) {
+    for (const char* note :
+         {"pause: session of the other kind", "pause: unknown session", "attach: no node",
+          "play.destroy: destroyed session", "browse: offset or count out of range"}) {
         EXPECT_NE(notes.find(note), std::string::npos) << note << " in\n" << notes;
     }
     fake_do(plugin.fake, "reset");
@@ -446,8 +444,8 @@ TEST(Fake, RefusesCommandsItDoesNotKnow) {
     host_init(plugin, FAKE_LIBRARY, nullptr);
     for (const char* command :
          {"", "nonsense", "rule nothing result=1", "rule play results=1", "event nothing",
-          "event position values=1", "await nothing 1", "null nothing", "join 99", "tree\nno slash|A",
-          "rule play block=\"open"}) {
+          "event position values=1", "await nothing 1", "null nothing", "join 99",
+          "tree\nno slash|A", "rule play block=\"open"}) {
         std::string answer;
         EXPECT_EQ(fake_execute(plugin.fake, command, answer), -1) << command;
         EXPECT_NE(answer, "") << command;

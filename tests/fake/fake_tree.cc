@@ -13,7 +13,7 @@ namespace {
 struct tree_place {
     const tree_node* base = nullptr;
     int32_t level = 0;
-    int32_t track = -1; /* a generated track, else -1 */
+    int32_t track = -1;  /* a generated track, else -1 */
     int32_t folder = -1; /* the position of a generated folder in its parent */
 };
 

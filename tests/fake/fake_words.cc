@@ -70,9 +70,8 @@ std::string words_unused(const fake_words& words) {
 std::optional<int64_t> words_to_number(const std::string& text) {
     char* end = nullptr;
     const bool hexadecimal = text.compare(0, 2, "0x") == 0;
-    const int64_t value = hexadecimal
-                              ? static_cast<int64_t>(std::strtoull(text.c_str(), &end, 16))
-                              : std::strtoll(text.c_str(), &end, 10);
+    const int64_t value = hexadecimal ? static_cast<int64_t>(std::strtoull(text.c_str(), &end, 16))
+                                      : std::strtoll(text.c_str(), &end, 10);
     if (text.empty() || *end != '\0') {
         return std::nullopt;
     }
