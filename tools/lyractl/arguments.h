@@ -1,0 +1,30 @@
+/* What the command line says, for all commands together. */
+#ifndef LYRACTL_ARGUMENTS_H
+#define LYRACTL_ARGUMENTS_H
+
+#include <cstdint>
+#include <string>
+
+#include <lyrane/client.h>
+
+#include "session.h"
+
+struct arguments {
+    std::string service = LYR_SERVICE_NAME;
+    bool json = false;
+    std::string player; /* empty: the only one there is */
+    std::string source; /* empty: the only one there is */
+    std::string folder; /* empty: the top one */
+    int32_t offset = 0;
+    int32_t limit = -1; /* -1: all */
+    int32_t start = SESSION_START_FIRST;
+    int32_t expected = -1; /* -1: not known */
+    bool create = false;   /* make the player when it is not there */
+    bool play = false;     /* begin to play what was made */
+    bool hold = false;     /* keep the player open as long as the command runs */
+    bool playlist = false; /* the screen makes a track session of `source` and `folder` */
+    int32_t seconds = -1;  /* -1: without end */
+    std::string note;
+};
+
+#endif

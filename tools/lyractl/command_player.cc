@@ -1,0 +1,166 @@
+// Commands that act on a player: it is opened, they act, and it is closed again.
+#include "commands.h"
+
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+#include <poll.h>
+
+#include <nlohmann/json.hpp>
+
+#include <veloran/lock.h>
+
+#include "choose.h"
+#include "enter.h"
+#include "interrupt.h"
+#include "output.h"
+#include "text.h"
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+/* The service only says that it did not work; this finds out why as far as can be seen. */
+std::string refusal(connection* to, const char* verb, int32_t result) {
+    const std::string player = "the player \"" + text_printable(to->player) + "\" ";
+    request_session session;
+    if (!request_get_session(to, &session)) {
+        return to->why;
+    }
+    if (!session.exists) {
+        return player + "has no track session; \"lyractl session\" makes one";
+    }
+    if (session.length == 0) {
+        return player + "has an empty track session";
+    }
+    return player + "cannot " + verb + " now (result " + std::to_string(result) + ")";
+}
+
+bool act(const arguments& what, uint16_t type, const char* verb, std::string* why) {
+    const connection_owner to = enter_existing(what, why);
+    if (to == nullptr) {
+        return false;
+    }
+    int32_t result = 0;
+    if (!request_command(to.get(), type, &result)) {
+        *why = to->why;
+        return false;
+    }
+    if (result != 0) {
+        *why = refusal(to.get(), verb, result);
+        return false;
+    }
+    const std::string player = to->player;
+    if (!connection_leave(to.get())) {
+        *why = to->why;
+        return false;
+    }
+    return !what.json || output_json({{"player", player}, {"result", result}});
+}
+
+bool make_session(connection* to, const arguments& what, request_session* session) {
+    std::vector<request_source> sources;
+    if (!request_sources(to, &sources)) {
+        return false;
+    }
+    const request_source* source = choose_source(what.source, sources, &to->why);
+    std::string folder;
+    return source != nullptr && choose_folder(to, source->id, what.folder, &folder) &&
+           session_make(to, source->id, folder, what.expected, what.start, session);
+}
+
+/* Waits for a signal that ends us; fails when the service ends first. */
+bool hold_open(connection* to, std::string* why) {
+    const vel_fd signals(interrupt_descriptor());
+    pollfd waiting[] = {{signals.value, POLLIN, 0}, {to->client->coid, POLLRDHUP, 0}};
+    for (;;) {
+        if (poll(waiting, 2, -1) < 0 && errno != EINTR) {
+            *why = std::system_category().message(errno);
+            return false;
+        }
+        if ((waiting[1].revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+            *why = "the service has ended";
+            connection_abandon(to);
+            return false;
+        }
+        for (int number; (number = interrupt_take(signals.value)) != 0;) {
+            if (number != SIGWINCH) {
+                return true;
+            }
+        }
+    }
+}
+
+} // namespace
+
+bool command_play(const arguments& what, std::string* why) {
+    return act(what, LYR_MSG_PLAY, "play", why);
+}
+
+bool command_pause(const arguments& what, std::string* why) {
+    return act(what, LYR_MSG_PAUSE, "pause", why);
+}
+
+bool command_stop(const arguments& what, std::string* why) {
+    return act(what, LYR_MSG_STOP, "stop", why);
+}
+
+bool command_next(const arguments& what, std::string* why) {
+    return act(what, LYR_MSG_NEXT, "go to the next track", why);
+}
+
+bool command_previous(const arguments& what, std::string* why) {
+    return act(what, LYR_MSG_PREVIOUS, "go to the previous track", why);
+}
+
+bool command_session(const arguments& what, std::string* why) {
+    const bool create = what.create && !enter_exists(what.player);
+    const connection_owner to = create ? enter_new(what, why) : enter_existing(what, why);
+    if (to == nullptr) {
+        return false;
+    }
+    const std::string player = to->player;
+    request_session session;
+    int32_t result = 0;
+    if (!make_session(to.get(), what, &session) ||
+        (what.play && !request_command(to.get(), LYR_MSG_PLAY, &result))) {
+        *why = to->why;
+        return false;
+    }
+    if (result != 0) {
+        *why = refusal(to.get(), "play", result);
+        return false;
+    }
+    if (create) {
+        connection_abandon(to.get());
+    } else if (!connection_leave(to.get())) {
+        *why = to->why;
+        return false;
+    }
+    if (what.json) {
+        return output_json({{"player", player},
+                            {"session", {{"id", session.id}, {"length", session.length}}}});
+    }
+    return output_text("track session " + std::to_string(session.id) + ", " +
+                       std::to_string(session.length) + " tracks so far\n");
+}
+
+bool command_open(const arguments& what, std::string* why) {
+    if (!what.hold && enter_exists(what.player)) {
+        /* Opening once more would only use up one of the player's clients. */
+        return !what.json || output_json({{"player", what.player}, {"made", false}});
+    }
+    const connection_owner to = enter_new(what, why);
+    if (to == nullptr) {
+        return false;
+    }
+    if (what.json && !output_json({{"player", what.player}, {"made", true}})) {
+        return false;
+    }
+    if (what.hold) {
+        return hold_open(to.get(), why);
+    }
+    connection_abandon(to.get());
+    return true;
+}

@@ -1,0 +1,173 @@
+// lyractl: the service's command line tool.
+#include <cstdio>
+#include <exception>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "arguments.h"
+#include "commands.h"
+
+namespace {
+
+constexpr int STATUS_FAILED = 1;
+constexpr int STATUS_USAGE = 2;
+
+/* What a command can be given. */
+enum takes : uint32_t {
+    TAKES_PLAYER = 0x1,      /* -p */
+    TAKES_SOURCE = 0x2,      /* first operand: a media source, may be left out */
+    TAKES_FOLDER = 0x4,      /* second operand: a folder, may be left out */
+    TAKES_PAGE = 0x8,        /* --offset, --limit */
+    TAKES_START = 0x10,      /* --start, --expected */
+    TAKES_MAKE = 0x20,       /* --create, --play */
+    TAKES_NAME = 0x40,       /* operand: the player's name */
+    TAKES_NAME_MAYBE = 0x80, /* the same, may be left out */
+    TAKES_HOLD = 0x100,      /* --hold */
+    TAKES_SCREEN = 0x200,    /* --source, --folder, --seconds, --note */
+    TAKES_JSON = 0x400,      /* --json */
+};
+
+struct command {
+    const char* name;
+    uint32_t takes;
+    bool (*run)(const arguments&, std::string*);
+    const char* help;
+};
+
+constexpr command COMMANDS[] = {
+    {"sources", TAKES_JSON, command_sources, "List the media sources that are connected"},
+    {"browse", TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_PAGE | TAKES_JSON,
+     command_browse, "List what a folder holds"},
+    {"session",
+     TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_START | TAKES_MAKE | TAKES_JSON,
+     command_session, "Make a track session of a folder and all below it"},
+    {"play", TAKES_PLAYER | TAKES_JSON, command_play, "Play, or go on after a pause"},
+    {"pause", TAKES_PLAYER | TAKES_JSON, command_pause, "Pause"},
+    {"stop", TAKES_PLAYER | TAKES_JSON, command_stop, "Stop"},
+    {"next", TAKES_PLAYER | TAKES_JSON, command_next, "Go to the next track"},
+    {"previous", TAKES_PLAYER | TAKES_JSON, command_previous,
+     "Go to the previous track, or to the beginning of this one"},
+    {"state", TAKES_PLAYER | TAKES_JSON, command_state, "Show a player's state"},
+    {"now", TAKES_PLAYER | TAKES_JSON, command_now, "Show what plays"},
+    {"watch", TAKES_NAME_MAYBE | TAKES_JSON, command_watch,
+     "Print every change of one player, or of all, as it happens"},
+    {"open", TAKES_NAME | TAKES_HOLD | TAKES_JSON, command_open,
+     "Make a player, which stays until the service ends"},
+    {"screen", TAKES_PLAYER | TAKES_START | TAKES_SCREEN, command_screen,
+     "Show a player on the terminal, with keys to steer it"},
+};
+
+void declare_operands(CLI::App* sub, uint32_t takes, arguments* what) {
+    if ((takes & TAKES_SOURCE) != 0) {
+        sub->add_option("SOURCE", what->source,
+                        "Media source: its id, uid or name; default: the only one");
+    }
+    if ((takes & TAKES_FOLDER) != 0) {
+        sub->add_option("FOLDER", what->folder,
+                        "Folder: its path of names, as in Artist/Album, or its media node id; "
+                        "default: the top folder");
+    }
+    if ((takes & (TAKES_NAME | TAKES_NAME_MAYBE)) != 0) {
+        sub->add_option("PLAYER", what->player, "The player's name")
+            ->required((takes & TAKES_NAME) != 0);
+    }
+}
+
+void declare_options(CLI::App* sub, uint32_t takes, arguments* what) {
+    if ((takes & TAKES_PLAYER) != 0) {
+        sub->add_option("-p,--player", what->player, "Player; default: the only one there is");
+    }
+    if ((takes & TAKES_PAGE) != 0) {
+        sub->add_option("--offset", what->offset, "Begin with this entry, from 0")
+            ->check(CLI::NonNegativeNumber);
+        sub->add_option("--limit", what->limit, "List at most this many; default: all")
+            ->check(CLI::NonNegativeNumber);
+    }
+    if ((takes & TAKES_START) != 0) {
+        sub->add_option("--start", what->start,
+                        "Begin with this entry of the folder, from 0; default: the first that "
+                        "has a track")
+            ->check(CLI::NonNegativeNumber);
+        sub->add_option("--expected", what->expected, "Take at most this many tracks; default: all")
+            ->check(CLI::NonNegativeNumber);
+    }
+    if ((takes & TAKES_MAKE) != 0) {
+        sub->add_flag("--create", what->create, "Make the player when it does not exist; it stays")
+            ->needs(sub->get_option("--player"));
+        sub->add_flag("--play", what->play, "Begin to play it");
+    }
+    if ((takes & TAKES_HOLD) != 0) {
+        sub->add_flag("--hold", what->hold,
+                      "Keep the player open until interrupted, then close it");
+    }
+    if ((takes & TAKES_JSON) != 0) {
+        sub->add_flag("--json", what->json, "Answer in JSON, one line a document");
+    }
+}
+
+void declare_screen(CLI::App* sub, arguments* what) {
+    sub->add_option("--source", what->source,
+                    "Make the player if need be, and a track session of this media source, and "
+                    "play it")
+        ->needs(sub->get_option("--player"));
+    sub->add_option("--folder", what->folder, "The folder of the track session")
+        ->needs(sub->get_option("--source"));
+    sub->add_option("--seconds", what->seconds, "End after this time")
+        ->check(CLI::NonNegativeNumber);
+    sub->add_option("--note", what->note, "Text for the foot of the screen");
+}
+
+void declare(CLI::App* app, arguments* what) {
+    app->require_subcommand(1);
+    app->set_version_flag("--version", std::string("lyractl ") + LYRANE_VERSION);
+    app->add_option("--service", what->service, "Name of the service")->capture_default_str();
+    app->fallthrough();
+    for (const command& known : COMMANDS) {
+        CLI::App* sub = app->add_subcommand(known.name, known.help);
+        declare_options(sub, known.takes, what);
+        declare_operands(sub, known.takes, what);
+        if ((known.takes & TAKES_SCREEN) != 0) {
+            declare_screen(sub, what);
+        }
+    }
+}
+
+int run(const CLI::App& app, arguments& what) {
+    for (const command& known : COMMANDS) {
+        if (!app.got_subcommand(known.name)) {
+            continue;
+        }
+        what.playlist = (known.takes & TAKES_SCREEN) != 0 &&
+                        app.get_subcommand(known.name)->count("--source") > 0;
+        std::string why;
+        if (known.run(what, &why)) {
+            return 0;
+        }
+        if (why.empty()) {
+            why = "the output cannot be written";
+        }
+        std::cerr << "lyractl: " << why << std::endl;
+        return STATUS_FAILED;
+    }
+    return STATUS_USAGE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        arguments what;
+        CLI::App app("Steers the multimedia player service and shows what it does.", "lyractl");
+        declare(&app, &what);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return app.exit(error) == 0 ? 0 : STATUS_USAGE;
+        }
+        return run(app, what);
+    } catch (const std::exception& failure) {
+        std::cerr << "lyractl: " << failure.what() << std::endl;
+        return STATUS_FAILED;
+    }
+}
