@@ -1,0 +1,39 @@
+/* Real media files for tests, made by the usual encoders, and what is in a WAV file. */
+#ifndef LYRANE_TEST_MEDIA_FILES_H
+#define LYRANE_TEST_MEDIA_FILES_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/* A folder of its own, removed with all it holds at the end of the scope. */
+struct temporary_folder {
+    temporary_folder();
+    ~temporary_folder();
+    temporary_folder(const temporary_folder&) = delete;
+    temporary_folder& operator=(const temporary_folder&) = delete;
+    std::string path;
+};
+
+/* Runs a program; a test failure when it cannot be run or does not end with 0. */
+void run_tool(const std::vector<std::string>& words);
+
+/* Writes a file with this content, and the folders on the way to it. */
+void write_file(const std::string& path, const std::string& content);
+
+/* A tone in a WAV file: mono, 16 bits, 44100 Hz. */
+void write_tone(const std::string& path, double hertz, int32_t milliseconds);
+
+/* A tone encoded by the ending of the path (flac, ogg, mp3, or whatever ffmpeg knows), with tags
+ * as "NAME=value" words where the encoder takes them: title, artist, album, genre, date, track,
+ * disc. */
+void make_track(const std::string& path, double hertz, int32_t milliseconds,
+                const std::vector<std::string>& tags = {});
+
+/* The samples of a WAV file of 16 bits and one channel; its header may say that it is longer. */
+std::vector<int16_t> read_wav(const std::string& path);
+
+/* The share of the samples' power that is at a frequency: near 1 for a pure tone. */
+double tone_share(const std::vector<int16_t>& samples, double hertz);
+
+#endif
