@@ -21,9 +21,9 @@ struct msg_header {
     int16_t code; /* the client caller's own; not read, not changed */
     int16_t service_index;
     int16_t connection_index;
-    uint32_t tag;      /* names a queued reply */
-    int32_t length;    /* bytes of payload behind the header */
-    int32_t size;      /* request: capacity of the reply buffer, or queue depth; reply: body length */
+    uint32_t tag;   /* names a queued reply */
+    int32_t length; /* bytes of payload behind the header */
+    int32_t size;   /* request: capacity of the reply buffer, or queue depth; reply: body length */
     uint32_t unused[2]; /* zero */
 };
 
