@@ -16,8 +16,8 @@ static int32_t fail(int32_t error) {
 
 bool pps_identity_equal(const pps_identity& one, const pps_identity& other) noexcept {
     return one.device == other.device && one.inode == other.inode &&
-           one.changed.tv_sec == other.changed.tv_sec &&
-           one.changed.tv_nsec == other.changed.tv_nsec;
+           one.written.tv_sec == other.written.tv_sec &&
+           one.written.tv_nsec == other.written.tv_nsec;
 }
 
 /* Reads to the end of the file; somebody may be writing to it. */
@@ -61,7 +61,7 @@ int32_t pps_content_load(int32_t place, const char* name, std::string* text,
     if (status.st_size > static_cast<off_t>(PPS_OBJECT_MAX)) {
         return fail(EFBIG);
     }
-    *identity = {status.st_dev, status.st_ino, status.st_ctim};
+    *identity = {status.st_dev, status.st_ino, status.st_mtim};
     return read_all(file.value, text, static_cast<size_t>(status.st_size));
 }
 

@@ -17,11 +17,12 @@ struct pps_dict_release {
 };
 using pps_attributes = std::unique_ptr<strm_dict, pps_dict_release>;
 
-/* What tells one version of an object's file from the next. */
+/* What tells one version of an object's file from the next, where their texts do not. Not the time
+ * of the last status change: a file gets a new one when another takes its place. */
 struct pps_identity {
     dev_t device = 0;
     ino_t inode = 0;
-    timespec changed = {};
+    timespec written = {};
 };
 bool pps_identity_equal(const pps_identity& one, const pps_identity& other) noexcept;
 

@@ -32,6 +32,36 @@ static bool is_passing(int32_t error) {
     return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR;
 }
 
+/* The attributes in a file's text; what is too much is left out. Null without memory. */
+static pps_attributes parse_text(const std::string& text) {
+    pps_attributes attributes(strm_dict_new());
+    if (attributes != nullptr &&
+        pps_content_merge(attributes.get(), text.data(), text.size(), pps_strictness::file) != 0 &&
+        errno != EFBIG) {
+        attributes.reset();
+    }
+    return attributes;
+}
+
+/* Makes the text that tells of an object's new version, which is loaded. */
+static int32_t tell_version(pps_watch* watch, const std::string& label,
+                            const watched_object& object) {
+    const pps_attributes after = parse_text(watch->loaded);
+    if (after == nullptr) {
+        return -1;
+    }
+    if (!object.is_known || !wants(watch, PPS_OPTION_DELTA)) {
+        pps_content_format(&watch->text, label, after.get());
+        return 0;
+    }
+    const pps_attributes before = parse_text(object.text);
+    if (before == nullptr) {
+        return -1;
+    }
+    pps_content_format_change(&watch->text, label, before.get(), after.get());
+    return 0;
+}
+
 /* Makes the text of one queued object: 1 with a text, 0 when there is nothing to tell, -1. */
 static int32_t look_at(pps_watch* watch, const std::string& label) {
     watched_object& object = watch->objects.at(label);
@@ -47,21 +77,15 @@ static int32_t look_at(pps_watch* watch, const std::string& label) {
         }
         return tell_gone(watch, label, object.is_known) ? 1 : 0;
     }
-    if (object.is_known && pps_identity_equal(identity, object.identity)) {
+    /* The text counts, too: a file system may use an inode's number again at once. */
+    if (object.is_known && pps_identity_equal(identity, object.identity) &&
+        watch->loaded == object.text) {
         return 0;
     }
-    pps_attributes content(strm_dict_new());
-    if (content == nullptr || (pps_content_merge(content.get(), watch->loaded.data(),
-                                                 watch->loaded.size(), pps_strictness::file) != 0 &&
-                               errno != EFBIG)) {
+    if (tell_version(watch, label, object) != 0) {
         return -1;
     }
-    if (object.is_known && wants(watch, PPS_OPTION_DELTA)) {
-        pps_content_format_change(&watch->text, label, object.content.get(), content.get());
-    } else {
-        pps_content_format(&watch->text, label, content.get());
-    }
-    object.content = std::move(content);
+    object.text = watch->loaded;
     object.identity = identity;
     object.is_known = true;
     return 1;

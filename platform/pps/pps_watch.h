@@ -23,9 +23,9 @@ struct watched_object {
     int32_t directory = 0; /* key in `directories`; one that is not there any more means gone */
     std::string name;
     bool is_queued = false;
-    bool is_known = false;  /* the reader was told of it */
-    pps_identity identity;  /* of the version that the reader knows */
-    pps_attributes content; /* the same */
+    bool is_known = false; /* the reader was told of it */
+    pps_identity identity; /* of the version that the reader knows */
+    std::string text;      /* of the same */
 };
 
 struct pps_watch {
