@@ -155,10 +155,10 @@ static void player_tear_down(player* player) noexcept VEL_REQUIRES(player->lock)
     player->closed = 1;
 }
 
-/* Takes the lock before the deadline; false when it passed. */
+/* Takes the lock before the deadline (of the real-time clock); false when it passed. */
 static bool lock_until(player* player, const timespec* deadline) noexcept
     VEL_TRY_ACQUIRE(true, player->lock) VEL_NO_TSA /* clang does not know the native call */ {
-    return pthread_mutex_clocklock(&player->lock.native, CLOCK_MONOTONIC, deadline) == 0;
+    return pthread_mutex_timedlock(&player->lock.native, deadline) == 0;
 }
 
 extern "C" {
@@ -224,7 +224,7 @@ int32_t players_force_close(control_block* control) noexcept {
             return 0;
         }
         timespec deadline = {};
-        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        clock_gettime(CLOCK_REALTIME, &deadline);
         deadline.tv_sec += FORCE_CLOSE_WAIT_SECONDS;
         if (!lock_until(last, &deadline)) {
             msglog(3, "Player %s is busy in a plug-in and is left behind", last->name);

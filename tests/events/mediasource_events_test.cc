@@ -1,0 +1,148 @@
+/* Sources that come, change and go, with players at work on them. */
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "mediasource.h"
+#include "mediasource_events.h"
+#include "player_commands.h"
+#include "player_registry.h"
+#include "player_rig.h"
+
+static constexpr uint64_t ALL = 0xF045F;
+
+namespace {
+
+TEST(mediasource_events, keep_a_source_s_id_over_its_absence) {
+    player_rig& rig = rig_fresh();
+    player_open(&mmcontrol, "watcher");
+    const int32_t id = rig_source(rig, "stick", LYR_CAP_DEVICE_LIST, "");
+    const mediasource* source = mediasource_by_id(&mmcontrol, id);
+    EXPECT_EQ(source->capabilities, 0x10000BCCu);
+    EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), ":n:0");
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=stick"), 0);
+    EXPECT_EQ(source->active, 0);
+    EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), ":n:1");
+    EXPECT_EQ(lyrane_internal_mediasource_connected(0, "STICK", nullptr, nullptr, 2, 5, 1), id);
+    EXPECT_EQ(source->name, nullptr);
+    EXPECT_EQ(source->type, LYR_MS_TYPE_HDD); /* as it first came */
+    EXPECT_STREQ(source->uid, "stick");
+    EXPECT_EQ(source->capabilities, 5u);
+    EXPECT_NE(lyrane_internal_mediasource_connected(0, "other", "n", "v", 1, 5, 1), id);
+    EXPECT_EQ(lyrane_internal_mediasource_connected(7, "other", "n", "v", 1, 5, 1), -1);
+    EXPECT_EQ(lyrane_internal_mediasource_connected(0, nullptr, "n", "v", 1, 5, 1), -1);
+    player_close(&mmcontrol, "watcher");
+}
+
+TEST(mediasource_events, publish_changes_and_only_changes) {
+    player_rig& rig = rig_fresh();
+    const int32_t id = rig_source(rig, "changing", LYR_CAP_PLAY, "");
+    player_open(&mmcontrol, "watcher");
+    EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), "");
+    EXPECT_EQ(lyrane_internal_mediasource_status_changed(id, 1), 0);
+    EXPECT_EQ(rig_logged(rig, "The media source is already in this status: 1"), 1);
+    EXPECT_EQ(lyrane_internal_mediasource_capability_changed(id, LYR_CAP_PLAY), 0);
+    EXPECT_EQ(rig_logged(rig, "The media source's capabilities not changed"), 1);
+    EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), "");
+    EXPECT_EQ(lyrane_internal_mediasource_capability_changed(id, LYR_CAP_DEVICE_LIST), 0);
+    EXPECT_EQ(mediasource_by_id(&mmcontrol, id)->capabilities, LYR_CAP_DEVICE_LIST);
+    EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), ":n:2");
+    for (const int32_t unknown : {-1, 4711}) {
+        EXPECT_EQ(lyrane_internal_mediasource_status_changed(unknown, 1), -1);
+        EXPECT_EQ(lyrane_internal_mediasource_capability_changed(unknown, 1), -1);
+        EXPECT_EQ(lyrane_internal_mediasource_disconnected(unknown), -1);
+    }
+    player_close(&mmcontrol, "watcher");
+}
+
+TEST(mediasource_events, take_the_sessions_of_a_lost_source_away) {
+    player_rig& rig = rig_fresh();
+    const int32_t lost = rig_source(rig, "lost", ALL, "/|tracks:100000");
+    const int32_t kept = rig_source(rig, "kept", ALL, "/|tracks:3");
+    player* other = rig_player(rig, "other", kept, "/", 0, 3);
+    player* player = player_open(&mmcontrol, "loser");
+    int32_t expected = -1;
+    fake_do(rig.fake, "rule browse page=1 ms=%d", lost);
+    EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), 0);
+    EXPECT_EQ(rig_do(player, player_play), 0);
+    fake_do(rig.fake, "await browse 9");
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"), 0); /* in the midst of the build */
+    EXPECT_EQ(rig_tracks(player), "none");
+    EXPECT_EQ(rig_attribute(rig, "loser", "state", "status"), "::idle");
+    EXPECT_EQ(rig_tracks(other), "/t0 /t1 /t2");
+    EXPECT_EQ(rig_attribute(rig, "other", "mediasource", "type"), ":n:1");
+    EXPECT_EQ(rig_do(player, player_play), -1);
+    expected = -1;
+    EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(fake_do(rig.fake, "violations"), "");
+    player_close(&mmcontrol, "loser");
+    player_close(&mmcontrol, "other");
+}
+
+/* Whoever calls has the player lock: waiting for it here would be for ever. */
+TEST(mediasource_events, are_refused_from_inside_a_call) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "inside", ALL, "/|tracks:5");
+    player* player = rig_player(rig, "insider", source, "/", 0, 5);
+    for (const char* event : {"disconnected", "finished", "position", "error"}) {
+        fake_do(rig.fake, "clear");
+        fake_do(rig.fake, "rule seek times=1 inside=%s", event);
+        (void)rig_do(player, player_seek, 1);
+        const std::vector<fake_record> made = fake_log(rig.fake, std::string("event.") + event);
+        ASSERT_EQ(made.size(), 1u) << event;
+        EXPECT_EQ(fake_word(made[0], "result"), "-1") << event;
+    }
+    EXPECT_EQ(rig_logged(rig, "from inside a call made into it; refused"), 4);
+    EXPECT_EQ(rig_tracks(player), "/t0 /t1 /t2 /t3 /t4");
+    player_close(&mmcontrol, "insider");
+}
+
+/* Plug-in threads walk the players while clients open and close them. */
+TEST(mediasource_events, meet_players_that_come_and_go) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "busy", ALL, "/|tracks:4");
+    std::thread clients([source] {
+        for (int i = 0; i < 60; ++i) {
+            const std::string name = "guest" + std::to_string(i % 12);
+            player* player = player_open(&mmcontrol, name.c_str());
+            int32_t expected = -1;
+            (void)rig_create(player, source, "/", 0, &expected);
+            (void)rig_do(player, player_play);
+            player_close(&mmcontrol, name.c_str());
+        }
+    });
+    std::vector<std::thread> plugins;
+    for (int t = 0; t < 2; ++t) {
+        plugins.emplace_back([source, t] {
+            for (int i = 0; i < 60; ++i) {
+                if (t == 0) {
+                    (void)lyrane_internal_mediasource_status_changed(source, i);
+                } else {
+                    (void)lyrane_internal_mediasource_disconnected(source);
+                    (void)lyrane_internal_mediasource_connected(0, "busy", "b", nullptr, 1, ALL, 1);
+                }
+            }
+        });
+    }
+    clients.join();
+    for (std::thread& thread : plugins) {
+        thread.join();
+    }
+    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+}
+
+TEST(mediasource_events, know_their_players) {
+    (void)rig_fresh();
+    player* player = player_open(&mmcontrol, "known");
+    EXPECT_EQ(validate_callback_data(player), 0);
+    player_close(&mmcontrol, "known");
+    errno = 0;
+    EXPECT_EQ(validate_callback_data(player), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+} // namespace
