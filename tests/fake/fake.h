@@ -69,7 +69,8 @@
  *   clear                    Forgets log and counters.
  *   sessions                 One line a live session: SERIAL play|browse ms=ID.
  *   settings                 What init was given: KEY=VALUE lines.
- *   violations               What the service did against the rules of the interface, one a line.
+ *   violations               What the service did against the rules of the interface, one a line;
+ *                            cleanup writes them to the standard error, too.
  *   id UID                   The id that the service gave a source, -1 before that.
  *   plugin                   The plug-in's own id.
  *   detection                1 while switched on.

@@ -217,6 +217,11 @@ int64_t make(const fake_job& job) {
     return result;
 }
 
+bool stopping(fake_state& state) {
+    vel_lock_guard guard(state.lock);
+    return state.stopping;
+}
+
 void* worker_body(void* argument) {
     const int32_t number = static_cast<int32_t>(reinterpret_cast<intptr_t>(argument));
     fake_state& state = fake();
@@ -237,7 +242,7 @@ void* worker_body(void* argument) {
         }
         const int64_t repeat = words_number(job->words, "repeat").value_or(1);
         int64_t result = -1;
-        for (int64_t i = 0; i < repeat; ++i) {
+        for (int64_t i = 0; i < repeat && !stopping(state); ++i) {
             result = make(*job);
         }
         vel_lock_guard guard(state.lock);

@@ -8,7 +8,7 @@ namespace {
 /* Handles lie in the image's own read-only data as numbers only; they are never followed. */
 const char handle_base[16] = {};
 constexpr uint64_t HANDLE_STEP = 16;
-constexpr size_t SESSIONS_KEPT = 4096;
+constexpr size_t SESSIONS_KEPT = 256;
 
 struct image_state {
     image_state() {

@@ -1,0 +1,380 @@
+#include "daemon.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <veloran/lock.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+int64_t now_ms() {
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000 + time.tv_nsec / 1000000;
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::string json_text(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '\n') {
+            out += "\\n";
+        } else {
+            out += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+        }
+    }
+    return out + '"';
+}
+
+/* The folder of this test program, with its runtime root; made once and removed at the end. */
+const std::string& program_root() {
+    static const std::string root = [] {
+        char name[] = "/tmp/lyrane-XXXXXX";
+        const std::string made = mkdtemp(name);
+        setenv("VELORAN_RUN", (made + "/run").c_str(), 1);
+        setenv("VELORAN_STATE", (made + "/state").c_str(), 1);
+        static std::string to_remove = made;
+        std::atexit([] {
+            std::error_code ignored;
+            fs::remove_all(to_remove, ignored);
+        });
+        return made;
+    }();
+    return root;
+}
+
+std::string library_of(const test_daemon& daemon, const daemon_plugin& plugin) {
+    return daemon.root + '/' + plugin.name + ".so";
+}
+
+void write_configuration(const test_daemon& daemon) {
+    std::ofstream file(daemon.root + "/lyrane.cfg");
+    file << "{\n\"player\": {\n";
+    const char* comma = "";
+    for (const auto& [key, value] : daemon.player) {
+        file << comma << json_text(key) << ": " << json_text(value);
+        comma = ",\n";
+    }
+    file << "},\n\"plugins\": {\n";
+    comma = "";
+    for (const daemon_plugin& plugin : daemon.plugins) {
+        file << comma << json_text(library_of(daemon, plugin))
+             << ": {\n\"control\": " << json_text(daemon.root + '/' + plugin.name + ".ctl")
+             << ",\n\"script\": " << json_text(plugin.script);
+        for (const auto& [key, value] : plugin.settings) {
+            file << ",\n" << json_text(key) << ": " << json_text(value);
+        }
+        file << "}";
+        comma = ",\n";
+    }
+    file << "}}\n";
+}
+
+std::vector<std::string> environment_of(const test_daemon& daemon) {
+    std::vector<std::string> variables;
+    for (char** at = environ; *at != nullptr; ++at) {
+        if (std::string(*at).compare(0, 8, "VELORAN_") != 0) {
+            variables.push_back(*at);
+        }
+    }
+    variables.push_back("VELORAN_RUN=" + daemon.run);
+    variables.push_back("VELORAN_STATE=" + daemon.root + "/state");
+    variables.push_back("VELORAN_SLOG=file:" + daemon.root + "/log");
+    return variables;
+}
+
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/* In the child: becomes the service. */
+[[noreturn]] void become(const test_daemon& daemon, char** arguments, char** variables,
+                         int errors) {
+    dup2(errors, STDERR_FILENO);
+    dup2(errors, STDOUT_FILENO);
+    if (daemon.descriptor_limit > 0) {
+        const rlimit limit = {static_cast<rlim_t>(daemon.descriptor_limit),
+                              static_cast<rlim_t>(daemon.descriptor_limit)};
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    execve(LYRANE_EXECUTABLE, arguments, variables);
+    _exit(127);
+}
+
+bool has_ended(const test_daemon& daemon) {
+    pollfd ended = {daemon.pidfd, POLLIN, 0};
+    return daemon.pidfd < 0 || poll(&ended, 1, 0) != 0;
+}
+
+void fail(const test_daemon& daemon, const std::string& what) {
+    const std::string log = daemon_log(daemon);
+    ADD_FAILURE() << what << (has_ended(daemon) ? " (the daemon has ended)" : "") << "\n--- log\n"
+                  << log.substr(log.size() > 8000 ? log.size() - 8000 : 0) << "--- standard error\n"
+                  << read_file(daemon.root + "/err").substr(0, 8000);
+}
+
+/* The nearest folder above a path that exists. */
+std::string existing_folder(std::string path) {
+    do {
+        path = fs::path(path).parent_path();
+    } while (!fs::exists(path));
+    return path;
+}
+
+/* Waits until `done` holds, looking again whenever something below the watched path changes. False
+ * at the limit, or when the daemon ended and it still does not hold. */
+bool await_change(const test_daemon& daemon, const std::string& path, bool (*done)(void*),
+                  void* argument) {
+    const int64_t until = now_ms() + DAEMON_LIMIT;
+    while (true) {
+        const vel_fd watch(inotify_init1(IN_CLOEXEC));
+        const std::string folder = existing_folder(path);
+        inotify_add_watch(watch.value, folder.c_str(),
+                          IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF |
+                              IN_MOVED_FROM);
+        const bool ended = has_ended(daemon);
+        if (done(argument)) {
+            return true;
+        }
+        if (folder != existing_folder(path)) {
+            continue;
+        }
+        const int64_t left = until - now_ms();
+        pollfd descriptors[2] = {{watch.value, POLLIN, 0}, {daemon.pidfd, POLLIN, 0}};
+        if (ended || left <= 0 || poll(descriptors, 2, static_cast<int>(left)) < 0) {
+            return false;
+        }
+    }
+}
+
+int64_t entries_of(const test_daemon& daemon, const char* folder) {
+    int64_t count = 0;
+    std::error_code error;
+    for ([[maybe_unused]] const auto& entry :
+         fs::directory_iterator("/proc/" + std::to_string(daemon.pid) + '/' + folder, error)) {
+        count += 1;
+    }
+    return count;
+}
+
+struct log_wait {
+    const test_daemon& daemon;
+    const std::string& text;
+    size_t from;
+};
+
+struct object_wait {
+    const test_daemon& daemon;
+    const std::string& player;
+    const std::string& object;
+    const std::string& attribute;
+    const std::string& value;
+};
+
+} // namespace
+
+void daemon_prepare(test_daemon& daemon) {
+    static int number = 0;
+    daemon.root = program_root() + "/d" + std::to_string(number++);
+    daemon.run = daemon.own_root ? daemon.root + "/run" : program_root() + "/run";
+    fs::create_directories(daemon.root);
+    fs::create_directories(daemon.run);
+    std::ofstream(daemon.root + "/log");
+}
+
+bool daemon_spawn(test_daemon& daemon) {
+    for (const daemon_plugin& plugin : daemon.plugins) {
+        fs::copy_file(FAKE_LIBRARY, library_of(daemon, plugin),
+                      fs::copy_options::overwrite_existing);
+    }
+    write_configuration(daemon);
+    std::vector<std::string> arguments = {LYRANE_EXECUTABLE,           "-b", "-c",
+                                          daemon.root + "/lyrane.cfg", "-s", daemon.service};
+    arguments.insert(arguments.end(), daemon.options.begin(), daemon.options.end());
+    std::vector<std::string> variables = environment_of(daemon);
+    const std::vector<char*> argument_pointers = pointers_to(arguments);
+    const std::vector<char*> variable_pointers = pointers_to(variables);
+    const vel_fd errors(
+        open((daemon.root + "/err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    daemon.pid = fork();
+    if (daemon.pid == 0) {
+        become(daemon, const_cast<char**>(argument_pointers.data()),
+               const_cast<char**>(variable_pointers.data()), errors.value);
+    }
+    daemon.pidfd = static_cast<int>(syscall(SYS_pidfd_open, daemon.pid, 0));
+    return daemon.pid > 0 && daemon.pidfd >= 0;
+}
+
+bool daemon_start(test_daemon& daemon) {
+    const size_t from = daemon_log_mark(daemon);
+    return daemon_spawn(daemon) && daemon_await_log(daemon, "lyrane starting", from);
+}
+
+int daemon_wait(test_daemon& daemon) {
+    pollfd ended = {daemon.pidfd, POLLIN, 0};
+    if (poll(&ended, 1, static_cast<int>(DAEMON_LIMIT)) != 1) {
+        fail(daemon, "the daemon does not end");
+        return -1;
+    }
+    int status = 0;
+    waitpid(daemon.pid, &status, 0);
+    close(daemon.pidfd);
+    daemon.pidfd = -1;
+    daemon.pid = -1;
+    const int result = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    const std::string errors = read_file(daemon.root + "/err");
+    if (errors.find("Sanitizer") != std::string::npos ||
+        errors.find("runtime error") != std::string::npos) {
+        fail(daemon, "a sanitizer complains");
+    } else if (errors.find("fake.so: violation") != std::string::npos) {
+        fail(daemon, "the plug-in was used against its rules");
+    }
+    return result;
+}
+
+int daemon_stop(test_daemon& daemon) {
+    daemon_signal(daemon, SIGTERM);
+    return daemon_wait(daemon);
+}
+
+void daemon_signal(const test_daemon& daemon, int signal) {
+    kill(daemon.pid, signal);
+}
+
+void daemon_remove(test_daemon& daemon) {
+    if (daemon.pid > 0) {
+        daemon_signal(daemon, SIGKILL);
+        waitpid(daemon.pid, nullptr, 0);
+        close(daemon.pidfd);
+    }
+    std::error_code ignored;
+    fs::remove_all(daemon.root, ignored);
+    fs::remove_all(daemon.run, ignored);
+    daemon = {};
+}
+
+fake_client daemon_fake(const test_daemon& daemon, const std::string& name) {
+    fake_client client;
+    if (!fake_connect(client, daemon.root + '/' + name + ".ctl")) {
+        fail(daemon, "no plug-in " + name);
+    }
+    return client;
+}
+
+std::string daemon_log(const test_daemon& daemon) {
+    return read_file(daemon.root + "/log");
+}
+
+size_t daemon_log_mark(const test_daemon& daemon) {
+    std::error_code error;
+    const uintmax_t size = fs::file_size(daemon.root + "/log", error);
+    return error ? 0 : static_cast<size_t>(size);
+}
+
+bool daemon_await_log(const test_daemon& daemon, const std::string& text, size_t from) {
+    log_wait wait = {daemon, text, from};
+    const auto done = [](void* argument) {
+        const log_wait& what = *static_cast<log_wait*>(argument);
+        return daemon_log(what.daemon).find(what.text, what.from) != std::string::npos;
+    };
+    if (!await_change(daemon, daemon.root + "/log", done, &wait)) {
+        fail(daemon, "not in the log: " + text);
+        return false;
+    }
+    return true;
+}
+
+std::string daemon_path(const test_daemon& daemon, const std::string& path) {
+    return daemon.run + path;
+}
+
+std::map<std::string, std::string>
+daemon_object(const test_daemon& daemon, const std::string& player, const std::string& object) {
+    std::map<std::string, std::string> attributes;
+    std::istringstream lines(
+        read_file(daemon_path(daemon, "/pps/services/lyrane/" + player + '/' + object)));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            attributes[line.substr(0, colon)] = line.substr(colon);
+        }
+    }
+    return attributes;
+}
+
+bool daemon_await_object(const test_daemon& daemon, const std::string& player,
+                         const std::string& object, const std::string& attribute,
+                         const std::string& value) {
+    object_wait wait = {daemon, player, object, attribute, value};
+    const auto done = [](void* argument) {
+        const object_wait& what = *static_cast<object_wait*>(argument);
+        const auto attributes = daemon_object(what.daemon, what.player, what.object);
+        const auto found = attributes.find(what.attribute);
+        return found == attributes.end() ? what.value.empty() : found->second == what.value;
+    };
+    const std::string path = daemon_path(daemon, "/pps/services/lyrane/" + player + '/' + object);
+    if (!await_change(daemon, path, done, &wait)) {
+        fail(daemon, player + '/' + object + ": " + attribute + " is not " + value + " in\n" +
+                         read_file(path));
+        return false;
+    }
+    return true;
+}
+
+int64_t daemon_descriptors(const test_daemon& daemon) {
+    return entries_of(daemon, "fd");
+}
+
+int64_t daemon_threads(const test_daemon& daemon) {
+    return entries_of(daemon, "task");
+}
+
+int64_t daemon_resident(const test_daemon& daemon) {
+    std::istringstream lines(read_file("/proc/" + std::to_string(daemon.pid) + "/status"));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, 6, "VmRSS:") == 0) {
+            return std::strtoll(line.c_str() + 6, nullptr, 10);
+        }
+    }
+    return -1;
+}
+
+int64_t daemon_settle(const test_daemon& daemon, int64_t (*count)(const test_daemon&),
+                      int64_t most) {
+    /* Nothing tells of another process's descriptors and threads, so this one looks again. */
+    const int64_t until = now_ms() + DAEMON_LIMIT;
+    int64_t value = count(daemon);
+    while (value > most && now_ms() < until && !has_ended(daemon)) {
+        const timespec pause = {0, 5000000};
+        nanosleep(&pause, nullptr);
+        value = count(daemon);
+    }
+    return value;
+}

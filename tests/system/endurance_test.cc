@@ -1,0 +1,102 @@
+/* Ten thousand requests leave the service as it was: memory, descriptors, threads, and the
+ * plug-in's sessions. */
+#include <gtest/gtest.h>
+
+#include "rig.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ENDURANCE_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ENDURANCE_SANITIZED 1
+#endif
+#endif
+
+namespace {
+
+#ifdef ENDURANCE_SANITIZED
+constexpr bool MEMORY_TELLS = false; /* freed memory stays in quarantine */
+constexpr int ROUNDS = 40;
+#else
+constexpr bool MEMORY_TELLS = true;
+constexpr int ROUNDS = 300;
+#endif
+
+/* Every request of the catalogue, on a player of its own that goes away again. */
+void one_round(rig& rig, int number) {
+    request_client& client = rig.client;
+    const std::string player = "round" + std::to_string(number % 7);
+    std::vector<request_node> nodes;
+    std::vector<std::string> values;
+    request_metadata data;
+    uint64_t ts_id = 0;
+    int32_t value = 0;
+    EXPECT_EQ(request_open(client, player), 0);
+    EXPECT_EQ(request_sources(client).size(), 1u);
+    EXPECT_EQ(request_browse(client, 0, "/", 0, -1, nodes), 0);
+    EXPECT_EQ(request_search(client, 0, "", "Track", 0, 5, nodes), 0);
+    EXPECT_EQ(request_metadata_of(client, 0, "/a/t0", data), 0);
+    EXPECT_EQ(request_extended(client, 0, "/a/t0", {"mood", "none"}, values), 0);
+    EXPECT_EQ(request_create(client, 0, "/a", -1, number % 3, &ts_id), 0);
+    EXPECT_EQ(request_session(client, &ts_id, &value), 0);
+    EXPECT_EQ(request_tracks(client, ts_id, 0, -1, nodes), 0);
+    EXPECT_EQ(request_simple(client, LYR_MSG_PLAY), 0);
+    fake_number(rig.disk, "event position value=%d", number);
+    fake_number(rig.disk, "event finished");
+    EXPECT_EQ(request_current(client).result, 0);
+    EXPECT_EQ(request_position(client, &value), 0);
+    EXPECT_EQ(request_state(client).result, 0);
+    EXPECT_EQ(request_number(client, LYR_MSG_SHUFFLE, 1), 0);
+    EXPECT_EQ(request_number(client, LYR_MSG_REPEAT, 1), 0);
+    EXPECT_EQ(request_simple(client, LYR_MSG_NEXT), 0);
+    EXPECT_EQ(request_simple(client, LYR_MSG_PREVIOUS), 0);
+    EXPECT_EQ(request_number(client, LYR_MSG_JUMP, 1), 0);
+    EXPECT_EQ(request_number(client, LYR_MSG_SEEK, 1000), 0);
+    EXPECT_EQ(request_speed(client, 2.0F), 0);
+    EXPECT_EQ(request_simple(client, LYR_MSG_PAUSE), 0);
+    EXPECT_EQ(request_simple(client, LYR_MSG_STOP), 0);
+    request_send(client, request_begin(13));
+    request_send(client, request_begin(99));
+    EXPECT_EQ(request_browse(client, 0, "/nowhere", 0, -1, nodes), -1);
+    EXPECT_EQ(request_browse(client, 5, "/", 0, -1, nodes), -1);
+    EXPECT_EQ(request_destroy(client, ts_id + 1), -1);
+    if (number % 2 == 0) {
+        EXPECT_EQ(request_destroy(client, ts_id), 0);
+    }
+    if (number % 5 == 0) {
+        fake_number(rig.disk, "event disconnected uid=disk");
+        fake_number(rig.disk, "event connected uid=disk");
+    }
+    EXPECT_EQ(request_close(client, player), 0);
+    request_client passing;
+    EXPECT_TRUE(request_connect(passing, rig.daemon.service));
+    request_disconnect(passing);
+}
+
+} // namespace
+
+TEST(Endurance, TenThousandRequestsLeaveNothingBehind) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/a|tree:1,2,30\n"));
+    int number = 0;
+    /* The plug-in's own log and its memory of sessions are full after this. */
+    for (; number < ROUNDS; ++number) {
+        one_round(rig, number);
+        ASSERT_FALSE(HasFailure()) << number;
+    }
+    const int64_t memory = daemon_resident(rig.daemon);
+    const int64_t threads = daemon_settle(rig.daemon, daemon_threads, 0 + 6);
+    const int64_t descriptors = daemon_settle(rig.daemon, daemon_descriptors, 0 + 20);
+    for (; number < 2 * ROUNDS; ++number) {
+        one_round(rig, number);
+        ASSERT_FALSE(HasFailure()) << number;
+    }
+    EXPECT_LE(daemon_settle(rig.daemon, daemon_descriptors, descriptors), descriptors);
+    EXPECT_LE(daemon_settle(rig.daemon, daemon_threads, threads), threads);
+    if (MEMORY_TELLS) {
+        EXPECT_LE(daemon_resident(rig.daemon), memory + 1024) << "KiB, " << memory << " before";
+    }
+    EXPECT_EQ(fake_do(rig.disk, "sessions"), "");
+    EXPECT_EQ(fake_do(rig.disk, "violations"), "");
+    rig_end(rig);
+}

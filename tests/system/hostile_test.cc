@@ -1,0 +1,240 @@
+/* Clients that do what clients must not: it costs them, and nobody else. */
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include "rig.h"
+
+namespace {
+
+constexpr int16_t PUTGET = 0x203;
+constexpr int16_t PUT = 0x204;
+
+wire_client hostile_client(const rig& rig, bool open) {
+    wire_client client;
+    EXPECT_TRUE(wire_connect(client, rig_socket(rig.daemon)));
+    if (open) {
+        EXPECT_TRUE(wire_open(client, rig.daemon.service));
+    }
+    return client;
+}
+
+/* The well-behaved client is served as ever. */
+void expect_served(rig& rig) {
+    EXPECT_EQ(request_sources(rig.client).size(), 1u);
+    EXPECT_EQ(request_state(rig.client).result, 0);
+}
+
+} // namespace
+
+TEST(Hostile, GarbageIsRefused) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/album|tracks:3\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    wire_client bad = hostile_client(rig, true);
+    const std::string sources = request_begin(LYR_MSG_GET_MEDIA_SOURCE);
+    const int32_t length = static_cast<int32_t>(sources.size());
+    const struct {
+        std::string message;
+        int32_t error; /* 0: any answer will do */
+    } cases[] = {
+        {"x", ENOSYS},
+        {std::string(27, '\0'), ENOSYS},
+        {std::string(28, '\xff'), ENOSYS},
+        {wire_header(bad, 0x1ff, 0, 0), ENOSYS},
+        {wire_header(bad, 0x206, 0, 0), ENOSYS},
+        {wire_header(bad, 0x200, 0, 28), ENOENT},
+        {wire_header(bad, 0x200, 10, 28) + "lyrane.sys", ENOENT}, /* without its NUL */
+        {wire_header(bad, 0x200, 6, 28) + std::string("other\0", 6), ENOENT},
+        {wire_header(bad, 0x202, 16, 5) + "short", EINVAL},
+        {wire_header(bad, PUTGET, 0x7fffffff, 4) + sources, 0},
+        {wire_header(bad, PUTGET, -1, 4) + sources, 0},
+        {wire_header(bad, PUTGET, 1000, 4) + sources, EIO},
+        {wire_header(bad, PUTGET, 65537, 4) + std::string(65537, 'x'), EMSGSIZE},
+        {wire_header(bad, PUT, length, 4, 1) + sources, EAGAIN}, /* without a notification */
+        {wire_header(bad, 0x205, 0, 4, 77), ENOMSG},
+        {wire_header(wire_client{}, PUTGET, length, 4) + sources, 0},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const wire_reply reply = wire_call(bad, cases[i].message);
+        EXPECT_TRUE(reply.came) << i;
+        if (cases[i].error != 0) {
+            EXPECT_TRUE(reply.error) << i;
+            EXPECT_EQ(reply.status, cases[i].error) << i;
+        }
+        expect_served(rig);
+    }
+    wire_close(bad);
+    rig_end(rig);
+}
+
+TEST(Hostile, RequestsThatLieAreRefused) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/album|tracks:3\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    request_client bad;
+    ASSERT_TRUE(request_connect(bad, rig.daemon.service));
+    /* Every request without a player, cut at every length, and with absurd lengths inside. */
+    for (uint16_t type = LYR_MSG_GET_CURRENT_STATE; type <= LYR_MSG_REPEAT; ++type) {
+        const request_reply reply = request_send(bad, request_begin(type) + std::string(64, '\0'));
+        EXPECT_TRUE(reply.status != 0 || reply.result == -1) << type;
+    }
+    EXPECT_EQ(request_open(bad, "crooked"), 0);
+    for (uint16_t type = LYR_MSG_GET_CURRENT_STATE; type <= LYR_MSG_REPEAT; ++type) {
+        for (const char filling : {'\0', '\x7f', '\xff'}) {
+            for (size_t size = 0; size <= 48; size += 3) {
+                request_send(bad, request_begin(type) + std::string(size, filling));
+            }
+        }
+    }
+    const struct {
+        const char* name;
+        int8_t length;
+    } names[] = {{"", 0},  {"", -1},   {"abc", -128}, {"abc", 127}, {"a/b", 3}, {"..", 2},
+                 {".", 1}, {"a?b", 3}, {"a\nb", 3},   {".all", 4},  {"a\0b", 3}};
+    for (const auto& each : names) {
+        const std::string name(each.name, strlen(each.name));
+        EXPECT_EQ(request_send(bad, request_name(LYR_MSG_OPEN, name, each.length)).result, -1)
+            << name;
+    }
+    request_send(bad, std::string(1, '\0'));
+    request_send(bad, "");
+    expect_served(rig);
+    request_disconnect(bad);
+    rig_end(rig);
+}
+
+TEST(Hostile, ClientsThatGoAway) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/album|tracks:3\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    const int64_t descriptors = daemon_descriptors(rig.daemon);
+
+    /* One that closes its sending side still gets its answer. */
+    wire_client half = hostile_client(rig, true);
+    EXPECT_TRUE(wire_send(half, wire_header(half, PUTGET, 16, 65536) +
+                                    request_begin(LYR_MSG_GET_MEDIA_SOURCE)));
+    shutdown(half.fd, SHUT_WR);
+    const wire_reply reply = wire_receive(half);
+    EXPECT_TRUE(reply.came);
+    EXPECT_EQ(reply.status, 0);
+    wire_close(half);
+
+    /* One that dies while its request is in the plug-in's hands; others wait, nobody else dies. */
+    for (int round = 0; round < 3; ++round) {
+        fake_do(rig.disk, "rule browse block=slow");
+        wire_client dying = hostile_client(rig, true);
+        wire_call(dying, wire_header(dying, PUTGET, 22, 4) + request_name(LYR_MSG_OPEN, "xx", 2));
+        std::string browse = request_begin(LYR_MSG_BROWSE);
+        request_i32(browse, 0);
+        request_i32(browse, 0);
+        request_i32(browse, -1);
+        request_text(browse, "/album");
+        EXPECT_TRUE(wire_send(
+            dying,
+            wire_header(dying, PUTGET, static_cast<int32_t>(browse.size()), 65536) + browse));
+        fake_do(rig.disk, "blocked slow");
+        wire_close(dying);
+        fake_do(rig.disk, "release slow");
+        expect_served(rig);
+        fake_do(rig.disk, "unrule");
+    }
+    /* One that opens a player and dies at once has opened it. */
+    wire_client brief = hostile_client(rig, true);
+    const std::string open = request_name(LYR_MSG_OPEN, "brief", 5);
+    EXPECT_TRUE(
+        wire_send(brief, wire_header(brief, PUTGET, static_cast<int32_t>(open.size()), 4) + open));
+    wire_close(brief);
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "brief", "state", "status", "::idle"));
+    expect_served(rig);
+    /* Players stay; connections do not. */
+    EXPECT_LE(daemon_settle(rig.daemon, daemon_descriptors, descriptors + 20), descriptors + 20);
+    rig_end(rig);
+}
+
+TEST(Hostile, ClientsThatNeverReadCostOnlyThemselves) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/many|tracks:400\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    std::string browse = request_begin(LYR_MSG_BROWSE);
+    request_i32(browse, 0);
+    request_i32(browse, 0);
+    request_i32(browse, -1);
+    request_text(browse, "/many");
+    wire_client deaf[4];
+    for (wire_client& client : deaf) {
+        client = hostile_client(rig, true);
+        wire_call(client,
+                  wire_header(client, PUTGET, 24, 4) + request_name(LYR_MSG_OPEN, "deaf", 4));
+        fcntl(client.fd, F_SETFL, O_NONBLOCK);
+        const std::string message =
+            wire_header(client, PUTGET, static_cast<int32_t>(browse.size()), 65536) + browse;
+        int sent = 0;
+        while (sent < 20000 && wire_send(client, message)) {
+            sent += 1;
+        }
+        EXPECT_LT(sent, 20000);
+        expect_served(rig);
+    }
+    EXPECT_LT(daemon_resident(rig.daemon), int64_t{1} << 20); /* KiB */
+    for (wire_client& client : deaf) {
+        wire_close(client);
+    }
+    expect_served(rig);
+    rig_end(rig);
+}
+
+TEST(Hostile, OneThousandConnectionsOnFewDescriptors) {
+    /* This process needs as many as it opens. */
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    rig rig;
+    rig.daemon.descriptor_limit = 256;
+    ASSERT_TRUE(rig_start(rig, "/album|tracks:3\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    const int64_t before = daemon_descriptors(rig.daemon);
+    std::vector<wire_client> crowd(1000);
+    for (wire_client& client : crowd) {
+        /* Connecting must not block when the service does not take any more. */
+        wire_connect_nowait(client, rig_socket(rig.daemon));
+    }
+    for (int i = 0; i < 100; ++i) {
+        expect_served(rig);
+    }
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_create(rig.client, 0, "/album", -1, 0, &ts_id), 0);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    for (wire_client& client : crowd) {
+        wire_close(client);
+    }
+    EXPECT_LE(daemon_settle(rig.daemon, daemon_descriptors, before + 2), before + 2);
+    request_client late;
+    EXPECT_TRUE(request_connect(late, rig.daemon.service));
+    EXPECT_EQ(request_open(late, "radio"), 0);
+    request_disconnect(late);
+    expect_served(rig);
+    rig_end(rig);
+}
+
+TEST(Hostile, PlayersHaveABound) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/album|tracks:3\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    request_client greedy;
+    ASSERT_TRUE(request_connect(greedy, rig.daemon.service));
+    int opened = 0;
+    while (opened < 5000 && request_open(greedy, "p" + std::to_string(opened)) == 0) {
+        opened += 1;
+    }
+    EXPECT_LT(opened, 5000);
+    EXPECT_GT(opened, 8);
+    expect_served(rig);
+    request_disconnect(greedy);
+    rig_end(rig);
+}

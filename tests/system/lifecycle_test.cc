@@ -1,0 +1,206 @@
+/* Starting and ending the service, also beside others and in the middle of everything. */
+#include <csignal>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "rig.h"
+
+namespace {
+
+constexpr const char* ALBUM = "/album|tracks:3\n";
+
+/* A second daemon on its own folder, with the given name and without plug-ins. */
+test_daemon other_daemon(const std::string& service, bool own_root) {
+    test_daemon daemon;
+    daemon.service = service;
+    daemon.own_root = own_root;
+    daemon_prepare(daemon);
+    return daemon;
+}
+
+} // namespace
+
+TEST(Lifecycle, LoadsAndUnloadsItsPlugins) {
+    test_daemon daemon;
+    daemon_prepare(daemon);
+    /* A plug-in that starts a thread in init must not take the termination signals away. */
+    for (const char* name : {"zulu", "alpha", "mike"}) {
+        daemon.plugins.push_back({name,
+                                  "source " + std::string(name) +
+                                      "\nevent position nowait=1\nrule detection "
+                                      "result=-1 skip=1",
+                                  {{"update_interval", "7"}, {"mode", "device"}}});
+    }
+    ASSERT_TRUE(daemon_start(daemon));
+    request_client client;
+    ASSERT_TRUE(request_connect(client, daemon.service));
+    const std::vector<request_source> sources = request_sources(client);
+    ASSERT_EQ(sources.size(), 3u);
+    for (int i = 0; i < 3; ++i) {
+        fake_client fake = daemon_fake(daemon, daemon.plugins[static_cast<size_t>(i)].name);
+        EXPECT_EQ(sources[static_cast<size_t>(i)].uid, daemon.plugins[static_cast<size_t>(i)].name);
+        EXPECT_EQ(fake_number(fake, "plugin"), i);
+        EXPECT_EQ(fake_do(fake, "detection"), "1");
+        const std::string settings = "\n" + fake_do(fake, "settings");
+        for (const char* setting : {"\nupdate_interval=7\n", "\naudio_output=null\n",
+                                    "\nmode=device\n", "\nrecursion_depth=-1\n"}) {
+            EXPECT_NE(settings.find(setting), std::string::npos) << settings;
+        }
+        fake_close(fake);
+    }
+    request_disconnect(client);
+    EXPECT_EQ(daemon_stop(daemon), 0);
+    rig_expect_clean(daemon);
+    const std::string log = daemon_log(daemon);
+    EXPECT_NE(log.find("lyrane terminated"), std::string::npos);
+    daemon_remove(daemon);
+}
+
+TEST(Lifecycle, EndsWhenAPluginCannotBeUsed) {
+    const struct {
+        const char* script;
+        int status;
+        const char* line;
+    } cases[] = {
+        {"rule init result=-1", 1, "Error initializing DLL \"fake\"."},
+        {"name Other\nrule init result=-1", 1, "Error initializing DLL \"Other\"."},
+        {"rule init result=-2", 0, ""}, /* only -1 is a failure */
+        {"rule cleanup result=-1", 0, "Failed to clean up fake"},
+        {"null cleanup\nnull detection", 0, ""},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.script);
+        test_daemon daemon;
+        daemon_prepare(daemon);
+        daemon.plugins.push_back({"first", "", {}});
+        daemon.plugins.push_back({"second", each.script, {}});
+        if (each.status == 0) {
+            daemon.plugins[1].settings.push_back({"control", ""}); /* no threads without cleanup */
+            ASSERT_TRUE(daemon_start(daemon));
+            EXPECT_EQ(daemon_stop(daemon), 0);
+        } else {
+            daemon_spawn(daemon);
+            EXPECT_EQ(daemon_wait(daemon), each.status);
+        }
+        EXPECT_NE(daemon_log(daemon).find(each.line), std::string::npos) << daemon_log(daemon);
+        daemon_remove(daemon);
+    }
+    test_daemon missing = other_daemon("lyrane.sys", false);
+    missing.plugins.push_back({"gone/library", "", {}});
+    std::filesystem::create_directories(missing.root + "/gone/library.so");
+    daemon_spawn(missing);
+    EXPECT_EQ(daemon_wait(missing), 128 + SIGABRT);
+    EXPECT_NE(daemon_log(missing).find("Unable to load DLL"), std::string::npos);
+    daemon_remove(missing);
+}
+
+TEST(Lifecycle, OneServiceAName) {
+    rig first;
+    ASSERT_TRUE(rig_start(first, ALBUM));
+    EXPECT_EQ(request_open(first.client, "radio"), 0);
+
+    test_daemon second = other_daemon("lyrane.sys", false);
+    daemon_spawn(second);
+    EXPECT_EQ(daemon_wait(second), 128 + SIGABRT);
+    EXPECT_NE(daemon_log(second).find("msgserver_add() failed"), std::string::npos);
+    /* The first one has not noticed. */
+    EXPECT_EQ(request_sources(first.client).size(), 1u);
+    EXPECT_TRUE(rig_has_player(first.daemon, "radio"));
+    request_client again;
+    EXPECT_TRUE(request_connect(again, "lyrane.sys"));
+    request_disconnect(again);
+
+    /* Another name, and the same name below another root, are other services. */
+    test_daemon named = other_daemon("other.sys", false);
+    test_daemon apart = other_daemon("lyrane.sys", true);
+    ASSERT_TRUE(daemon_start(named));
+    ASSERT_TRUE(daemon_start(apart));
+    request_client to_named;
+    request_client to_apart;
+    ASSERT_TRUE(request_connect(to_named, "other.sys"));
+    ASSERT_TRUE(request_connect_wire(to_apart, rig_socket(apart), "lyrane.sys"));
+    EXPECT_TRUE(request_sources(to_named).empty());
+    EXPECT_TRUE(request_sources(to_apart).empty());
+    EXPECT_EQ(request_open(to_apart, "radio"), 0);
+    EXPECT_TRUE(rig_has_player(apart, "radio"));
+    request_disconnect(to_named);
+    request_disconnect(to_apart);
+    EXPECT_EQ(daemon_stop(apart), 0);
+    rig_expect_clean(apart);
+    EXPECT_EQ(daemon_stop(named), 0);
+    EXPECT_TRUE(rig_has_player(first.daemon, "radio"));
+    EXPECT_EQ(request_sources(first.client).size(), 1u);
+    std::filesystem::remove_all(apart.root);
+    rig_end(first);
+}
+
+TEST(Lifecycle, TakesOverFromAKilledService) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, ALBUM));
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/album", -1, 0, &ts_id), 0);
+    EXPECT_EQ(fake_number(rig.disk, "event position value=99"), 0);
+    daemon_signal(rig.daemon, SIGKILL);
+    EXPECT_EQ(daemon_wait(rig.daemon), 128 + SIGKILL);
+    EXPECT_TRUE(std::filesystem::exists(rig_socket(rig.daemon)));
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), REQUEST_FAILED);
+    request_disconnect(rig.client);
+    fake_close(rig.disk);
+
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    rig.disk = daemon_fake(rig.daemon, "disk");
+    fake_tree(rig.disk, "", ALBUM);
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    /* Nothing of the killed one's player shows under the new one. */
+    EXPECT_EQ(daemon_object(rig.daemon, "radio", "state").at("status"), "::idle");
+    EXPECT_EQ(daemon_object(rig.daemon, "radio", "status").count("position"), 0u);
+    EXPECT_EQ(daemon_object(rig.daemon, "radio", "track").size(), 0u);
+    EXPECT_EQ(request_create(rig.client, 0, "/album", -1, 0, &ts_id), 0);
+    EXPECT_EQ(ts_id, 0u);
+    request_disconnect(rig.client);
+    fake_close(rig.disk);
+    EXPECT_EQ(daemon_stop(rig.daemon), 0);
+    EXPECT_FALSE(std::filesystem::exists(rig_socket(rig.daemon)));
+    daemon_remove(rig.daemon);
+}
+
+TEST(Lifecycle, EndsInTheMiddleOfPlaying) {
+    for (const int signal : {SIGTERM, SIGINT, SIGQUIT}) {
+        rig rig;
+        ASSERT_TRUE(rig_start(rig, "/big|tree:3,5,20\n"));
+        uint64_t ts_id = 0;
+        EXPECT_EQ(request_open(rig.client, "radio"), 0);
+        fake_do(rig.disk, "rule browse id=/big/f1/f1 block=slow");
+        EXPECT_EQ(request_create(rig.client, 0, "/big", -1, 0, &ts_id), 0);
+        EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+        fake_do(rig.disk, "blocked slow");
+        for (int thread = 0; thread < 3; ++thread) {
+            fake_do(rig.disk, "event %s thread=%d repeat=10000000 nowait=1",
+                    thread == 0 ? "finished" : "position", thread);
+        }
+        fake_do(rig.disk, "await event.position 100");
+        daemon_signal(rig.daemon, signal);
+        daemon_signal(rig.daemon, signal);
+        EXPECT_EQ(daemon_wait(rig.daemon), 0);
+        rig_expect_clean(rig.daemon);
+        const std::string log = daemon_log(rig.daemon);
+        EXPECT_NE(log.find("lyrane terminated"), std::string::npos);
+        EXPECT_EQ(log.find("lyrane terminating"), log.rfind("lyrane terminating"));
+        rig_end(rig);
+    }
+}
+
+TEST(Lifecycle, CountsItsVerbosityInSignals) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, ALBUM));
+    for (int level : {5, 6, 7, 0, 1, 2, 3, 4}) {
+        const size_t from = daemon_log_mark(rig.daemon);
+        daemon_signal(rig.daemon, SIGUSR1);
+        ASSERT_TRUE(
+            daemon_await_log(rig.daemon, " INFO: verbosity now " + std::to_string(level), from));
+    }
+    rig_end(rig);
+}
