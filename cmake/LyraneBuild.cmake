@@ -14,7 +14,7 @@ include(CheckPIESupported)
 check_pie_supported()
 
 add_compile_definitions(_GNU_SOURCE)
-add_compile_options(-Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wcast-qual -Wundef
+add_compile_options(-Wall -Wextra -Wshadow $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> -Wcast-qual -Wundef
                     -fstack-protector-strong -fno-omit-frame-pointer)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # GCC 12 warns of overlaps inside std::string at -O3 that cannot be (its bug 105651).
