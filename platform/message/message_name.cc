@@ -45,7 +45,7 @@ int open_folder(const char* path, char* leaf, bool make) {
 
 /* "." + leaf + suffix. */
 void beside(char (&name)[LEAF_MAX + 16], const char* leaf, const char* suffix) {
-    snprintf(name, sizeof name, ".%s%s", leaf, suffix);
+    snprintf(name, sizeof name, ".%.*s%.14s", static_cast<int>(LEAF_MAX), leaf, suffix);
 }
 
 /* Opens and locks the lock file. A server that ends removes it, so the file that was locked must
