@@ -211,6 +211,9 @@ void daemon_prepare(test_daemon& daemon) {
 
 bool daemon_spawn(test_daemon& daemon) {
     for (const daemon_plugin& plugin : daemon.plugins) {
+        if (plugin.missing) {
+            continue;
+        }
         fs::copy_file(FAKE_LIBRARY, library_of(daemon, plugin),
                       fs::copy_options::overwrite_existing);
     }

@@ -21,6 +21,7 @@ struct daemon_plugin {
     std::string name;
     std::string script; /* commands for its init, one a line */
     std::vector<std::pair<std::string, std::string>> settings;
+    bool missing = false; /* configured, but there is no such file */
 };
 
 struct test_daemon {

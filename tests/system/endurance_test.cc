@@ -50,7 +50,7 @@ void one_round(rig& rig, int number) {
     EXPECT_EQ(request_number(client, LYR_MSG_REPEAT, 1), 0);
     EXPECT_EQ(request_simple(client, LYR_MSG_NEXT), 0);
     EXPECT_EQ(request_simple(client, LYR_MSG_PREVIOUS), 0);
-    EXPECT_EQ(request_number(client, LYR_MSG_JUMP, 1), 0);
+    EXPECT_EQ(request_number(client, LYR_MSG_JUMP, 0), 0);
     EXPECT_EQ(request_number(client, LYR_MSG_SEEK, 1000), 0);
     EXPECT_EQ(request_speed(client, 2.0F), 0);
     EXPECT_EQ(request_simple(client, LYR_MSG_PAUSE), 0);

@@ -87,8 +87,7 @@ TEST(Lifecycle, EndsWhenAPluginCannotBeUsed) {
         daemon_remove(daemon);
     }
     test_daemon missing = other_daemon("lyrane.sys", false);
-    missing.plugins.push_back({"gone/library", "", {}});
-    std::filesystem::create_directories(missing.root + "/gone/library.so");
+    missing.plugins.push_back({"gone", "", {}, true});
     daemon_spawn(missing);
     EXPECT_EQ(daemon_wait(missing), 128 + SIGABRT);
     EXPECT_NE(daemon_log(missing).find("Unable to load DLL"), std::string::npos);
