@@ -143,7 +143,7 @@ bool command_session(const arguments& what, std::string* why) {
                             {"session", {{"id", session.id}, {"length", session.length}}}});
     }
     return output_text("track session " + std::to_string(session.id) + ", " +
-                       std::to_string(session.length) + " tracks so far\n");
+                       output_tracks(session.length) + " so far\n");
 }
 
 bool command_open(const arguments& what, std::string* why) {

@@ -23,7 +23,7 @@ std::string session_words(const request_session& session) {
     if (!session.exists) {
         return "none";
     }
-    return std::to_string(session.id) + ", " + std::to_string(session.length) + " tracks";
+    return std::to_string(session.id) + ", " + output_tracks(session.length);
 }
 
 struct answer {

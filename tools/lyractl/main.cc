@@ -7,6 +7,7 @@
 
 #include "arguments.h"
 #include "commands.h"
+#include "text.h"
 
 namespace {
 
@@ -80,17 +81,17 @@ void declare_options(CLI::App* sub, uint32_t takes, arguments* what) {
     }
     if ((takes & TAKES_PAGE) != 0) {
         sub->add_option("--offset", what->offset, "Begin with this entry, from 0")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0, INT32_MAX));
         sub->add_option("--limit", what->limit, "List at most this many; default: all")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0, INT32_MAX));
     }
     if ((takes & TAKES_START) != 0) {
         sub->add_option("--start", what->start,
                         "Begin with this entry of the folder, from 0; default: the first that "
                         "has a track")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0, INT32_MAX));
         sub->add_option("--expected", what->expected, "Take at most this many tracks; default: all")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0, INT32_MAX));
     }
     if ((takes & TAKES_MAKE) != 0) {
         sub->add_flag("--create", what->create, "Make the player when it does not exist; it stays")
@@ -114,7 +115,7 @@ void declare_screen(CLI::App* sub, arguments* what) {
     sub->add_option("--folder", what->folder, "The folder of the track session")
         ->needs(sub->get_option("--source"));
     sub->add_option("--seconds", what->seconds, "End after this time")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT32_MAX));
     sub->add_option("--note", what->note, "Text for the foot of the screen");
 }
 
@@ -131,6 +132,17 @@ void declare(CLI::App* app, arguments* what) {
             declare_screen(sub, what);
         }
     }
+}
+
+/* What the parser says of an unknown command is that there is none. */
+int usage(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> left = app.remaining();
+    if (app.get_subcommands().empty() && !left.empty() && left[0][0] != '-') {
+        std::cerr << "lyractl: there is no command \"" << text_printable(left[0])
+                  << "\"; lyractl --help lists them" << std::endl;
+        return STATUS_USAGE;
+    }
+    return app.exit(error) == 0 ? 0 : STATUS_USAGE;
 }
 
 int run(const CLI::App& app, arguments& what) {
@@ -163,7 +175,7 @@ int main(int argc, char** argv) {
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : STATUS_USAGE;
+            return usage(app, error);
         }
         return run(app, what);
     } catch (const std::exception& failure) {

@@ -62,6 +62,10 @@ bool output_list(const std::vector<std::pair<std::string, std::string>>& entries
     return output_text(text);
 }
 
+std::string output_tracks(int32_t count) {
+    return std::to_string(count) + (count == 1 ? " track" : " tracks");
+}
+
 std::string output_status(int32_t status) {
     return word_for(std::begin(STATUS_WORDS), std::end(STATUS_WORDS), status);
 }

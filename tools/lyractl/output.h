@@ -19,6 +19,7 @@ bool output_json(const nlohmann::ordered_json& document);
 bool output_list(const std::vector<std::pair<std::string, std::string>>& entries);
 
 /* Words for the numbers of the records. */
+std::string output_tracks(int32_t count); /* "1 track", "2 tracks" */
 std::string output_status(int32_t status);
 std::string output_shuffle(int32_t mode);
 std::string output_repeat(int32_t mode);

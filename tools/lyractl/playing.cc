@@ -49,7 +49,12 @@ void apply_track(playing* now, const watch_attribute& attribute) {
         now->index = number_of(attribute);
         now->has_track = true;
     } else if (attribute.name == "media_node") {
-        now->node = member_text(value, "id");
+        const std::string node = member_text(value, "id");
+        if (!now->node.empty() && node != now->node) {
+            /* The position that stands there is the last one of the track before. */
+            now->position = 0;
+        }
+        now->node = node;
         now->name = member_text(value, "name");
     } else if (attribute.name == "metadata") {
         now->title = member_text(value, "title");
