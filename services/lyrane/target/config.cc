@@ -77,6 +77,7 @@ void read_player(control_block* control, pps_decoder* decoder) {
             msglog(2, "pps decoder parse json failed: player node");
         }
     }
+    strm_dict_destroy(player_dict); /* of an earlier reading */
     player_dict = strm_dict_new();
     for (int i = 0; i < PLAYER_SETTINGS; i++) {
         set_setting(player_dict, SETTING_NAMES[i], values[i], "player_dict");

@@ -27,6 +27,17 @@
 #include "service.h"
 #include "signals.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define LYRANE_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define LYRANE_ADDRESS_SANITIZER 1
+#endif
+#endif
+#if defined(LYRANE_ADDRESS_SANITIZER)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace {
 
 constexpr const char* SOURCE = "services/lyrane/target/main";
@@ -189,6 +200,13 @@ void shut_down() {
     msglog(4, "lyrane terminated");
 }
 
+/* The leak check of a sanitizer build, which no exit handler starts here. */
+void check_for_leaks() {
+#if defined(LYRANE_ADDRESS_SANITIZER)
+    __lsan_do_leak_check();
+#endif
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -197,6 +215,7 @@ int main(int argc, char** argv) {
     start(argc, argv);
     msgserver_thread_loop(mmcontrol.server);
     shut_down();
+    check_for_leaks();
     /* The signal thread still waits, and threads of libraries may live: nothing that belongs to
      * the process may be taken apart beside them. */
     process_end(EXIT_SUCCESS);
