@@ -51,13 +51,17 @@ struct message_connection {
     std::atomic<bool> output_pending{false};                    /* output is not null */
 };
 
+/* Bytes of a name's last part: with the longest prefix, dot and suffix it still fits into a socket
+ * address. */
+constexpr size_t MESSAGE_LEAF_MAX = 72;
+
 struct message_name {
     int listen_fd = -1; /* -1: free entry */
     int dir_fd = -1;
     int lock_fd = -1;
     dev_t device = 0; /* of the socket file */
     ino_t inode = 0;
-    char leaf[108] = "";
+    char leaf[MESSAGE_LEAF_MAX + 1] = "";
 };
 
 constexpr int32_t MESSAGE_BUCKETS = 1024;

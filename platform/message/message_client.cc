@@ -114,9 +114,11 @@ ssize_t receive_packet(int fd, iovec* pieces, size_t count) {
     packet.msg_iov = pieces;
     packet.msg_iovlen = count;
     ssize_t got;
+    /* A server that closes with something of ours unread resets the connection, once; what it had
+     * sent before is still there, and after that the end. */
     do {
         got = recvmsg(fd, &packet, MSG_CMSG_CLOEXEC);
-    } while (got < 0 && errno == EINTR);
+    } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
     if (got < 0) {
         return -1;
     }

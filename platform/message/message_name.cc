@@ -23,8 +23,7 @@
 namespace {
 
 constexpr int BACKLOG = 128;
-/* A leaf with the longest prefix, dot and suffix must fit into a socket address. */
-constexpr size_t LEAF_MAX = 72;
+constexpr size_t LEAF_MAX = MESSAGE_LEAF_MAX;
 constexpr int CLAIM_TRIES = 16;
 
 /* Opens the folder of a name, made if need be, and copies the last part of the path. */

@@ -12,8 +12,6 @@
 #include <cstring>
 #include <initializer_list>
 #include <memory>
-#include <new>
-#include <type_traits>
 
 #include <pthread.h>
 #include <sys/socket.h>
@@ -29,8 +27,8 @@ struct msgclient_internal {
     message_client connection VEL_GUARDED_BY(call_lock);
 
     vel_mutex state_lock;
-    pthread_cond_t left;                            /* a waiter has gone */
-    int32_t waiters VEL_GUARDED_BY(state_lock) = 0; /* threads waiting for a pulse */
+    pthread_cond_t left;                        /* a waiter has gone */
+    int32_t waiters VEL_GUARDED_BY(state_lock); /* threads waiting for a pulse */
 };
 
 static_assert(sizeof(msgclient_event) == MSG_EVENT_SIZE);
@@ -165,8 +163,10 @@ int32_t check_names(const char* name, const char* variant) {
     return 0;
 }
 
-client_owner make_client(const char* name) {
-    client_owner client(new (std::nothrow) msgclient_t{});
+/* Nobody else knows the record yet, so its locks need not be held. From calloc(), as all of this
+ * library: a C program that links it needs no C++ run time. */
+client_owner make_client(const char* name) VEL_NO_TSA {
+    client_owner client(static_cast<msgclient_t*>(std::calloc(1, sizeof(msgclient_t))));
     if (client == nullptr) {
         return nullptr;
     }
@@ -174,10 +174,11 @@ client_owner make_client(const char* name) {
     client->notify_chid = -1;
     client->notify_coid = -1;
     memcpy(client->name, name, strlen(name) + 1);
-    client->internal = new (std::nothrow) msgclient_internal{};
+    client->internal = static_cast<msgclient_internal*>(std::calloc(1, sizeof(msgclient_internal)));
     if (client->internal == nullptr) {
         return nullptr;
     }
+    client->internal->connection = message_client{};
     vel_mutex_init(&client->internal->call_lock);
     vel_mutex_init(&client->internal->state_lock);
     pthread_cond_init(&client->internal->left, nullptr);
@@ -252,9 +253,9 @@ void client_deleter::operator()(msgclient_t* client) const noexcept {
         pthread_cond_destroy(&internal->left);
         vel_mutex_destroy(&internal->state_lock);
         vel_mutex_destroy(&internal->call_lock);
-        delete internal;
+        std::free(internal);
     }
-    delete client;
+    std::free(client);
 }
 
 } // namespace

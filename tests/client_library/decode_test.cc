@@ -1,0 +1,169 @@
+/* The decoders: the layouts byte by byte, and bytes that lie. */
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <lyrane/client.h>
+
+namespace {
+
+using bytes = std::vector<unsigned char>;
+
+/* Written by hand from the layouts. */
+const bytes SOURCE = {
+    0x05, 0,    0,    0,                           /* id */
+    0x02, 0,    0,    0,                           /* type */
+    0xFF, 0xFF, 0xFF, 0xFF,                        /* status */
+    0x01, 0,    0x04, 0,    0x02, 0,    0,   0x80, /* capabilities */
+    0x03, 0,    0,    0,    'u',  'i',  'd',       /* uid */
+    0x00, 0,    0,    0,                           /* name, empty */
+    0x02, 0,    0,    0,    0xC3, 0x28,            /* view_name, no UTF-8 */
+};
+const bytes NODE = {
+    0x01, 0,    0,    0,         /* type */
+    0x10, 0x27, 0,    0,         /* count */
+    0x07, 0,    0,    0,         /* ms_id */
+    0x00, 0x01, 0,    0,         /* ms_type */
+    0x01, 0,    0,    0,    '/', /* id */
+    0xFE, 0xFF, 0xFF, 0xFF,      /* name, absent */
+};
+const bytes METADATA = {
+    0x10, 0x27, 0, 0,    0x80, 0x02, 0, 0,    0xE0, 0x01, 0, 0,   0x02,
+    0,    0,    0, 0x09, 0,    0,    0, 0x01, 0,    0,    0, 't', /* title */
+    0x01, 0,    0, 0,    'w',                                     /* artwork */
+    0x01, 0,    0, 0,    'a',                                     /* artist */
+    0x01, 0,    0, 0,    'l',                                     /* album */
+    0x01, 0,    0, 0,    'g',                                     /* genre */
+    0x01, 0,    0, 0,    'y',                                     /* year */
+    0x01, 0,    0, 0,    'x',                                     /* extra */
+};
+
+/* A copy on the heap of exactly the size, so that a read behind it is seen. */
+struct exact {
+    explicit exact(const bytes& source, size_t size)
+        : data(static_cast<unsigned char*>(std::malloc(size == 0 ? 1 : size))) {
+        std::copy_n(source.begin(), size, data);
+    }
+    ~exact() { std::free(data); }
+    unsigned char* data;
+};
+
+bytes twice(const bytes& record) {
+    bytes two = record;
+    two.insert(two.end(), record.begin(), record.end());
+    return two;
+}
+
+void release(lyr_ms* records, int32_t count) {
+    for (int32_t i = 0; i < count; ++i) {
+        lyr_ms* one = static_cast<lyr_ms*>(std::malloc(sizeof(lyr_ms)));
+        *one = records[i];
+        free_lyr_ms(&one);
+    }
+    std::free(records);
+}
+void release(lyr_ms_node* records, int32_t count) {
+    free_lyr_ms_nodes(&records, count);
+}
+void release(lyr_ms_node_metadata* records, int32_t count) {
+    for (int32_t i = 0; i < count; ++i) {
+        auto* one = static_cast<lyr_ms_node_metadata*>(std::malloc(sizeof *records));
+        *one = records[i];
+        free_lyr_ms_node_metadata(&one);
+    }
+    std::free(records);
+}
+
+int32_t unpack(const void* buffer, int32_t size, int32_t count, lyr_ms** out) {
+    return unpack_media_source(buffer, size, count, out);
+}
+int32_t unpack(const void* buffer, int32_t size, int32_t count, lyr_ms_node** out) {
+    return unpack_media_node(buffer, size, count, out);
+}
+int32_t unpack(const void* buffer, int32_t size, int32_t count, lyr_ms_node_metadata** out) {
+    return unpack_metadata(buffer, size, count, out);
+}
+
+/* Every way in which the bytes can be too few. `last_text` is the offset of the last length. */
+void expect_borders(const bytes& record, auto* none, size_t last_text) {
+    const bytes two = twice(record);
+    auto* records = none;
+    for (size_t size = 0; size < two.size(); ++size) {
+        const exact cut(two, size);
+        records = reinterpret_cast<decltype(none)>(&records);
+        EXPECT_EQ(unpack(cut.data, static_cast<int32_t>(size), 2, &records), -1) << size;
+        EXPECT_EQ(records, nullptr) << size;
+    }
+    const exact whole(two, two.size());
+    const auto size = static_cast<int32_t>(two.size());
+    for (const int32_t count : {0, -1, INT32_MIN, 3, INT32_MAX}) {
+        EXPECT_EQ(unpack(whole.data, size, count, &records), -1) << count;
+    }
+    EXPECT_EQ(unpack(nullptr, size, 1, &records), -1);
+    EXPECT_EQ(unpack(whole.data, -1, 1, &records), -1);
+    for (const int32_t length : {1000, INT32_MAX, INT32_MAX - 1}) {
+        bytes lying = two;
+        memcpy(lying.data() + record.size() + last_text, &length, sizeof length);
+        EXPECT_EQ(unpack(lying.data(), size, 2, &records), -1) << length;
+        EXPECT_EQ(records, nullptr);
+    }
+    /* One of two: the rest is not looked at. */
+    ASSERT_EQ(unpack(whole.data, size, 1, &records), 0);
+    release(records, 1);
+}
+
+} // namespace
+
+TEST(Decode, MediaSource) {
+    const bytes two = twice(SOURCE);
+    lyr_ms* sources;
+    ASSERT_EQ(unpack_media_source(two.data(), static_cast<int32_t>(two.size()), 2, &sources), 0);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(sources[i].id, 5);
+        EXPECT_EQ(sources[i].type, LYR_MS_TYPE_USB);
+        EXPECT_EQ(sources[i].status, -1);
+        EXPECT_EQ(sources[i].capabilities, UINT64_C(0x8000000200040001));
+        EXPECT_STREQ(sources[i].uid, "uid");
+        EXPECT_EQ(sources[i].name, nullptr);
+        EXPECT_STREQ(sources[i].view_name, "\xC3\x28");
+    }
+    release(sources, 2);
+    expect_borders(SOURCE, sources = nullptr, 31);
+}
+
+TEST(Decode, MediaNode) {
+    const bytes two = twice(NODE);
+    lyr_ms_node* nodes;
+    ASSERT_EQ(unpack_media_node(two.data(), static_cast<int32_t>(two.size()), 2, &nodes), 0);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(nodes[i].type, LYR_NODE_FOLDER);
+        EXPECT_EQ(nodes[i].count, 10000);
+        EXPECT_EQ(nodes[i].ms_id, 7);
+        EXPECT_EQ(nodes[i].ms_type, LYR_MS_TYPE_DLNA);
+        EXPECT_STREQ(nodes[i].id, "/");
+        EXPECT_EQ(nodes[i].name, nullptr);
+    }
+    release(nodes, 2);
+    expect_borders(NODE, nodes = nullptr, 21);
+}
+
+TEST(Decode, Metadata) {
+    lyr_ms_node_metadata* data;
+    const bytes two = twice(METADATA);
+    ASSERT_EQ(unpack_metadata(two.data(), static_cast<int32_t>(two.size()), 2, &data), 0);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(data[i].duration, 10000);
+        EXPECT_EQ(data[i].width, 640);
+        EXPECT_EQ(data[i].height, 480);
+        EXPECT_EQ(data[i].disc, 2);
+        EXPECT_EQ(data[i].track, 9);
+        EXPECT_EQ(std::string(data[i].title) + data[i].artwork + data[i].artist + data[i].album +
+                      data[i].genre + data[i].year + data[i].extra,
+                  "twalgyx");
+    }
+    release(data, 2);
+    expect_borders(METADATA, data = nullptr, 50);
+}

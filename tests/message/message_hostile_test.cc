@@ -1,0 +1,281 @@
+/* Clients and servers that do what they should not. */
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "channel_thread.h"
+
+namespace {
+
+void expect_served(channel_thread*) {
+    message_client client;
+    ASSERT_EQ(message_connect(&client, TEST_NAME), 0);
+    EXPECT_EQ(call(&client, "ping"), "ping");
+    message_disconnect(&client);
+}
+
+/* Sends until the socket takes no more; the number of packets. */
+int flood(int fd, const char* text) {
+    int sent = 0;
+    while (sent < 100000 && send(fd, text, strlen(text), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+        ++sent;
+    }
+    return sent;
+}
+
+void pass(int fd, const int* descriptors, size_t count, const char* text) {
+    char control[CMSG_SPACE(16 * sizeof(int))] = {};
+    iovec piece{const_cast<char*>(text), strlen(text)};
+    msghdr packet{};
+    packet.msg_iov = &piece;
+    packet.msg_iovlen = 1;
+    packet.msg_control = control;
+    packet.msg_controllen = CMSG_SPACE(count * sizeof(int));
+    cmsghdr* part = CMSG_FIRSTHDR(&packet);
+    part->cmsg_level = SOL_SOCKET;
+    part->cmsg_type = SCM_RIGHTS;
+    part->cmsg_len = CMSG_LEN(count * sizeof(int));
+    memcpy(CMSG_DATA(part), descriptors, count * sizeof(int));
+    ASSERT_GT(sendmsg(fd, &packet, MSG_NOSIGNAL), 0);
+}
+
+} // namespace
+
+TEST(MessageHostile, AClientThatNeverReadsCostsOnlyItself) {
+    channel_thread server;
+    channel_thread_start(&server);
+    const int greedy = plain_socket();
+    int sent = flood(greedy, "size 300000");
+    expect_served(&server);
+    sent += flood(greedy, "size 300000");
+    expect_served(&server);
+    EXPECT_LT(server.received.load(), 10) << "read on although replies were pending";
+    EXPECT_GT(sent, 10);
+    /* What it reads in the end is whole and in order. */
+    std::vector<char> packet(MESSAGE_PACKET_SIZE);
+    size_t data = 0;
+    for (uint32_t reply = 1; reply <= 5;) {
+        const ssize_t got = recv(greedy, packet.data(), packet.size(), 0);
+        ASSERT_GE(got, static_cast<ssize_t>(sizeof(message_frame)));
+        message_frame frame;
+        memcpy(&frame, packet.data(), sizeof frame);
+        ASSERT_EQ(frame.sequence, reply);
+        ASSERT_EQ(frame.length, 300000u);
+        data += static_cast<size_t>(got) - sizeof frame;
+        if ((frame.flags & MESSAGE_FRAME_MORE) == 0) {
+            EXPECT_EQ(data, frame.length);
+            data = 0;
+            ++reply;
+        }
+    }
+    close(greedy);
+    channel_thread_await(&server, server.ended, 3);
+    EXPECT_EQ(server.received.load(), sent + 2) << "what it had sent is still handled";
+    channel_thread_stop(&server);
+}
+
+TEST(MessageHostile, DataThenHangUp) {
+    channel_thread server;
+    channel_thread_start(&server);
+    int expected = 0;
+    for (int round = 1; round <= 3; ++round) {
+        const int fd = plain_socket();
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_EQ(send(fd, "data", 4, MSG_NOSIGNAL), 4);
+        }
+        expected += 5;
+        if (round == 2) {
+            channel_thread_await(&server, server.received, 6); /* replies lie unread: a reset */
+        } else if (round == 3) {
+            shutdown(fd, SHUT_WR); /* still gets its replies */
+            char reply[64];
+            for (int i = 0; i < 5; ++i) {
+                EXPECT_EQ(recv(fd, reply, sizeof reply, 0),
+                          static_cast<ssize_t>(sizeof(message_frame) + 4));
+            }
+            EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 0);
+        }
+        close(fd);
+        channel_thread_await(&server, server.ended, round);
+        EXPECT_EQ(server.received.load(), expected);
+        EXPECT_EQ(message_channel_connections(server.channel), 0);
+    }
+    channel_thread_stop(&server);
+}
+
+TEST(MessageHostile, EmptyPacketsAreMessagesAndNoEnd) {
+    channel_thread server;
+    channel_thread_start(&server);
+    const int fd = plain_socket();
+    for (const char* text : {"", "a", "", "b"}) {
+        ASSERT_EQ(send(fd, text, strlen(text), MSG_NOSIGNAL), static_cast<ssize_t>(strlen(text)));
+    }
+    channel_thread_await(&server, server.received, 4);
+    EXPECT_EQ(server.ended.load(), 0);
+    send(fd, "", 0, MSG_NOSIGNAL);
+    send(fd, "c", 1, MSG_NOSIGNAL);
+    send(fd, "", 0, MSG_NOSIGNAL);
+    close(fd);
+    channel_thread_await(&server, server.ended, 1);
+    EXPECT_GE(server.received.load(), 6) << "a message behind an empty one was lost";
+    channel_thread_stop(&server);
+}
+
+TEST(MessageHostile, OnlyAPairOfSocketsIsAnEventChannel) {
+    channel_thread server;
+    channel_thread_start(&server);
+    int pipe_ends[2];
+    int pair[2];
+    int datagram[2];
+    ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, datagram), 0);
+    const int file = open("/dev/null", O_RDWR | O_CLOEXEC);
+    const int internet = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int lonely = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const struct {
+        const char* what;
+        int fd;
+        int status;
+    } cases[] = {
+        {"pipe", pipe_ends[1], EINVAL},
+        {"file", file, EINVAL},
+        {"internet", internet, EINVAL},
+        {"datagram", datagram[0], EINVAL},
+        {"unconnected", lonely, EINVAL},
+        {"pair", pair[1], 0},
+        {"none", -1, 0},
+    };
+    message_client client;
+    ASSERT_EQ(message_connect(&client, TEST_NAME), 0);
+    call(&client, "warm");
+    const int before = descriptor_count();
+    for (const auto& entry : cases) {
+        int32_t status = -1;
+        call(&client, "event", 64, &status, entry.fd);
+        EXPECT_EQ(status, entry.status) << entry.what;
+    }
+    /* Descriptors that nobody asked for, many at a time, are gone when the next message is. */
+    std::vector<int> many(16, file);
+    for (int i = 0; i < 50; ++i) {
+        pass(client.fd, many.data(), many.size(), "take these");
+    }
+    channel_thread_await(&server, server.received, 1 + 7 + 50);
+    EXPECT_EQ(descriptor_count(), before);
+    for (const int fd : {pipe_ends[0], pipe_ends[1], pair[0], pair[1], datagram[0], datagram[1],
+                         file, internet, lonely}) {
+        close(fd);
+    }
+    message_disconnect(&client);
+    channel_thread_stop(&server);
+}
+
+TEST(MessageHostile, OneProcessCannotTakeAllConnections) {
+    channel_thread server;
+    channel_thread_start(&server);
+    std::vector<message_client> clients;
+    std::string reply;
+    do {
+        message_client client;
+        ASSERT_EQ(message_connect(&client, TEST_NAME), 0);
+        reply = call(&client, "x");
+        clients.push_back(client);
+    } while (reply == "x" && clients.size() < 5000);
+    EXPECT_EQ(reply, "error " + std::to_string(ENOMEM));
+    EXPECT_LE(message_channel_connections(server.channel), MESSAGE_CONNECTIONS_MAX / 4);
+    message_disconnect(&clients[0]);
+    channel_thread_await(&server, server.ended, 1);
+    expect_served(&server);
+    for (message_client& client : clients) {
+        message_disconnect(&client);
+    }
+    channel_thread_await(&server, server.ended, static_cast<int>(clients.size()));
+    EXPECT_EQ(message_channel_connections(server.channel), 0);
+    channel_thread_stop(&server);
+}
+
+TEST(MessageHostile, WithoutDescriptorsAcceptingPausesAndGoesOn) {
+    channel_thread server;
+    channel_thread_start(&server);
+    message_client served;
+    ASSERT_EQ(message_connect(&served, TEST_NAME), 0);
+    ASSERT_EQ(call(&served, "before"), "before");
+    message_client waiting;
+    const int newcomer = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    /* The newcomer's end exists already; the server's does not find a number. */
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    rlimit none = limit;
+    const std::string folder = test_root() + "/sys/csm/test";
+    const int folder_fd = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/default", folder_fd);
+    none.rlim_cur = 3; /* every number below is taken */
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    ASSERT_EQ(connect(newcomer, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    waiting.fd = newcomer;
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(call(&served, "still here"), "still here");
+    }
+    EXPECT_EQ(message_channel_connections(server.channel), 1);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(call(&waiting, "at last"), "at last");
+    message_disconnect(&waiting);
+    message_disconnect(&served);
+    close(folder_fd);
+    channel_thread_stop(&server);
+}
+
+TEST(MessageHostile, AServerThatBreaksTheProtocolIsNotBelieved) {
+    struct packet {
+        message_frame frame;
+        size_t data;
+    };
+    const struct {
+        const char* what;
+        std::vector<packet> packets;
+        int32_t expected;
+    } cases[] = {
+        {"good, after a stale one", {{{0, 0, 0, 3}, 3}, {{1, 0, 0, 4}, 4}}, 0},
+        {"short frame", {{{1, 0, 0, 0}, size_t(-4)}}, EPROTO},
+        {"number of the future", {{{2, 0, 0, 0}, 0}}, EPROTO},
+        {"more than announced", {{{1, 0, 0, 2}, 4}}, EPROTO},
+        {"less than announced", {{{1, 0, 0, 8}, 4}}, EPROTO},
+        {"more than fits", {{{1, 0, 0, 64}, 64}}, EPROTO},
+        {"more than fits, in pieces",
+         {{{1, 0, MESSAGE_FRAME_MORE, 12}, 6}, {{1, 0, 0, 12}, 6}},
+         EPROTO},
+        {"empty piece", {{{1, 0, MESSAGE_FRAME_MORE, 4}, 0}}, EPROTO},
+        {"error that is none", {{{1, 0, MESSAGE_FRAME_ERROR, 0}, 0}}, EPROTO},
+        {"error with data", {{{1, EIO, MESSAGE_FRAME_ERROR, 4}, 4}}, EPROTO},
+        {"gone", {}, ECONNRESET},
+    };
+    for (const auto& entry : cases) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        for (const packet& sent : entry.packets) {
+            std::vector<char> bytes(sizeof sent.frame + sent.data, 'd');
+            memcpy(bytes.data(), &sent.frame, std::min(bytes.size(), sizeof sent.frame));
+            ASSERT_EQ(send(ends[1], bytes.data(), bytes.size(), 0),
+                      static_cast<ssize_t>(bytes.size()));
+        }
+        shutdown(ends[1], SHUT_WR);
+        message_client client{ends[0], 0, false};
+        char reply[8] = {};
+        const iovec out{reply, 1};
+        const iovec in[2] = {{reply, 4}, {reply + 4, 4}};
+        message_result result;
+        EXPECT_EQ(message_call(&client, &out, 1, -1, in, 2, &result), entry.expected) << entry.what;
+        EXPECT_EQ(client.broken, entry.expected == EPROTO) << entry.what;
+        message_disconnect(&client);
+        close(ends[1]);
+    }
+}

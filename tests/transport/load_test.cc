@@ -1,0 +1,135 @@
+/* Many clients, many threads, and what is left afterwards: nothing. */
+#include <cerrno>
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "harness.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HEAP_IS_COUNTED 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HEAP_IS_COUNTED 0
+#endif
+#endif
+#ifndef HEAP_IS_COUNTED
+#define HEAP_IS_COUNTED 1
+#endif
+
+namespace {
+
+/* Synchronous and asynchronous requests by turns; each reply is checked. */
+void talk(msgclient_t* client, int seed, int requests) {
+    ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
+    for (int i = 1; i <= requests; ++i) {
+        const std::string text = std::to_string(seed) + "/" + std::to_string(i);
+        const std::string request = "e " + text;
+        if (i % 3 != 0) {
+            ASSERT_EQ(ask(client, request), text);
+            continue;
+        }
+        const auto tag = static_cast<uint32_t>(i);
+        ASSERT_EQ(
+            msgclient_put(client, tag, request.data(), static_cast<int32_t>(request.size()), 0), 0);
+        ASSERT_EQ(msgclient_wait_pulse(client), tag);
+        char reply[64];
+        int32_t length;
+        ASSERT_EQ(msgclient_get(client, tag, reply, sizeof reply, &length, 0), 0);
+        ASSERT_EQ(std::string(reply, static_cast<size_t>(length)), text);
+    }
+}
+
+} // namespace
+
+TEST(TransportLoad, TenThousandOpensAndRequestsLeaveNothing) {
+    harness h;
+    harness_start(&h);
+    int descriptors = 0;
+    size_t heap = 0;
+    for (int round = 1; round <= 10000; ++round) {
+        msgclient_t* client = harness_open();
+        ASSERT_EQ(ask(client, "e x"), "x");
+        ASSERT_EQ(ask(client, "e xyz", 1), "error 240"); /* stays in the queue */
+        if (round % 10 == 0) {
+            talk(client, round, 3);
+        }
+        msgclient_close(client);
+        harness_await_disconnects(&h, round);
+        harness_await_connections(&h, 0);
+        if (round == 1000) {
+            descriptors = descriptor_count();
+            heap = mallinfo2().uordblks;
+        }
+    }
+    while (descriptor_count() > descriptors) {
+        std::this_thread::yield(); /* the end of the last socket is worked off after its close */
+    }
+    EXPECT_EQ(harness_queued(&h), 0);
+    if (HEAP_IS_COUNTED != 0) {
+        EXPECT_LT(mallinfo2().uordblks, heap + 16384);
+    }
+    harness_stop(&h);
+}
+
+TEST(TransportLoad, SeveralLoopsManyClients) {
+    harness h;
+    harness_start(&h, 4);
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 8; ++t) {
+        clients.emplace_back([t] {
+            for (int round = 0; round < 5; ++round) {
+                msgclient_t* client = harness_open();
+                talk(client, t * 100 + round, 60);
+                msgclient_close(client);
+            }
+        });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    harness_await_disconnects(&h, 40);
+    harness_await_connections(&h, 0);
+    EXPECT_EQ(harness_queued(&h), 0);
+    harness_stop(&h);
+}
+
+TEST(TransportLoad, ClientsKilledAnywhereLeaveNothing) {
+    harness h;
+    harness_start(&h, 2);
+    int opened = 0;
+    for (int step = 0; step < 60; ++step) {
+        const pid_t child = fork();
+        if (child == 0) {
+            /* Killed after a number of system calls that differs from child to child: at connect,
+             * open, put, before get, within a large reply. */
+            alarm(20);
+            msgclient_t* client = msgclient_open(TEST_SERVICE, nullptr, 0);
+            char reply[100000];
+            int32_t length;
+            for (int i = 0; i < 1 + step % 7; ++i) {
+                if (i == step / 10) {
+                    kill(getpid(), SIGKILL);
+                }
+                msgclient_putget(client, "b 99999", 7, reply, sizeof reply, &length, 0);
+                if (i == 1) {
+                    msgclient_notify_pulse(client, 5);
+                }
+                msgclient_put(client, 1, "b 99999", 7, 0);
+            }
+            kill(getpid(), SIGKILL);
+        }
+        int status;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(WTERMSIG(status), SIGKILL);
+        ++opened;
+    }
+    harness_await_disconnects(&h, opened);
+    harness_await_connections(&h, 0);
+    EXPECT_EQ(h.connects.load(), opened);
+    EXPECT_EQ(h.hang_ups.load(), opened);
+    EXPECT_EQ(harness_queued(&h), 0);
+    harness_stop(&h);
+}

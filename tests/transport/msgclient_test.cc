@@ -1,0 +1,186 @@
+/* The client half. */
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "harness.h"
+
+TEST(MsgClient, NamesAreCheckedBeforeAnythingIsSent) {
+    const std::string longest(31, 'n');
+    const struct {
+        std::string name;
+        std::string variant;
+        int expected;
+    } cases[] = {
+        {longest, "default", ENOENT},
+        {longest + "n", "default", ENAMETOOLONG},
+        {longest, std::string(33, 'v'), ENOENT},
+        {longest, std::string(34, 'v'), ENAMETOOLONG},
+        {"../x", "default", EINVAL},
+        {"x", "a/b", EINVAL},
+        {"", "default", EINVAL},
+    };
+    for (const auto& entry : cases) {
+        EXPECT_EQ(msgclient_open(entry.name.c_str(), entry.variant.c_str(), 0), nullptr);
+        EXPECT_EQ(errno, entry.expected) << entry.name << " " << entry.variant;
+    }
+    EXPECT_EQ(msgclient_open(nullptr, nullptr, 0), nullptr);
+    EXPECT_EQ(msgclient_close(nullptr), 0);
+    EXPECT_EQ(msgclient_put(nullptr, 1, "", 0, 0), EINVAL);
+}
+
+TEST(MsgClient, TheLongestNameOpensByPathAndByNameSpace) {
+    const std::string name(31, 'n');
+    for (const uint32_t flags : {MSGSERVER_BY_PATH, MSGSERVER_NO_CAPABILITIES}) {
+        msgserver* server = msgserver_create(0, 5, flags);
+        ASSERT_EQ(
+            msgserver_add(server, name.c_str(), nullptr, nullptr, 0, nullptr, nullptr, nullptr), 0);
+        std::thread loop(msgserver_thread_loop, server);
+        msgclient_t* client = msgclient_open(name.c_str(), nullptr, 0);
+        ASSERT_NE(client, nullptr) << strerror(errno);
+        EXPECT_EQ(client->by_path, flags == MSGSERVER_BY_PATH ? 1 : 0);
+        EXPECT_EQ(client->name, name);
+        EXPECT_EQ(client->notify_chid, -1);
+        msgclient_close(client);
+        msgserver_stop(server);
+        loop.join();
+        msgserver_destroy(server);
+    }
+}
+
+TEST(MsgClient, AFailedOpenLeavesNothingAndTellsWhy) {
+    harness h;
+    harness_start(&h);
+    h.refuse = true;
+    const int before = descriptor_count();
+    EXPECT_EQ(msgclient_open(TEST_SERVICE, nullptr, 0), nullptr);
+    EXPECT_EQ(errno, EDOM);
+    harness_stop(&h);
+    EXPECT_EQ(msgclient_open(TEST_SERVICE, nullptr, 0), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_LE(descriptor_count(), before);
+}
+
+TEST(MsgClient, VectorsOfManyPieces) {
+    harness h;
+    harness_start(&h);
+    msgclient_t* client = harness_open();
+    std::string request = "e ";
+    for (int i = 0; i < 500; ++i) {
+        request += static_cast<char>('a' + i % 26);
+    }
+    std::string reply(500, '\0');
+    std::vector<iovec> out;
+    std::vector<iovec> in;
+    for (size_t i = 0; i < request.size(); ++i) {
+        out.push_back({&request[i], 1});
+    }
+    for (size_t i = 0; i < reply.size(); ++i) {
+        in.push_back({&reply[i], 1});
+    }
+    int32_t length = 0;
+    EXPECT_EQ(msgclient_putgetv(client, out.data(), static_cast<int32_t>(out.size()), in.data(),
+                                static_cast<int32_t>(in.size()), &length, 0),
+              0);
+    EXPECT_EQ(length, 500);
+    EXPECT_EQ(reply, request.substr(2));
+    out.resize(1001);
+    EXPECT_EQ(msgclient_putv(client, 1, out.data(), 1001, 0), EINVAL);
+    EXPECT_EQ(msgclient_putget(client, "", -1, nullptr, 0, nullptr, 0), EINVAL);
+    msgclient_close(client);
+    harness_stop(&h);
+}
+
+TEST(MsgClient, AServerThatGoesAwayIsAnErrorAndNoSignal) {
+    signal(SIGPIPE, SIG_DFL);
+    harness h;
+    harness_start(&h);
+    msgclient_t* client = harness_open();
+    ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
+    std::thread waiter([&] { EXPECT_EQ(msgclient_wait_pulse(client), 0u); });
+    harness_stop(&h);
+    waiter.join();
+    EXPECT_EQ(ask(client, "e x"), "error " + std::to_string(EPIPE));
+    EXPECT_EQ(ask(client, "e x"), "error " + std::to_string(EPIPE));
+    EXPECT_EQ(msgclient_wait_pulse(client), 0u);
+    EXPECT_EQ(msgclient_close(client), 0);
+}
+
+/* Waits until a thread of this process sleeps in poll(). */
+static void await_in_poll(pid_t thread) {
+    const std::string path = "/proc/self/task/" + std::to_string(thread) + "/syscall";
+    for (;;) {
+        std::ifstream file(path);
+        std::string number;
+        file >> number;
+#ifdef SYS_poll
+        if (number == std::to_string(SYS_poll)) {
+            return;
+        }
+#endif
+        if (number == std::to_string(SYS_ppoll)) {
+            return;
+        }
+        std::this_thread::yield();
+    }
+}
+
+TEST(MsgClient, ClosingAndRegisteringAgainWakeTheWaiters) {
+    harness h;
+    harness_start(&h);
+    const int before = descriptor_count();
+    for (int round = 0; round < 20; ++round) {
+        msgclient_t* client = harness_open();
+        ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
+        std::atomic<pid_t> ids[3] = {};
+        std::vector<std::thread> waiters;
+        for (std::atomic<pid_t>& id : ids) {
+            waiters.emplace_back([client, &id] {
+                id = static_cast<pid_t>(syscall(SYS_gettid));
+                EXPECT_EQ(msgclient_wait_pulse(client), 0u);
+            });
+        }
+        for (std::atomic<pid_t>& id : ids) {
+            while (id == 0) {
+                std::this_thread::yield();
+            }
+            await_in_poll(id);
+        }
+        if (round % 2 == 0) {
+            ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
+        }
+        msgclient_close(client);
+        for (std::thread& waiter : waiters) {
+            waiter.join();
+        }
+    }
+    while (descriptor_count() > before) {
+        std::this_thread::yield(); /* the server has not seen the last end yet */
+    }
+    harness_stop(&h);
+}
+
+TEST(MsgClient, ThreadsThatShareARecordGetTheirOwnReplies) {
+    harness h;
+    harness_start(&h, 2);
+    msgclient_t* client = harness_open();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([client, t] {
+            for (int i = 0; i < 500; ++i) {
+                const std::string text(static_cast<size_t>(t * 50 + i % 50 + 1), 'a' + t);
+                ASSERT_EQ(ask(client, "e " + text, text.size()), text);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    msgclient_close(client);
+    harness_stop(&h);
+}
