@@ -1,4 +1,4 @@
-/* A plug-in that looks in the running service for each name in its setting "names" (blanks between
+/* A plug-in that looks in the running service for each name in its setting "names" (commas between
  * them), and in the libraries below those of its setting "libraries": a name must be the service's
  * own, and nobody else's, because a library with the same name would call the service instead of
  * itself. What is not so is logged. */
@@ -25,8 +25,8 @@ static const char* image_of(const void* address) {
 
 static void split_names(const char* text) {
     snprintf(names_text, sizeof names_text, "%s", text);
-    for (char* name = strtok(names_text, " "); name != NULL && name_count < NAMES_MAX;
-         name = strtok(NULL, " ")) {
+    for (char* name = strtok(names_text, ","); name != NULL && name_count < NAMES_MAX;
+         name = strtok(NULL, ",")) {
         names[name_count++] = name;
     }
 }

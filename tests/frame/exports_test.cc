@@ -1,8 +1,8 @@
 /* The names that the service shows to its plug-ins. */
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -11,12 +11,23 @@
 
 namespace {
 
-/* The names of the linker's list. */
+/* The names of the linker's list, which separates them with semicolons. */
 std::vector<std::string> exported_names() {
-    const std::regex comment("/\\*[\\s\\S]*?\\*/");
-    const std::string text = std::regex_replace(read_whole_file(EXPORTS_LIST), comment, "");
-    const std::regex name("[A-Za-z_][A-Za-z_0-9]*");
-    return {std::sregex_token_iterator(text.begin(), text.end(), name), {}};
+    std::string text = read_whole_file(EXPORTS_LIST);
+    for (size_t at = 0; (at = text.find("/*")) != std::string::npos;) {
+        text.erase(at, text.find("*/", at) + 2 - at);
+    }
+    std::vector<std::string> names;
+    std::string name;
+    for (const char c : text) {
+        if (c == ';' && !name.empty()) {
+            names.push_back(name);
+            name.clear();
+        } else if (c == '_' || isalnum(static_cast<unsigned char>(c)) != 0) {
+            name += c;
+        }
+    }
+    return names;
 }
 
 TEST(exports, each_name_is_the_services_and_no_library_of_the_shipped_plugins_has_it) {
@@ -24,7 +35,7 @@ TEST(exports, each_name_is_the_services_and_no_library_of_the_shipped_plugins_ha
     ASSERT_GT(names.size(), 100u);
     std::string joined;
     for (const std::string& name : names) {
-        joined += name + " ";
+        joined += name + ","; /* a blank could fall on the border of two pieces of the file */
     }
     test_daemon daemon;
     daemon.own_root = true;
