@@ -188,7 +188,9 @@ lyr_ppswriter* lyr_ppswriter_create(lyr_ppsdir* dir, const char* name, int32_t i
 void lyr_ppswriter_close(lyr_ppswriter* object) LYR_NOEXCEPT;
 /* Withdraws the object. 0, EBUSY while other references remain, or the error of the unlink. */
 int32_t lyr_ppswriter_remove(lyr_ppswriter* object) LYR_NOEXCEPT;
-/* Sets (value null: deletes) one attribute of the next update. The strings are copied. */
+/* Sets (value null: deletes) one attribute of the next update. The strings are copied. What is not
+ * one line of the form above is ignored, a value beyond 4 MiB withdraws its attribute; both are
+ * logged. */
 void lyr_ppswriter_write_attr(lyr_ppswriter* object, const char* name,
                               const char* value) LYR_NOEXCEPT;
 /* Publishes what was set since the last flush, in one piece. Returns 0. */

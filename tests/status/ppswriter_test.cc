@@ -102,6 +102,18 @@ TEST_F(ppswriter, takes_a_whole_dictionary) {
     EXPECT_EQ(strm_dict_count(lyr_ppswriter_getall(object)), 400);
 }
 
+/* The text of a hostile file's tag neither ends the service nor leaves an older one in place. */
+TEST_F(ppswriter, withdraws_what_is_far_too_long) {
+    const std::string megabytes = "::" + std::string(3 << 20, 'x');
+    lyr_ppswriter_write_attr(object, "long", megabytes.c_str());
+    lyr_ppswriter_write_attr(object, "other", "::1");
+    EXPECT_EQ(lyr_ppswriter_flush(object), 0);
+    EXPECT_EQ(text_of("/state"), "@state\nlong" + megabytes + "\nother::1\n");
+    lyr_ppswriter_write_attr(object, "long", ("::" + std::string(PPS_OBJECT_MAX, 'x')).c_str());
+    EXPECT_EQ(lyr_ppswriter_flush(object), 0);
+    EXPECT_EQ(text_of("/state"), "@state\nother::1\n");
+}
+
 TEST_F(ppswriter, starts_without_what_an_earlier_run_left) {
     plant_file(real_path(path) + "/track", "@track\nstale::yes\n");
     lyr_ppswriter* track = lyr_ppswriter_create(root, "track", -1, &error);
@@ -137,7 +149,9 @@ TEST_F(ppswriter, an_object_somebody_unlinked_is_reported) {
 TEST_F(ppswriter_death, a_platform_that_fails_ends_the_process) {
     const auto flush_with_echo = [this] {
         background = 0;
-        lyr_ppswriter_write_attr(object, "a", ("::" + std::string(PPS_OBJECT_MAX, 'x')).c_str());
+        for (int32_t i = 0; i <= PPS_ATTRIBUTES_MAX; ++i) {
+            lyr_ppswriter_write_attr(object, std::to_string(i).c_str(), "::x");
+        }
         lyr_ppswriter_flush(object);
     };
     EXPECT_EXIT(flush_with_echo(), ::testing::ExitedWithCode(1),

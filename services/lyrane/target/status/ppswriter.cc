@@ -16,6 +16,10 @@ namespace {
 constexpr uint32_t OBJECT_MODE = 0777;
 constexpr const char* CREATE_OPTION = "nopersist";
 
+/* Bytes of a value. The texts come from the tags of anybody's files; an object that the platform
+ * does not take would end the service, so one that holds a few such values still fits. */
+constexpr size_t VALUE_MAX = PPS_OBJECT_MAX / 4;
+
 struct dict_release {
     void operator()(strm_dict* dict) const noexcept { strm_dict_destroy(dict); }
 };
@@ -93,8 +97,12 @@ static bool is_attribute(const char* name, const char* value) {
                                 std::strchr(value, '\n') == nullptr);
 }
 
+static bool is_too_long(const char* value) {
+    return std::strlen(value) > VALUE_MAX;
+}
+
 static void refuse_attribute(const lyr_ppsnode* object, const char* name) {
-    msglog(3, "Attribute '%s' of PPS object '%s' is not one line, left out", name, object->name);
+    msglog(3, "Attribute '%s' of PPS object '%s' is not one line, ignored", name, object->name);
 }
 
 /* The update that turns one set into another: deletion lines, then every attribute. Points into
@@ -239,6 +247,10 @@ void lyr_ppswriter_write_attr(lyr_ppswriter* object, const char* name, const cha
         refuse_attribute(object, name);
         return;
     }
+    if (value != nullptr && is_too_long(value)) {
+        msglog(3, "Attribute '%s' of PPS object '%s' is too long, withdrawn", name, object->name);
+        value = nullptr; /* rather none than the one of an earlier track */
+    }
     if (object->pending == nullptr) {
         object->pending = strm_dict_clone(object->current);
     }
@@ -270,7 +282,7 @@ int32_t lyr_ppswriter_write_dict(lyr_ppswriter* object, strm_dict* content) noex
     const char* name = nullptr;
     const char* value = nullptr;
     for (int32_t i = 0; strm_dict_at(content, i, &name, &value) == 0;) {
-        if (is_attribute(name, value)) {
+        if (is_attribute(name, value) && !is_too_long(value)) {
             ++i;
         } else {
             refuse_attribute(object, name);
