@@ -149,6 +149,7 @@ TEST(Lifecycle, TakesOverFromAKilledService) {
     fake_close(rig.disk);
 
     ASSERT_TRUE(daemon_start(rig.daemon));
+    EXPECT_FALSE(rig_has_player(rig.daemon, "radio"));
     rig.disk = daemon_fake(rig.daemon, "disk");
     fake_tree(rig.disk, "", ALBUM);
     ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));

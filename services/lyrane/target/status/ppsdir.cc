@@ -1,7 +1,12 @@
 #include "ppsdir.h"
 
 #include <cerrno>
+#include <climits>
 
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <veloran/paths.h>
 #include <veloran/pps.h>
 
 #include "msglog.h"
@@ -102,12 +107,34 @@ static bool unlink_unused(lyr_ppsdir* dir) {
     return true;
 }
 
+/* What a killed service left in the tree shows players that nobody plays. It is removed when no
+ * other service works there: each holds a shared lock on the root directory for its life, so the
+ * descriptor stays open. A lock that cannot be had is no reason not to serve. */
+static void clear_leftovers() {
+    char path[PATH_MAX];
+    if (paths_resolve(ROOT_PATH, path, sizeof path) < 0) {
+        return;
+    }
+    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0 && pps_clear_tree(ROOT_PATH) != 0) {
+        msglog(4, "Not all that an earlier run left in %s could be removed: %s", ROOT_PATH,
+               msglog_error_text(errno));
+    }
+    if (fd >= 0) {
+        (void)flock(fd, LOCK_SH | LOCK_NB);
+    }
+}
+
 extern "C" {
 
 int32_t ppsdir_initialize(control_block* control) noexcept {
     int32_t error = 0;
     control->ppsroot = lyr_ppsdir_makeroot(ROOT_PATH, &error);
-    return control->ppsroot == nullptr ? error : 0;
+    if (control->ppsroot == nullptr) {
+        return error;
+    }
+    clear_leftovers();
+    return 0;
 }
 
 lyr_ppsdir* lyr_ppsdir_makeroot(const char* path, int32_t* error) noexcept {
