@@ -261,6 +261,67 @@ TEST(Playback, FollowsADevice) {
     rig_end(rig);
 }
 
+TEST(Playback, AnotherPluginPlaysWhatItsOwnerCannot) {
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.plugins.push_back({"disk", "source disk type=0x2\nnull play_api", {}});
+    rig.daemon.plugins.push_back({"other", "types 0x10", {}});
+    rig.daemon.plugins.push_back({"player", "types 0x12", {}});
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    rig.disk = daemon_fake(rig.daemon, "disk");
+    fake_client player = daemon_fake(rig.daemon, "player");
+    fake_tree(rig.disk, "", ALBUM);
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    session_on(rig, "radio", "/album", 3);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    EXPECT_EQ(fake_ids(player, "attach"), std::vector<std::string>{"/album/a"});
+    EXPECT_EQ(fake_number(player, "count browse.create"), 0);
+    EXPECT_EQ(fake_number(player, "event finished"), 0);
+    EXPECT_EQ(fake_number(player, "count play"), 2);
+    /* The source goes on its owner's thread; both plug-ins' sessions end there. */
+    EXPECT_EQ(fake_number(rig.disk, "event disconnected uid=disk"), 0);
+    EXPECT_EQ(fake_do(player, "sessions"), "");
+    EXPECT_EQ(fake_do(rig.disk, "sessions"), "");
+    fake_close(player);
+    rig_end(rig);
+}
+
+TEST(Playback, MissingEntriesAndRefusalsAreAnswered) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, ALBUM));
+    session_on(rig, "radio", "/album", 3);
+    for (const char* entry : {"play", "pause", "stop", "seek", "rate", "metadata", "extended",
+                              "search", "cancel", "update"}) {
+        fake_do(rig.disk, "null %s", entry);
+    }
+    std::vector<request_node> nodes;
+    std::vector<std::string> values;
+    request_metadata data;
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), -1);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PAUSE), -1);
+    EXPECT_EQ(request_number(rig.client, LYR_MSG_SEEK, 1), -1);
+    EXPECT_EQ(request_speed(rig.client, 2.0F), -1);
+    EXPECT_EQ(request_metadata_of(rig.client, 0, "/album/a", data), -1);
+    EXPECT_EQ(request_extended(rig.client, 0, "/album/a", {"mood"}, values), -1);
+    EXPECT_EQ(request_search(rig.client, 0, "", "First", 0, -1, nodes), -1);
+    EXPECT_EQ(request_close(rig.client, "radio"), 0);
+
+    /* Halves that cannot be made are asked for again at the next use. */
+    EXPECT_EQ(request_open(rig.client, "second"), 0);
+    fake_do(rig.disk, "rule browse.create null=1 times=1");
+    fake_do(rig.disk, "rule play.create null=1 times=2");
+    EXPECT_EQ(request_browse(rig.client, 0, "/", 0, -1, nodes), -1);
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_create(rig.client, 0, "/album", 1, 0, &ts_id), -1);
+    EXPECT_EQ(request_create(rig.client, 0, "/album", 1, 0, &ts_id), 0);
+    /* A source event from inside a call that holds a player's lock is refused. */
+    fake_do(rig.disk, "rule browse inside=\"disconnected uid=disk\" times=1");
+    EXPECT_EQ(request_browse(rig.client, 0, "/", 0, -1, nodes), 0);
+    EXPECT_EQ(fake_word(fake_log(rig.disk, "event.disconnected").back(), "result"), "-1");
+    EXPECT_EQ(request_sources(rig.client).size(), 1u);
+    rig_end(rig);
+}
+
 TEST(Playback, BuildsFromAwkwardPages) {
     rig rig;
     ASSERT_TRUE(rig_start(rig, "/t|tree:2,2,3\n"));

@@ -1,0 +1,151 @@
+/* Everything at once: clients that share players, playback events and media-source events from
+ * several threads of two plug-ins, and signals. Whatever the order, nothing may break: the
+ * sanitizers watch inside, and what is seen from outside must agree at the end. */
+#include <csignal>
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "rig.h"
+
+namespace {
+
+constexpr int CLIENTS = 4;
+constexpr int REQUESTS = 300; /* of each client */
+
+struct storm_client {
+    const test_daemon* daemon = nullptr;
+    unsigned seed = 0;
+    int failures = 0; /* requests without any reply */
+    std::thread thread;
+};
+
+/* One random request on a player that this connection holds. */
+void one_request(request_client& client, std::mt19937& random, int& failures) {
+    static const uint16_t simple[] = {LYR_MSG_PLAY,
+                                      LYR_MSG_STOP,
+                                      LYR_MSG_PAUSE,
+                                      LYR_MSG_NEXT,
+                                      LYR_MSG_PREVIOUS,
+                                      LYR_MSG_GET_MEDIA_SOURCE,
+                                      LYR_MSG_GET_CURRENT_STATE,
+                                      LYR_MSG_GET_TRKSESSION_INFO,
+                                      LYR_MSG_GET_CURRENT_TRACK_INFO,
+                                      LYR_MSG_GET_CURRENT_TRACK_POSITION};
+    static const uint16_t numbered[] = {LYR_MSG_JUMP, LYR_MSG_SEEK, LYR_MSG_SHUFFLE,
+                                        LYR_MSG_REPEAT};
+    const int32_t source = static_cast<int32_t>(random() % 3);
+    std::vector<request_node> nodes;
+    request_metadata data;
+    uint64_t ts_id = random() % 50;
+    int32_t result = 0;
+    switch (random() % 12) {
+    case 0:
+        result =
+            request_create(client, source, "/a", -1, static_cast<int32_t>(random() % 4), &ts_id);
+        break;
+    case 1:
+        result = request_destroy(client, ts_id);
+        break;
+    case 2:
+        result = request_browse(client, source, "/a", 0, 10, nodes);
+        break;
+    case 3:
+        result = request_tracks(client, ts_id, 0, -1, nodes);
+        break;
+    case 4:
+        result = request_metadata_of(client, source, "/a/t0", data);
+        break;
+    case 5:
+    case 6:
+        result = request_number(client, numbered[random() % std::size(numbered)],
+                                static_cast<int32_t>(random() % 3));
+        break;
+    default:
+        result = request_simple(client, simple[random() % std::size(simple)]);
+        break;
+    }
+    failures += result == REQUEST_FAILED ? 1 : 0;
+}
+
+void run_client(storm_client* self) {
+    std::mt19937 random(self->seed);
+    int left = REQUESTS;
+    while (left > 0) {
+        request_client client;
+        if (!request_connect(client, self->daemon->service)) {
+            self->failures += 1;
+            return;
+        }
+        const std::string player = random() % 2 == 0 ? "left" : "right";
+        self->failures += request_open(client, player) == 0 ? 0 : 1;
+        for (unsigned i = 5 + random() % 40; i > 0 && left > 0; --i, --left) {
+            one_request(client, random, self->failures);
+        }
+        self->failures += request_close(client, player) == 0 ? 0 : 1;
+        request_disconnect(client);
+    }
+}
+
+/* Sets the threads of a plug-in going; each event many times. */
+void make_wind(fake_client& fake, const char* uid) {
+    static const char* const events[] = {
+        "position value=4000", "finished",      "state status=2", "error value=0",
+        "changed node=/a/t1",  "error value=1", "browse_error"};
+    int thread = 1;
+    for (const char* event : events) {
+        fake_do(fake, "event %s thread=%d repeat=150 nowait=1", event, thread++);
+    }
+    for (int i = 0; i < 20; ++i) {
+        fake_do(fake, "event disconnected uid=%s nowait=1", uid);
+        fake_do(fake, "event status uid=%s value=%d nowait=1", uid, i);
+        fake_do(fake, "event connected uid=%s nowait=1", uid);
+        fake_do(fake, "event caps uid=%s value=0x%x nowait=1", uid, 0xf065f | (i << 20));
+    }
+}
+
+} // namespace
+
+TEST(Storm, EverythingAtOnce) {
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.plugins.push_back({"disk", "source disk\nsource spare", {}});
+    rig.daemon.plugins.push_back({"stick", "source stick type=0x2\ntypes 0x2", {}});
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    fake_client fakes[2] = {daemon_fake(rig.daemon, "disk"), daemon_fake(rig.daemon, "stick")};
+    for (fake_client& fake : fakes) {
+        fake_tree(fake, "", "/a|tree:2,2,10\n");
+        fake_do(fake, "rule browse page=3");
+        fake_do(fake, "rule attach id=/a/t3 result=-1");
+    }
+    std::vector<storm_client> clients(CLIENTS);
+    for (storm_client& client : clients) {
+        client.daemon = &rig.daemon;
+        client.seed = static_cast<unsigned>(&client - clients.data()) + 1;
+        client.thread = std::thread(run_client, &client);
+    }
+    make_wind(fakes[0], "disk");
+    make_wind(fakes[1], "stick");
+    for (int i = 0; i < 16; ++i) {
+        daemon_signal(rig.daemon, SIGUSR1);
+    }
+    for (storm_client& client : clients) {
+        client.thread.join();
+        EXPECT_EQ(client.failures, 0);
+    }
+    /* The plug-ins' own threads come to their end, too, and nothing of the players is left. */
+    EXPECT_GE(fake_number(fakes[0], "event connected uid=disk"), 0);
+    EXPECT_GE(fake_number(fakes[1], "event connected uid=stick"), 0);
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    EXPECT_EQ(request_sources(rig.client).size(), 3u);
+    for (const char* player : {"left", "right"}) {
+        EXPECT_FALSE(rig_has_player(rig.daemon, player));
+    }
+    for (fake_client& fake : fakes) {
+        EXPECT_EQ(fake_do(fake, "sessions"), "");
+        EXPECT_EQ(fake_do(fake, "violations"), "");
+        fake_close(fake);
+    }
+    rig_end(rig);
+}
