@@ -135,8 +135,7 @@ files_listing_ref files_listing_read(const files_source& source, const char* id,
     return listing;
 }
 
-bool files_listing_fresh(const files_source& source, const char* id,
-                         const files_listing& listing) {
+bool files_listing_fresh(const files_source& source, const char* id, const files_listing& listing) {
     const vel_fd folder(files_node_open(source, id, O_PATH | O_DIRECTORY));
     struct stat facts = {};
     return folder.value >= 0 && fstat(folder.value, &facts) == 0 &&

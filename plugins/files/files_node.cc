@@ -18,13 +18,13 @@ static constexpr size_t ENDING_MOST = 4;
 /* How often a look-up is tried again that a rename elsewhere has disturbed. */
 static constexpr int OPEN_TRIES = 16;
 
-static constexpr const char* AUDIO_ENDINGS[] = {
-    "mp3", "flac", "ogg", "oga", "opus", "m4a", "m4b", "aac", "wav", "wma",
-    "aif", "aiff", "ape", "mpc", "wv",   "mp2", "mka", "spx", "tta", "ac3",
-    "dts", "amr",  "au",  "caf", "dsf",  "mpa", "weba"};
-static constexpr const char* VIDEO_ENDINGS[] = {"mp4", "m4v", "mkv", "webm", "avi", "mpg",
-                                                "mpeg", "mov", "wmv", "ogv", "ts", "m2ts",
-                                                "flv", "3gp", "3g2", "asf"};
+static constexpr const char* AUDIO_ENDINGS[] = {"mp3", "flac", "ogg", "oga", "opus", "m4a", "m4b",
+                                                "aac", "wav",  "wma", "aif", "aiff", "ape", "mpc",
+                                                "wv",  "mp2",  "mka", "spx", "tta",  "ac3", "dts",
+                                                "amr", "au",   "caf", "dsf", "mpa",  "weba"};
+static constexpr const char* VIDEO_ENDINGS[] = {"mp4",  "m4v", "mkv", "webm", "avi", "mpg",
+                                                "mpeg", "mov", "wmv", "ogv",  "ts",  "m2ts",
+                                                "flv",  "3gp", "3g2", "asf"};
 
 static char folded(char byte) noexcept {
     return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;

@@ -3,7 +3,9 @@
 
 #include <cstring>
 
-static bool is_digit(char byte) noexcept { return byte >= '0' && byte <= '9'; }
+static bool is_digit(char byte) noexcept {
+    return byte >= '0' && byte <= '9';
+}
 
 static int folded(char byte) noexcept {
     const auto value = static_cast<unsigned char>(byte);

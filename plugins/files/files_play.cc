@@ -40,7 +40,9 @@ static void* files_play_create(int32_t ms_id, void* callback_data) noexcept {
 }
 
 /* [worker] No callback of the session can come any more. */
-static void released(void* handle) noexcept { delete session_of(handle); }
+static void released(void* handle) noexcept {
+    delete session_of(handle);
+}
 
 static int32_t files_play_destroy(void* handle) noexcept {
     play_session* session = session_of(handle);

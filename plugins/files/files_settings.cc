@@ -45,8 +45,8 @@ static std::vector<std::string> split_folders(const std::string& list) {
     std::vector<std::string> folders;
     std::string path;
     for (size_t i = 0; i < list.size(); ++i) {
-        const bool escape = list[i] == '\\' && i + 1 < list.size() &&
-                            (list[i + 1] == ':' || list[i + 1] == '\\');
+        const bool escape =
+            list[i] == '\\' && i + 1 < list.size() && (list[i + 1] == ':' || list[i + 1] == '\\');
         if (escape) {
             path += list[++i];
         } else if (list[i] == ':') {

@@ -96,9 +96,9 @@ static void report(const lyrane_internal_callbacks_table* callbacks, const plugi
     source->root = root;
     source->name = name_of(root);
     source->settings = plugin.settings;
-    source->ms_id = callbacks->mediasource_connected(
-        plugin.plugin_id, source->uid.c_str(), source->name.c_str(), root.c_str(), LYR_MS_TYPE_HDD,
-        FILES_CAPABILITIES, 1);
+    source->ms_id = callbacks->mediasource_connected(plugin.plugin_id, source->uid.c_str(),
+                                                     source->name.c_str(), root.c_str(),
+                                                     LYR_MS_TYPE_HDD, FILES_CAPABILITIES, 1);
     if (source->ms_id >= 0) {
         enter(std::move(source));
     }

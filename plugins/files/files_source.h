@@ -23,8 +23,8 @@ struct files_source {
 using files_source_ref = std::shared_ptr<const files_source>;
 
 /* What can be asked of every source of this plug-in. */
-constexpr uint64_t FILES_CAPABILITIES = LYR_CAP_PLAY | LYR_CAP_PAUSE | LYR_CAP_SEEK |
-                                        LYR_CAP_STOP | LYR_CAP_METADATA | LYR_CAP_BROWSE;
+constexpr uint64_t FILES_CAPABILITIES =
+    LYR_CAP_PLAY | LYR_CAP_PAUSE | LYR_CAP_SEEK | LYR_CAP_STOP | LYR_CAP_METADATA | LYR_CAP_BROWSE;
 
 /* The library may be configured under several names; it is initialised once for each, with other
  * settings, and cleaned up as often. */

@@ -6,7 +6,8 @@
 
 /* The module's table, or null when it cannot be loaded; `log` then hears why, once. The module
  * stays loaded. [any thread] */
-const gst_player_api* gst_loader_get(void (*log)(int32_t level, const char* text) noexcept) noexcept;
+const gst_player_api* gst_loader_get(void (*log)(int32_t level,
+                                                 const char* text) noexcept) noexcept;
 
 /* The table when somebody has fetched it, else null: for clean-up. [any thread] */
 const gst_player_api* gst_loader_loaded() noexcept;

@@ -26,9 +26,11 @@ static bool open_outputs(gst_pipeline* pipeline, const gst_pipeline_plan& plan, 
 }
 
 bool gst_pipeline_build(gst_pipeline* pipeline, const gst_pipeline_plan& plan, std::string* why) {
-    pipeline->playbin = gst_element_factory_make("playbin3", nullptr);
+    /* Not playbin3: up to GStreamer 1.22 it now and then never finishes opening a track in a new
+     * pipeline when the machine is busy. */
+    pipeline->playbin = gst_element_factory_make("playbin", nullptr);
     if (pipeline->playbin == nullptr) {
-        *why = "GStreamer's playbin3 is not installed";
+        *why = "GStreamer's playbin is not installed";
         return false;
     }
     gst_object_ref_sink(pipeline->playbin);

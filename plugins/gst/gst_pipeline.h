@@ -19,8 +19,8 @@ struct gst_pipeline {
 struct gst_pipeline_plan {
     std::string audio_output;
     std::string video_output;
-    bool video;         /* an output for pictures is needed */
-    uint32_t number;    /* of the track, for outputs that name one place a track */
+    bool video;              /* an output for pictures is needed */
+    uint32_t number;         /* of the track, for outputs that name one place a track */
     GstBusSyncHandler heard; /* called on any thread when a message has arrived */
     void* heard_data;
 };

@@ -211,7 +211,9 @@ static int32_t player_set_rate(gst_player* player, float rate) noexcept {
     return 0;
 }
 
-static void player_shutdown(const void* group) noexcept { join_players(take_players(group)); }
+static void player_shutdown(const void* group) noexcept {
+    join_players(take_players(group));
+}
 
 extern "C" const gst_player_api lyrane_gst_player = {
     GST_PLAYER_ABI, player_create, player_destroy, player_attach,   player_play,

@@ -39,13 +39,13 @@ typedef struct gst_player gst_player;
 /* How a player is made. Strings are copied; the rest stays valid until `released` was called. */
 typedef struct gst_player_config {
     const lyrane_internal_callbacks_table* callbacks;
-    void* play_session;  /* handle and data handed back with each callback; never looked into */
+    void* play_session; /* handle and data handed back with each callback; never looked into */
     void* callback_data;
     /* [worker] Called once, as the last thing, when no callback can come any more: from now on
      * the memory of `play_session` may be used again. */
-    void (*released)(void* play_session)LYR_NOEXCEPT;
+    void (*released)(void* play_session) LYR_NOEXCEPT;
     /* [any thread] Writes one line to the log. `level` as in the service's log, 3 or more. */
-    void (*log)(int32_t level, const char* text)LYR_NOEXCEPT;
+    void (*log)(int32_t level, const char* text) LYR_NOEXCEPT;
     const void* group;        /* whose player this is; see `shutdown` */
     const char* audio_output; /* sink description; "%u" stands for the number of the track */
     const char* video_output; /* likewise; empty: video is decoded and not shown */

@@ -17,7 +17,7 @@
 #include "gst_pipeline.h"
 
 static constexpr int64_t OPENING_LIMIT = 30000; /* ms until a track counts as broken */
-static constexpr int64_t SEEKING_LIMIT = 2000;  /* ms until a seek counts as done */
+static constexpr int64_t MOVING_LIMIT = 2000;   /* ms until a seek counts as done */
 
 /* So many tracks in a row may fail, or end without having moved, before each further one is
  * reported only after a pause: a session that repeats and has nothing to play would keep a
@@ -30,8 +30,8 @@ static constexpr int64_t NEVER = INT64_MAX;
 enum class gst_phase {
     closed,  /* no track is open */
     opening, /* on the way to paused at the beginning */
-    seeking,
-    ready, /* follows the target */
+    moving,  /* a seek or a change of state is under way */
+    ready,   /* follows the target */
 };
 
 enum class gst_outcome { none, finished, skip, fatal };
@@ -42,11 +42,11 @@ struct gst_worker {
     uint64_t seen = 0; /* changes of the wish that were read */
     uint64_t load = 0; /* the load that everything below is about */
     gst_phase phase = gst_phase::closed;
-    int64_t phase_limit = NEVER; /* when opening or seeking has taken too long */
+    int64_t phase_limit = NEVER;      /* when opening or moving has taken too long */
     GstState state = GST_STATE_READY; /* last asked for */
-    uint64_t seek_done = 0; /* number of the last seek carried out */
-    uint64_t seek_told = 0; /* number of the last seek whose target was reported */
-    double rate = 1.0;      /* of the open track */
+    uint64_t seek_done = 0;           /* number of the last seek carried out */
+    uint64_t seek_told = 0;           /* number of the last seek whose target was reported */
+    double rate = 1.0;                /* of the open track */
     int64_t next_position = 0;
     bool tell_position = false; /* at once, also when not playing */
     std::string broken;         /* why GStreamer did not start; empty: it did */
@@ -73,8 +73,7 @@ static bool seek_waits(const gst_worker& worker, const gst_wish& wish) {
 static void conclude(gst_worker* worker, gst_outcome outcome, bool fruitless) {
     worker->fruitless = fruitless ? worker->fruitless + 1 : 0;
     worker->outcome = outcome;
-    worker->outcome_due =
-        clock_ms() + (worker->fruitless > FRUITLESS_MOST ? FRUITLESS_PAUSE : 0);
+    worker->outcome_due = clock_ms() + (worker->fruitless > FRUITLESS_MOST ? FRUITLESS_PAUSE : 0);
 }
 
 /* The track cannot be played. The pipeline goes, too: after an error it cannot be trusted. */
@@ -128,9 +127,7 @@ static void listen_error(gst_worker* worker, const gst_wish& wish, GstMessage* m
 
 /* What was under way is complete: paused at the beginning, or at the position sought. */
 static void listen_done(gst_worker* worker) {
-    if (worker->phase == gst_phase::seeking) {
-        worker->tell_position = true;
-    }
+    worker->tell_position = worker->phase == gst_phase::moving;
     worker->phase = gst_phase::ready;
     worker->phase_limit = NEVER;
 }
@@ -178,7 +175,7 @@ static void listen(gst_worker* worker, const gst_wish& wish) {
     const int64_t now = clock_ms();
     if (worker->phase == gst_phase::opening && now >= worker->phase_limit) {
         fail(worker, gst_outcome::skip, wish.uri, "it does not open");
-    } else if (worker->phase == gst_phase::seeking && now >= worker->phase_limit) {
+    } else if (worker->phase == gst_phase::moving && now >= worker->phase_limit) {
         listen_done(worker);
     }
 }
@@ -208,8 +205,8 @@ static bool prepare(gst_worker* worker, const gst_wish& wish, std::string* why) 
     if (worker->pipeline.playbin != nullptr) {
         return true;
     }
-    const gst_pipeline_plan plan = {player.audio_output, player.video_output, wish.video,
-                                    number,              heard,               worker->player};
+    const gst_pipeline_plan plan = {
+        player.audio_output, player.video_output, wish.video, number, heard, worker->player};
     if (!gst_pipeline_build(&worker->pipeline, plan, why)) {
         return false;
     }
@@ -239,44 +236,56 @@ static void open(gst_worker* worker, const gst_wish& wish) {
     }
 }
 
-/* Carries out a seek or a change of rate; true when one is now under way. */
-static bool seek(gst_worker* worker, const gst_wish& wish) {
+/* GStreamer has begun something; its message will say when it is done. */
+static void begin_moving(gst_worker* worker) {
+    worker->phase = gst_phase::moving;
+    worker->phase_limit = clock_ms() + MOVING_LIMIT;
+}
+
+/* Carries out a seek or a change of rate. */
+static void seek(gst_worker* worker, const gst_wish& wish) {
     const bool wanted = seek_waits(*worker, wish);
-    if (!wanted && wish.rate == worker->rate) {
-        return false;
-    }
     const int64_t position =
         wanted ? wish.seek : std::max(0, gst_pipeline_position(&worker->pipeline));
     worker->seek_done = wish.seek_number;
     worker->rate = wish.rate;
-    if (!gst_pipeline_seek(&worker->pipeline, position, wish.rate)) {
+    if (gst_pipeline_seek(&worker->pipeline, position, wish.rate)) {
+        worker->outcome = gst_outcome::none;
+        begin_moving(worker);
+    } else {
         worker->tell_position = true; /* it stays where it is; somebody may believe otherwise */
-        return false;
     }
-    worker->phase = gst_phase::seeking;
-    worker->phase_limit = clock_ms() + SEEKING_LIMIT;
-    worker->outcome = gst_outcome::none;
-    return true;
 }
 
-/* Brings the pipeline to the state of the wish. */
-static void settle(gst_worker* worker, const gst_wish& wish) {
-    if (seek(worker, wish)) {
-        return;
-    }
-    const GstState wanted =
-        wish.target == gst_target::playing ? GST_STATE_PLAYING : GST_STATE_PAUSED;
-    if (worker->state == wanted) {
-        return;
-    }
-    worker->state = wanted;
-    worker->tell_position = wanted == GST_STATE_PAUSED;
+/* Makes the pipeline play or pause. */
+static void change_state(gst_worker* worker, const gst_wish& wish, GstState state) {
+    worker->state = state;
+    worker->tell_position = state == GST_STATE_PAUSED;
     worker->next_position = clock_ms() + worker->player->update_interval;
-    if (gst_element_set_state(worker->pipeline.playbin, wanted) == GST_STATE_CHANGE_FAILURE) {
+    const auto result = gst_element_set_state(worker->pipeline.playbin, state);
+    if (result == GST_STATE_CHANGE_ASYNC) {
+        begin_moving(worker);
+    } else if (result == GST_STATE_CHANGE_FAILURE) {
         listen(worker, wish);
         if (worker->phase != gst_phase::closed) {
             fail(worker, gst_outcome::skip, wish.uri, "it does not start");
         }
+    }
+}
+
+/* Brings the pipeline to the place and the state of the wish. It pauses before it moves and moves
+ * before it plays, so that nothing is heard that was not asked for. */
+static void settle(gst_worker* worker, const gst_wish& wish) {
+    const bool play = wish.target == gst_target::playing;
+    if (!play && worker->state == GST_STATE_PLAYING) {
+        change_state(worker, wish, GST_STATE_PAUSED);
+    }
+    if (worker->phase == gst_phase::ready &&
+        (seek_waits(*worker, wish) || wish.rate != worker->rate)) {
+        seek(worker, wish);
+    }
+    if (worker->phase == gst_phase::ready && play && worker->state != GST_STATE_PLAYING) {
+        change_state(worker, wish, GST_STATE_PLAYING);
     }
 }
 
@@ -301,8 +310,7 @@ static void follow(gst_worker* worker, const gst_wish& wish) {
 /* --- reporting ------------------------------------------------------------------------------ */
 
 /* True when news about the worker's load may still be told. */
-static bool current(const gst_worker& worker, const gst_player* player)
-    VEL_REQUIRES(player->lock) {
+static bool current(const gst_worker& worker, const gst_player* player) VEL_REQUIRES(player->lock) {
     return !player->wish.closed && player->wish.load == worker.load;
 }
 
@@ -338,9 +346,9 @@ static void report_outcome(gst_worker* worker) {
     if (outcome == gst_outcome::finished) {
         calls->track_finished(player->play_session, player->callback_data);
     } else {
-        calls->play_error_occurred(
-            player->play_session, player->callback_data,
-            outcome == gst_outcome::fatal ? LYR_PLAY_ERROR_FATAL : LYR_PLAY_ERROR_SKIP);
+        calls->play_error_occurred(player->play_session, player->callback_data,
+                                   outcome == gst_outcome::fatal ? LYR_PLAY_ERROR_FATAL
+                                                                 : LYR_PLAY_ERROR_SKIP);
     }
 }
 
@@ -372,9 +380,8 @@ static void report(gst_worker* worker, const gst_wish& wish) {
         return;
     }
     worker->tell_position = false;
-    worker->next_position =
-        std::max(worker->next_position, now - worker->player->update_interval) +
-        worker->player->update_interval;
+    worker->next_position = std::max(worker->next_position, now - worker->player->update_interval) +
+                            worker->player->update_interval;
     const int32_t position = gst_pipeline_position(&worker->pipeline);
     if (position > 0) {
         worker->fruitless = 0;

@@ -72,9 +72,10 @@ static std::vector<std::string> walk(const library& lib, const char* id, int32_t
 TEST(files_browse, lists_folders_then_files_in_natural_order) {
     library lib;
     const char* folders[] = {"Disc 10", "disc 2", "Disc 1", "empty", ".hidden"};
-    const char* files[] = {"10 z.mp3", "9 a.FLAC",  "B.ogg",    "a.mp4",   "a.mp3",    "01.mp3",
-                           "1.mp3",    "001.mp3",   "x12y3.wv", "x012y20.wv", "cover.jpg",
-                           ".a.mp3",   "noending",  "mp3",      "bad\xFF\xFE.mp3", "99999999999999999999.mp3"};
+    const char* files[] = {"10 z.mp3", "9 a.FLAC",   "B.ogg",           "a.mp4",
+                           "a.mp3",    "01.mp3",     "1.mp3",           "001.mp3",
+                           "x12y3.wv", "x012y20.wv", "cover.jpg",       ".a.mp3",
+                           "noending", "mp3",        "bad\xFF\xFE.mp3", "99999999999999999999.mp3"};
     for (const char* name : folders) {
         fs::create_directories(lib.folder.path + '/' + name);
     }
@@ -83,11 +84,14 @@ TEST(files_browse, lists_folders_then_files_in_natural_order) {
     }
     write_file(lib.folder.path + "/Disc 10/one.mp3", "");
     open_library(&lib);
-    const std::vector<std::string> expected = {
-        "1 /Disc 1",     "1 /disc 2",     "1 /Disc 10", "1 /empty", "2 /001.mp3",
-        "2 /01.mp3",     "2 /1.mp3",      "2 /9 a.FLAC", "2 /10 z.mp3",
-        "2 /99999999999999999999.mp3",    "2 /a.mp3",   "3 /a.mp4", "2 /B.ogg",
-        "2 /bad\xFF\xFE.mp3", "2 /x12y3.wv", "2 /x012y20.wv"};
+    const std::vector<std::string> expected = {"1 /Disc 1",   "1 /disc 2",
+                                               "1 /Disc 10",  "1 /empty",
+                                               "2 /001.mp3",  "2 /01.mp3",
+                                               "2 /1.mp3",    "2 /9 a.FLAC",
+                                               "2 /10 z.mp3", "2 /99999999999999999999.mp3",
+                                               "2 /a.mp3",    "3 /a.mp4",
+                                               "2 /B.ogg",    "2 /bad\xFF\xFE.mp3",
+                                               "2 /x12y3.wv", "2 /x012y20.wv"};
     EXPECT_EQ(walk(lib, "/", -1), expected);
     for (const int32_t size : {1, 2, 3, 7, 100}) {
         EXPECT_EQ(walk(lib, "/", size), expected) << size;
@@ -145,15 +149,36 @@ TEST(files_browse, never_leaves_the_source) {
     EXPECT_EQ(walk(lib, "/in", -1), std::vector<std::string>{"2 /in/song.mp3"});
 
     const std::string up = "/../" + fs::path(outside.path).filename().string();
+    const std::string up_file = up + "/secret.mp3";
     const std::string deep = '/' + std::string(5000, 'x');
     const std::string long_name = '/' + std::string(300, 'x') + "/y";
     void* play = lib.api->play_api->create(0, nullptr);
     ASSERT_NE(play, nullptr);
-    for (const char* id :
-         {static_cast<const char*>(nullptr), "", "in", "//", "/in/", "/.", "/..", "/in/../in",
-          "/in/..", "/../", up.c_str(), (up + "/secret.mp3").c_str(), "/out", "/out/secret.mp3",
-          "/out.mp3", "/in/up", "/in/up/etc", "/gone", "/gone-link.mp3", "/in//song.mp3",
-          "/in/song.mp3/x", deep.c_str(), long_name.c_str(), "/pipe.mp3", "/etc"}) {
+    for (const char* id : {static_cast<const char*>(nullptr),
+                           "",
+                           "in",
+                           "//",
+                           "/in/",
+                           "/.",
+                           "/..",
+                           "/in/../in",
+                           "/in/..",
+                           "/../",
+                           up.c_str(),
+                           up_file.c_str(),
+                           "/out",
+                           "/out/secret.mp3",
+                           "/out.mp3",
+                           "/in/up",
+                           "/in/up/etc",
+                           "/gone",
+                           "/gone-link.mp3",
+                           "/in//song.mp3",
+                           "/in/song.mp3/x",
+                           deep.c_str(),
+                           long_name.c_str(),
+                           "/pipe.mp3",
+                           "/etc"}) {
         SCOPED_TRACE(id != nullptr ? std::string(id).substr(0, 40) : "null");
         int32_t result = 0;
         page(lib, id, 0, -1, &result);
@@ -177,7 +202,7 @@ TEST(files_browse, refuses_senseless_numbers) {
     struct {
         int32_t offset, count, result;
         size_t delivered;
-    } const cases[] = {{-1, 1, -1, 0}, {0, -2, -1, 0},        {0, 0, 0, 0},          {0, 1, 0, 1},
+    } const cases[] = {{-1, 1, -1, 0}, {0, -2, -1, 0},       {0, 0, 0, 0},         {0, 1, 0, 1},
                        {1, 1, 0, 0},   {INT32_MAX, 5, 0, 0}, {0, INT32_MAX, 0, 1}, {0, -1, 0, 1}};
     for (const auto& test : cases) {
         int32_t result = 0;
@@ -189,8 +214,13 @@ TEST(files_browse, refuses_senseless_numbers) {
 
 TEST(files_browse, reads_tags) {
     library lib;
-    const std::vector<std::string> tags = {"title=Fl\xC3\xB6te", "artist=Some One", "album=\xE9\x9F\xB3",
-                                           "genre=Jazz", "date=1999", "track=7", "disc=2"};
+    const std::vector<std::string> tags = {"title=Fl\xC3\xB6te",
+                                           "artist=Some One",
+                                           "album=\xE9\x9F\xB3",
+                                           "genre=Jazz",
+                                           "date=1999",
+                                           "track=7",
+                                           "disc=2"};
     const char* names[] = {"/a.flac", "/a.ogg", "/a.mp3", "/a.m4a", "/bad\xFF.flac"};
     for (const char* name : names) {
         make_track(lib.folder.path + name, 440, 1500, tags);
@@ -295,8 +325,9 @@ TEST(files_browse, two_threads_use_one_session) {
     library lib;
     for (int folder = 0; folder < 8; ++folder) {
         for (int file = 0; file < 40; ++file) {
-            write_file(lib.folder.path + '/' + std::to_string(folder) + '/' +
-                           std::to_string(file) + ".mp3", "");
+            write_file(lib.folder.path + '/' + std::to_string(folder) + '/' + std::to_string(file) +
+                           ".mp3",
+                       "");
         }
     }
     open_library(&lib);
@@ -326,9 +357,9 @@ TEST(files_sources, reports_the_folders_that_exist) {
     fs::create_directories(base.path + "/Music");
     fs::create_directories(base.path + "/music");
     write_file(base.path + "/file", "");
-    const std::string folders = base.path + "//Music/:" + base.path + "/Music:relative::" +
-                                base.path + "/a\\:b\\\\c:" + base.path + "/music:" + base.path +
-                                "/gone:" + base.path + "/file";
+    const std::string folders = base.path + "//Music/:" + base.path +
+                                "/Music:relative::" + base.path + "/a\\:b\\\\c:" + base.path +
+                                "/music:" + base.path + "/gone:" + base.path + "/file";
     const lyrp_api* api = host_start({{"folders", folders}, {"update_interval", "garbage"}});
     /* A client may ask for the source before the plug-in has learned its id. */
     host_on_connected([api](int32_t id) {

@@ -19,7 +19,7 @@ static std::vector<host_source> sources VEL_GUARDED_BY(record_lock);
 static int32_t begun VEL_GUARDED_BY(record_lock);
 
 static std::function<void(int32_t)> on_connected;
-static std::function<void(const host_event&)> on_track;
+static std::function<void(const host_event&)> on_track VEL_GUARDED_BY(host_player_lock);
 
 static void* library;
 static const lyrp_api* table;
@@ -45,9 +45,15 @@ static int32_t connected(int32_t, const char* uid, const char* name, const char*
     return source.id;
 }
 
-static int32_t about_source(int32_t) noexcept { return 0; }
-static int32_t status_changed(int32_t, int32_t) noexcept { return 0; }
-static int32_t capability_changed(int32_t, uint64_t) noexcept { return 0; }
+static int32_t about_source(int32_t) noexcept {
+    return 0;
+}
+static int32_t status_changed(int32_t, int32_t) noexcept {
+    return 0;
+}
+static int32_t capability_changed(int32_t, uint64_t) noexcept {
+    return 0;
+}
 
 static void begin() {
     vel_lock_guard hold(record_lock);
@@ -75,12 +81,18 @@ static int32_t position_updated(void* session, void* data, int32_t position) noe
 static int32_t track_finished(void* session, void* data) noexcept {
     return add({host_event::finished, session, data, 0});
 }
-static int32_t track_changed(void*, void*, const medianode*) noexcept { return -1; }
-static int32_t state_updated(void*, void*, const lyr_playback_state*) noexcept { return -1; }
+static int32_t track_changed(void*, void*, const medianode*) noexcept {
+    return -1;
+}
+static int32_t state_updated(void*, void*, const lyr_playback_state*) noexcept {
+    return -1;
+}
 static int32_t play_error(void* session, void* data, int32_t error) noexcept {
     return add({host_event::error, session, data, error});
 }
-static int32_t browse_error(void*, void*) noexcept { return -1; }
+static int32_t browse_error(void*, void*) noexcept {
+    return -1;
+}
 
 static const lyrane_internal_callbacks_table callbacks = {
     connected,      about_source,  status_changed, capability_changed, position_updated,
@@ -117,11 +129,16 @@ void host_stop() {
     EXPECT_EQ(table->cleanup(), 0);
     EXPECT_EQ(dlclose(library), 0);
     on_connected = nullptr;
-    on_track = nullptr;
+    host_on_track(nullptr);
 }
 
-void host_on_connected(std::function<void(int32_t)> call) { on_connected = std::move(call); }
-void host_on_track(std::function<void(const host_event&)> call) { on_track = std::move(call); }
+void host_on_connected(std::function<void(int32_t)> call) {
+    on_connected = std::move(call);
+}
+void host_on_track(std::function<void(const host_event&)> call) {
+    vel_lock_guard player(host_player_lock);
+    on_track = std::move(call);
+}
 
 /* --- the record ----------------------------------------------------------------------------- */
 

@@ -42,7 +42,8 @@ void run_tool(const std::vector<std::string>& words) {
     posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
     pid_t child = -1;
     int status = -1;
-    const int failed = posix_spawnp(&child, arguments[0], &quiet, nullptr, arguments.data(), environ);
+    const int failed =
+        posix_spawnp(&child, arguments[0], &quiet, nullptr, arguments.data(), environ);
     EXPECT_EQ(failed, 0) << "cannot run " << words[0];
     if (failed == 0) {
         EXPECT_EQ(waitpid(child, &status, 0), child);
@@ -141,7 +142,8 @@ void make_track(const std::string& path, double hertz, int32_t milliseconds,
 
 std::vector<int16_t> read_wav(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
     const size_t data = text.find("data", 12);
     std::vector<int16_t> samples;
     for (size_t at = data == std::string::npos ? text.size() : data + 8; at + 1 < text.size();
