@@ -75,11 +75,11 @@ TEST(playing, screen_fits_every_window) {
         }
     }
     const auto lines = playing_screen(now, "", 44, 24);
-    EXPECT_EQ(lines[5], "  playing  [=======>--------]  0:05 / 0:10");
+    EXPECT_EQ(lines[5], "  playing  [=======>---------] 0:05 / 0:10");
     EXPECT_EQ(lines[6], "  track 4 of 12   shuffle on   repeat off");
 
     now.position = 99999; /* beyond the end */
-    EXPECT_EQ(playing_screen(now, "", 44, 24)[5], "  playing  [===============>]  1:39 / 0:10");
+    EXPECT_EQ(playing_screen(now, "", 44, 24)[5], "  playing  [================>] 1:39 / 0:10");
     now.duration = 0;
-    EXPECT_EQ(playing_screen(now, "", 44, 24)[5], "  playing  [----------------]  1:39 / -:--");
+    EXPECT_EQ(playing_screen(now, "", 44, 24)[5], "  playing  [-----------------] 1:39 / -:--");
 }

@@ -36,6 +36,27 @@ bool write_all(std::string_view text) {
     return true;
 }
 
+/* One byte of the keyboard: 1, 0 when there is none, -1 at the end. */
+int32_t read_byte(unsigned char* byte) {
+    const ssize_t got = read(STDIN_FILENO, byte, 1);
+    if (got != 0) {
+        return got > 0 ? 1 : errno == EINTR || errno == EAGAIN ? 0 : -1;
+    }
+    /* Without waiting, no byte and the end look the same. */
+    pollfd waiting = {STDIN_FILENO, POLLIN, 0};
+    return poll(&waiting, 1, 0) > 0 && (waiting.revents & POLLHUP) != 0 ? -1 : 0;
+}
+
+/* Passes over what a key sends behind the escape: "[" or "O", then up to a letter or "~". */
+void skip_sequence() {
+    unsigned char byte = 0;
+    if (read_byte(&byte) <= 0 || (byte != '[' && byte != 'O')) {
+        return;
+    }
+    while (read_byte(&byte) > 0 && (byte < '@' || byte > '~')) {
+    }
+}
+
 } // namespace
 
 bool terminal_there(void) {
@@ -93,20 +114,15 @@ bool terminal_show(const std::vector<std::string>& lines) {
 
 int32_t terminal_key(void) {
     unsigned char key = 0;
-    const ssize_t got = read(STDIN_FILENO, &key, 1);
-    if (got < 0) {
-        return errno == EINTR || errno == EAGAIN ? 0 : -1;
+    for (;;) {
+        const int32_t got = read_byte(&key);
+        if (got <= 0) {
+            return got;
+        }
+        if (key == ESCAPE) {
+            skip_sequence();
+        } else if (key != 0) {
+            return key;
+        }
     }
-    if (got == 0) {
-        /* Without waiting, no byte and the end look the same. */
-        pollfd waiting = {STDIN_FILENO, POLLIN, 0};
-        return poll(&waiting, 1, 0) > 0 && (waiting.revents & POLLHUP) != 0 ? -1 : 0;
-    }
-    if (key != ESCAPE) {
-        return key;
-    }
-    unsigned char rest[16];
-    while (read(STDIN_FILENO, rest, sizeof rest) > 0) {
-    }
-    return 0;
 }

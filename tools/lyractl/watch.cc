@@ -13,6 +13,7 @@
 namespace {
 
 constexpr size_t READ_SIZE = 65536;
+constexpr const char* STATE_OBJECT = "state"; /* there as long as its player is */
 constexpr const char* PLAYERS_PATH = "/pps/services/lyrane/";
 
 /* "::playing" is encoding "" and text "playing". */
@@ -53,6 +54,7 @@ void take_lines(watch* watch, std::vector<watch_change>* changes) {
             watch->name = name;
             changes->push_back(change_of(*watch, name));
             changes->back().gone = line.kind == '~';
+            watch->ended = watch->ended || (line.kind == '~' && name == STATE_OBJECT);
             fresh = false;
             continue;
         }
@@ -95,7 +97,7 @@ bool watch_take(watch* watch, std::vector<watch_change>* changes) {
     for (;;) {
         const ssize_t got = pps_read(watch->object.get(), buffer.data(), buffer.size(), -1);
         if (got <= 0) {
-            return got == 0;
+            return got == 0 && !watch->ended;
         }
         watch->begun.append(buffer, 0, static_cast<size_t>(got));
         /* A text longer than the buffer may break off inside a line. */

@@ -33,6 +33,7 @@ struct watch {
     std::string player; /* empty: all of them */
     std::string begun;  /* text of which the end has not been read yet */
     std::string name;   /* the object that further lines belong to */
+    bool ended = false; /* the one player has gone */
 };
 
 /* Begins to watch one player, or with an empty name all that are and will be. The first changes

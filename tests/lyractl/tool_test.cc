@@ -1,0 +1,226 @@
+// lyractl against the whole service with a scripted plug-in.
+#include <algorithm>
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+#include "rig.h"
+#include "tool_run.h"
+
+namespace {
+
+constexpr const char* TREE = "/none|F\n/album/a|A|First\n/album/b|A|Second\n/album/c|A|Third\n"
+                             "/many|tracks:1201\n/odd\\xff|A|r\\xe9\\x1b[2J\n";
+
+/* Runs it and expects it to do what it was told without a complaint. */
+std::string good(const std::vector<std::string>& arguments) {
+    const tool_result result = tool_run(arguments);
+    EXPECT_EQ(result.status, 0) << arguments[0] << ": " << result.err;
+    EXPECT_EQ(result.err, "");
+    return result.out;
+}
+
+size_t lines_of(const std::string& text) {
+    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+std::string published(rig& rig, const char* player, const char* attribute) {
+    return daemon_object(rig.daemon, player, "state").at(attribute);
+}
+
+} // namespace
+
+TEST(Tool, SaysInPlainWordsWhyNot) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    good({"open", "bare"});
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        const char* why; /* part of the standard error */
+    } cases[] = {
+        {{"--service", "other.sys", "sources"}, 1, "the service other.sys is not running"},
+        {{"--service", "a/b", "sources"}, 1, "is no name of a service"},
+        {{"play", "-p", "none"}, 1, "there is no player \"none\", only: bare"},
+        {{"play"}, 1, "the player \"bare\" has no track session"},
+        {{"now"}, 1, "the player has no current track"},
+        {{"browse", "stick"}, 1, "there is no media source \"stick\"; connected: 0 (disk)"},
+        {{"browse", "0", "/nowhere"}, 1, "does not list this folder"},
+        {{"session", "0", "none"}, 1, "there is no track in this folder"},
+        {{"session", "0", "album", "--start", "3"}, 1, "there is no track in this folder"},
+        {{"open", "a/b"}, 1, "the name is not allowed"},
+        {{"open", std::string(128, 'x')}, 1, "1 to 127 bytes"},
+        {{"watch", "none"}, 1, "there is no player \"none\""},
+        {{"nonsense"}, 2, "there is no command \"nonsense\""},
+        {{"browse", "--limit", "-1"}, 2, "--limit"},
+        {{"open"}, 2, "PLAYER is required"},
+        {{}, 2, "subcommand"},
+    };
+    for (const auto& c : cases) {
+        const tool_result result = tool_run(c.arguments);
+        EXPECT_EQ(result.status, c.status) << c.why;
+        EXPECT_NE(result.err.find(c.why), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "") << c.why;
+    }
+    EXPECT_FALSE(rig_has_player(rig.daemon, "none"));
+    rig_end(rig);
+}
+
+TEST(Tool, ListsAndBrowses) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    EXPECT_EQ(good({"sources"}), "ID  NAME  TYPE  UID\n 0  disk  HDD   disk\n");
+    EXPECT_EQ(good({"browse", "DISK", "album", "--offset", "1", "--limit", "1"}),
+              "NAME    TYPE   ITEMS  ID\nSecond  audio         /album/b\n");
+    /* More than one page, by id, and whatever a page holds. */
+    fake_do(rig.disk, "rule browse page=100");
+    EXPECT_EQ(lines_of(good({"browse", "0", "/many"})), 1202u);
+    EXPECT_EQ(lines_of(good({"browse", "0", "many", "--limit", "650"})), 651u);
+    EXPECT_NE(good({"browse"}).find("r\\xe9\\x1b[2J  audio"), std::string::npos);
+    EXPECT_NE(good({"browse", "--json"})
+                  .find("{\"id\":\"/odd\uFFFD\",\"name\":\"r\uFFFD\\u001b[2J\",\"type\":\"audio\""),
+              std::string::npos);
+    /* The player that it browsed with is gone. */
+    EXPECT_NE(tool_run({"state"}).err.find("there is no player;"), std::string::npos);
+    rig_end(rig);
+}
+
+TEST(Tool, SteersAndTellsWhatIsPublished) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    /* The first folder is empty: the session begins with the first track there is. */
+    EXPECT_EQ(good({"session", "-p", "radio", "--create", "--play", "--json"}).substr(0, 28),
+              "{\"player\":\"radio\",\"session\":");
+    EXPECT_EQ(published(rig, "radio", "status"), "::playing");
+    daemon_await_object(rig.daemon, "radio", "trksession", "length", ":n:1205");
+    EXPECT_NE(good({"now"}).find("title     First\ntrack     1 of"), std::string::npos);
+    good({"next"});
+    EXPECT_NE(good({"now", "--json"}).find("\"index\":1,\"id\":\"/album/b\",\"name\":\"Second\""),
+              std::string::npos);
+    EXPECT_EQ(good({"pause", "--json"}), "{\"player\":\"radio\",\"result\":0}\n");
+    EXPECT_EQ(published(rig, "radio", "status"), "::paused");
+    good({"previous"});
+    fake_do(rig.disk, "event position value=61000");
+    const std::string state = good({"state"});
+    EXPECT_NE(state.find("status    paused\nrate      1.0\nshuffle   off\nrepeat    off\n"),
+              std::string::npos);
+    EXPECT_NE(state.find("position  1:01\n"), std::string::npos);
+    good({"stop"});
+    EXPECT_EQ(published(rig, "radio", "status"), "::stopped");
+    fake_do(rig.disk, "rule play result=7");
+    EXPECT_NE(tool_run({"play"}).err.find("cannot play now (result 7)"), std::string::npos);
+    rig_end(rig);
+}
+
+/* A player takes 32 clients, and a lost one is lost until the service ends. */
+TEST(Tool, ClosesWhatItOpens) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    tool holder = tool_start({"open", "--hold", "--json", "radio"});
+    tool_await(holder, "\"made\":true");
+    for (int i = 0; i < 35; i++) {
+        good({"state"});
+        good({"open", "radio"});
+        tool_run({"play"}); /* fails: there is no track session */
+    }
+
+    /* A signal waits until the player is closed. */
+    fake_do(rig.disk, "rule browse block=gate");
+    tool browsing = tool_start({"browse"});
+    fake_do(rig.disk, "blocked gate");
+    kill(browsing.pid, SIGTERM);
+    fake_do(rig.disk, "release gate");
+    EXPECT_EQ(tool_end(browsing).status, 128 + SIGTERM);
+
+    kill(holder.pid, SIGINT);
+    EXPECT_EQ(tool_end(holder).status, 0);
+    EXPECT_FALSE(rig_has_player(rig.daemon, "radio"));
+    rig_end(rig);
+}
+
+TEST(Tool, WatchesChangesAsTheyHappen) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    tool all = tool_start({"watch", "--json"});
+    good({"session", "-p", "radio", "--create"});
+    tool one = tool_start({"watch", "radio"});
+    tool_await(one, "status        stopped\n");
+    fake_do(rig.disk, "event position value=4321");
+    tool_await(one, "radio/status              position      4321\n");
+    tool_await(all, "{\"player\":\"radio\",\"object\":\"status\",\"set\":{\"position\":4321},"
+                    "\"withdrawn\":[]}\n");
+    EXPECT_EQ(request_open(rig.client, "kitchen"), 0);
+    tool_await(all, "{\"player\":\"kitchen\",\"object\":\"state\",\"set\":{\"rate\":1.0,");
+    EXPECT_EQ(request_close(rig.client, "kitchen"), 0);
+    tool_await(all, "{\"player\":\"kitchen\",\"object\":\"state\",\"gone\":true}\n");
+    EXPECT_EQ(one.result.out.find("kitchen"), std::string::npos);
+    kill(all.pid, SIGTERM);
+    tool_end(all);
+    rig_end(rig);
+    /* The player went with the service. */
+    EXPECT_EQ(tool_end(one).status, 0);
+}
+
+TEST(Tool, ScreenWithoutATerminal) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    tool screen = tool_start({"screen", "-p", "run", "--source", "disk", "--folder", "album"});
+    tool_await(screen, ": First\n  playing\n");
+    daemon_await_object(rig.daemon, "run", "trksession", "length", ":n:3");
+    fake_do(rig.disk, "event position value=5000");
+    tool_await(screen, "  0:05 / 3:00\n");
+    good({"pause"});
+    tool_await(screen, "  paused\n");
+    good({"play"});
+    for (const char* title : {"Second", "Third"}) {
+        fake_do(rig.disk, "event finished");
+        tool_await(screen, title);
+    }
+    fake_do(rig.disk, "event finished");
+    EXPECT_EQ(tool_end(screen).status, 0);
+    EXPECT_FALSE(rig_has_player(rig.daemon, "run"));
+
+    /* The end of the service is an error, a signal and the end of the time are none. */
+    EXPECT_EQ(tool_run({"screen", "-p", "run", "--source", "0", "--seconds", "1"}).status, 0);
+    screen = tool_start({"screen", "-p", "run", "--source", "0", "--seconds", "1000"});
+    tool_await(screen, "playing");
+    kill(screen.pid, SIGTERM);
+    EXPECT_EQ(tool_end(screen).status, 0);
+    EXPECT_FALSE(rig_has_player(rig.daemon, "run"));
+    screen = tool_start({"screen", "-p", "run", "--source", "0"});
+    tool_await(screen, "playing");
+    rig_end(rig);
+    EXPECT_EQ(tool_end(screen).status, 1);
+}
+
+TEST(Tool, ScreenTakesKeys) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    tool screen = tool_start_on_terminal({"screen", "-p", "run", "--source", "0", "--folder",
+                                          "album", "--note", "A note at the foot."});
+    tool_await(screen, "  First\x1B[K");
+    tool_await(screen, "  playing  [");
+    tool_await(screen, "  track 1 of 3 "); /* the session is complete */
+    tool_await(screen, "  A note at the foot.");
+    /* Cursor keys are none of ours, and several keys at once are all taken. */
+    tool_press(screen, "\x1B[A");
+    tool_press(screen, "nn");
+    tool_await(screen, "  Third\x1B[K");
+    tool_press(screen, "b");
+    tool_await(screen, "  Second\x1B[K");
+    tool_press(screen, " ");
+    tool_await(screen, "  paused ");
+    EXPECT_EQ(published(rig, "run", "status"), "::paused");
+    tool_press(screen, "q");
+    const tool_result result = tool_end(screen);
+    EXPECT_EQ(result.status, 0);
+    /* The terminal shows again what it showed before. */
+    EXPECT_TRUE(result.out.ends_with("\x1B[?25h\x1B[?1049l")) << result.out;
+    EXPECT_FALSE(rig_has_player(rig.daemon, "run"));
+
+    screen = tool_start_on_terminal({"screen", "-p", "run", "--source", "0"});
+    tool_await(screen, "playing");
+    tool_press(screen, "\x03"); /* Ctrl-C */
+    EXPECT_EQ(tool_end(screen).status, 0);
+    rig_end(rig);
+}
