@@ -1,6 +1,7 @@
 /* Everything at once: clients that share players, playback events and media-source events from
  * several threads of two plug-ins, and signals. Whatever the order, nothing may break: the
  * sanitizers watch inside, and what is seen from outside must agree at the end. */
+#include <atomic>
 #include <csignal>
 #include <random>
 #include <thread>
@@ -40,8 +41,10 @@ void one_request(request_client& client, std::mt19937& random, int& failures) {
     request_metadata data;
     uint64_t ts_id = random() % 50;
     int32_t result = 0;
-    switch (random() % 12) {
+    switch (random() % 14) {
     case 0:
+    case 12:
+    case 13:
         result =
             request_create(client, source, "/a", -1, static_cast<int32_t>(random() % 4), &ts_id);
         break;
@@ -88,20 +91,31 @@ void run_client(storm_client* self) {
     }
 }
 
-/* Sets the threads of a plug-in going; each event many times. */
-void make_wind(fake_client& fake, const char* uid) {
-    static const char* const events[] = {
-        "position value=4000", "finished",      "state status=2", "error value=0",
-        "changed node=/a/t1",  "error value=1", "browse_error"};
-    int thread = 1;
-    for (const char* event : events) {
-        fake_do(fake, "event %s thread=%d repeat=150 nowait=1", event, thread++);
-    }
-    for (int i = 0; i < 20; ++i) {
-        fake_do(fake, "event disconnected uid=%s nowait=1", uid);
-        fake_do(fake, "event status uid=%s value=%d nowait=1", uid, i);
-        fake_do(fake, "event connected uid=%s nowait=1", uid);
-        fake_do(fake, "event caps uid=%s value=0x%x nowait=1", uid, 0xf065f | (i << 20));
+/* Blows from all threads of a plug-in until it is calm: gusts of playback events at once, and now
+ * and then the source goes and comes back. */
+void blow(fake_client& fake, const char* uid, const std::atomic<bool>& calm) {
+    static const char* const events[] = {"position value=6000 repeat=20", "finished repeat=3",
+                                         "state status=2 repeat=5",       "error value=0 repeat=2",
+                                         "changed node=/a/t1 repeat=5",   "browse_error repeat=5"};
+    for (int gust = 0; !calm; ++gust) {
+        std::vector<std::string> tickets;
+        int thread = 1;
+        for (const char* event : events) {
+            tickets.push_back(fake_do(fake, "event %s thread=%d nowait=1", event, thread++));
+        }
+        if (gust % 8 == 0) {
+            fake_do(fake, "event error value=1 nowait=1");
+        }
+        if (gust % 4 == 0) {
+            fake_do(fake, "event disconnected uid=%s nowait=1", uid);
+            fake_do(fake, "event status uid=%s value=%d nowait=1", uid, gust);
+            tickets.push_back(fake_do(fake, "event connected uid=%s nowait=1", uid));
+            fake_do(fake, "event caps uid=%s value=0x%x nowait=1", uid,
+                    0xf065f | (gust % 16 << 20));
+        }
+        for (const std::string& ticket : tickets) {
+            fake_do(fake, "join %s", ticket.c_str());
+        }
     }
 }
 
@@ -125,14 +139,19 @@ TEST(Storm, EverythingAtOnce) {
         client.seed = static_cast<unsigned>(&client - clients.data()) + 1;
         client.thread = std::thread(run_client, &client);
     }
-    make_wind(fakes[0], "disk");
-    make_wind(fakes[1], "stick");
+    std::atomic<bool> calm = false;
+    std::thread winds[2] = {std::thread([&] { blow(fakes[0], "disk", calm); }),
+                            std::thread([&] { blow(fakes[1], "stick", calm); })};
     for (int i = 0; i < 16; ++i) {
         daemon_signal(rig.daemon, SIGUSR1);
     }
     for (storm_client& client : clients) {
         client.thread.join();
         EXPECT_EQ(client.failures, 0);
+    }
+    calm = true;
+    for (std::thread& wind : winds) {
+        wind.join();
     }
     /* The plug-ins' own threads come to their end, too, and nothing of the players is left. */
     EXPECT_GE(fake_number(fakes[0], "event connected uid=disk"), 0);
@@ -141,6 +160,10 @@ TEST(Storm, EverythingAtOnce) {
     EXPECT_EQ(request_sources(rig.client).size(), 3u);
     for (const char* player : {"left", "right"}) {
         EXPECT_FALSE(rig_has_player(rig.daemon, player));
+    }
+    /* There was a storm indeed. */
+    for (const char* entry : {"attach", "play", "browse", "cancel", "event.finished"}) {
+        EXPECT_GT(fake_number(fakes[0], "count %s returned=1", entry), 0) << entry;
     }
     for (fake_client& fake : fakes) {
         EXPECT_EQ(fake_do(fake, "sessions"), "");
