@@ -23,7 +23,9 @@ namespace fs = std::filesystem;
 std::string scratch_folder() {
     static const struct holder {
         holder() : path(fs::temp_directory_path() / "frame-XXXXXX"), owner(getpid()) {
-            mkdtemp(path.data());
+            if (mkdtemp(path.data()) == nullptr) {
+                abort();
+            }
         }
         ~holder() {
             if (getpid() == owner) {

@@ -20,7 +20,11 @@ namespace fs = std::filesystem;
 namespace {
 
 struct scratch {
-    scratch() : path(fs::temp_directory_path() / "paths-XXXXXX") { mkdtemp(path.data()); }
+    scratch() : path(fs::temp_directory_path() / "paths-XXXXXX") {
+        if (mkdtemp(path.data()) == nullptr) {
+            abort();
+        }
+    }
     ~scratch() { fs::remove_all(path); }
     std::string path;
 };

@@ -23,7 +23,11 @@ namespace fs = std::filesystem;
 namespace {
 
 struct slog_test : testing::Test {
-    slog_test() : folder(fs::temp_directory_path() / "slog-XXXXXX") { mkdtemp(folder.data()); }
+    slog_test() : folder(fs::temp_directory_path() / "slog-XXXXXX") {
+        if (mkdtemp(folder.data()) == nullptr) {
+            abort();
+        }
+    }
     ~slog_test() override {
         slog_close();
         fs::remove_all(folder);
