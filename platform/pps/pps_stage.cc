@@ -56,12 +56,9 @@ static void sweep(int32_t stage) {
     }
 }
 
-int32_t pps_stage_open(void) noexcept {
-    vel_lock_guard guard(stage_lock);
-    if (stage_fd >= 0) {
-        return stage_fd;
-    }
-    vel_fd base(pps_target_open_base());
+/* Opens the stage, which is made when it is missing. */
+static int32_t open_stage() {
+    const vel_fd base(pps_target_open_base());
     if (base.value < 0) {
         return -1;
     }
@@ -73,6 +70,28 @@ int32_t pps_stage_open(void) noexcept {
     if (stage.value < 0 || (is_new && fchmod(stage.value, 01777) != 0)) {
         return -1;
     }
+    return stage.release();
+}
+
+static bool is_removed(int32_t directory) {
+    struct stat status;
+    return fstat(directory, &status) == 0 && status.st_nlink == 0;
+}
+
+int32_t pps_stage_open(void) noexcept {
+    vel_lock_guard guard(stage_lock);
+    if (stage_fd >= 0 && !is_removed(stage_fd)) {
+        return stage_fd;
+    }
+    vel_fd stage(open_stage());
+    if (stage.value < 0) {
+        return -1;
+    }
+    if (stage_fd >= 0) {
+        /* Somebody cleared the runtime root. Others may be using the number at this moment, so it
+         * gets the new directory instead of being closed. */
+        return dup3(stage.value, stage_fd, O_CLOEXEC);
+    }
     sweep(stage.value);
     stage_fd = stage.release();
     return stage_fd;
@@ -83,7 +102,9 @@ int32_t pps_stage_create(int32_t stage, char* name, uint32_t mode) noexcept {
         make_name(name);
         const int32_t fd =
             openat(stage, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-        if (fd >= 0 || (errno != EEXIST && errno != EINTR)) {
+        const bool is_again = fd < 0 && (errno == EEXIST || errno == EINTR ||
+                                         (errno == ENOENT && pps_stage_open() >= 0));
+        if (!is_again) {
             return fd;
         }
     }

@@ -75,13 +75,24 @@ static void place_release(pps_place* place) {
     delete place;
 }
 
+/* Makes a directory and those above it. */
+static int32_t make_directories(const std::string& directory) {
+    for (size_t end = 0; end != std::string::npos;) {
+        end = directory.find('/', end + 1);
+        const std::string path = "/pps/" + directory.substr(0, end);
+        if (pps_mkdir(path.c_str(), REMADE_MODE) != 0 && errno != EEXIST) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
 /* Opens the directory by its path again, after it was found to be gone, and makes it when it is
  * missing. */
 static int32_t reopen_place(pps_writer* writer) {
     vel_fd fd(pps_target_open_to_write(writer->directory.c_str()));
     if (fd.value < 0 && errno == ENOENT) {
-        const std::string path = "/pps/" + writer->directory;
-        if (pps_mkdir(path.c_str(), REMADE_MODE) != 0 && errno != EEXIST) {
+        if (make_directories(writer->directory) != 0) {
             return -1;
         }
         fd.value = pps_target_open_to_write(writer->directory.c_str());

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-/* Made before the first test, removed after the last. */
-struct pps_root : ::testing::Environment {
+/* Made before the first test, emptied for each repetition, removed at the end of the program. */
+struct pps_root : ::testing::EmptyTestEventListener {
     std::string path;
     pps_root() {
         char name[] = "/tmp/lyrane-pps-XXXXXX";
@@ -19,11 +19,18 @@ struct pps_root : ::testing::Environment {
         setenv("VELORAN_RUN", name, 1);
         setenv("VELORAN_SLOG", ("file:" + path + "/log").c_str(), 1);
     }
-    void TearDown() override { std::filesystem::remove_all(path); }
+    ~pps_root() override { std::filesystem::remove_all(path); }
+    void OnTestIterationStart(const ::testing::UnitTest&, int) override {
+        std::filesystem::remove_all(path + "/pps");
+    }
 };
 
-inline const pps_root* const the_root =
-    static_cast<pps_root*>(::testing::AddGlobalTestEnvironment(new pps_root));
+inline const pps_root* make_root() {
+    auto* root = new pps_root; /* the test framework owns it */
+    ::testing::UnitTest::GetInstance()->listeners().Append(root);
+    return root;
+}
+inline const pps_root* const the_root = make_root();
 
 /* The real path of a path below "/pps". */
 inline std::string real_path(const std::string& path) {

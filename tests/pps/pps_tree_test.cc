@@ -86,4 +86,5 @@ TEST(pps_tree, does_not_follow_endless_nesting) {
     EXPECT_EQ(errno, ELOOP);
     EXPECT_EQ(pps_rmdir("/pps/services/nested"), 0); /* the name is free at least */
     EXPECT_FALSE(fs::exists(real_path("/pps/services/nested")));
+    fs::remove_all(real_path("/pps/.stage")); /* where it was set aside */
 }

@@ -184,6 +184,11 @@ TEST(pps_write, makes_a_directory_again_that_was_taken_away) {
     EXPECT_EQ(update(two, "b::2\n"), 0);
     EXPECT_EQ(object_text(directory + "/one"), "@one\na::1\n");
     EXPECT_EQ(object_text(directory + "/two"), "@two\nb::2\n");
+    fs::remove_all(real_path("/pps")); /* with the place where new content is written */
+    EXPECT_EQ(update(one, "a::3\n"), 0);
+    EXPECT_EQ(update(two, "b::4\n"), 0);
+    EXPECT_EQ(object_text(directory + "/one"), "@one\na::3\n");
+    EXPECT_EQ(object_text(directory + "/two"), "@two\nb::4\n");
 }
 
 /* Reads an object over and over until it holds its last update. Returns an exit status: 0 when
