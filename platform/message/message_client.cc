@@ -23,6 +23,7 @@ namespace {
 /* Events that a client has not read yet: room for some thousands. */
 constexpr int EVENT_BUFFER_SIZE = 1024 * 1024;
 constexpr size_t PIECES_ON_STACK = 16;
+constexpr size_t SHORT_PACKET = 512;
 
 /* Connects by a path of any length: a long one goes through a descriptor of its folder. */
 int connect_path(int fd, const char* real) {
@@ -63,8 +64,38 @@ ssize_t send_looped(int fd, const msghdr* packet) {
     return sent;
 }
 
+/* Sends a short request, put together first: one plain send costs the system less than a gathered
+ * one. 0, or the error number. */
+int32_t send_short(int fd, const iovec* vector, int32_t count, size_t size) {
+    unsigned char packet[SHORT_PACKET];
+    unsigned char* end = packet;
+    for (int32_t i = 0; i < count; ++i) {
+        if (vector[i].iov_len > 0) {
+            memcpy(end, vector[i].iov_base, vector[i].iov_len);
+            end += vector[i].iov_len;
+        }
+    }
+    ssize_t sent;
+    do {
+        sent = send(fd, packet, size, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent < 0 ? errno : 0;
+}
+
+size_t total_length(const iovec* vector, int32_t count) {
+    size_t total = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        total += vector[i].iov_len;
+    }
+    return total;
+}
+
 /* Sends the request as one packet. 0, or the error number. */
 int32_t send_request(int fd, const iovec* vector, int32_t count, int32_t descriptor) {
+    const size_t total = total_length(vector, count);
+    if (descriptor < 0 && total <= SHORT_PACKET) {
+        return send_short(fd, vector, count, total);
+    }
     msghdr packet{};
     packet.msg_iov = const_cast<iovec*>(vector);
     packet.msg_iovlen = static_cast<size_t>(count);
@@ -81,10 +112,6 @@ int32_t send_request(int fd, const iovec* vector, int32_t count, int32_t descrip
     ssize_t sent = send_looped(fd, &packet);
     if (sent < 0 && errno == EMSGSIZE) {
         /* Larger than the default buffer takes: ask for as much as is needed, once. */
-        size_t total = 0;
-        for (int32_t i = 0; i < count; ++i) {
-            total += vector[i].iov_len;
-        }
         const int size = total < INT_MAX / 2 ? static_cast<int>(total) : INT_MAX / 2;
         (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
         sent = send_looped(fd, &packet);

@@ -71,6 +71,23 @@ bool in_group(const message_connection* connection, gid_t gid) {
     return false;
 }
 
+/* Gives an answered message up. False: it is not answered yet. */
+bool finish(message_channel* channel, int64_t rcvid) {
+    vel_lock_guard guard(channel->lock);
+    message_connection* connection = message_find(channel, message_rcvid_scoid(rcvid));
+    if (connection == nullptr || !connection->busy ||
+        connection->sequence != static_cast<uint32_t>(rcvid)) {
+        return true;
+    }
+    if (!connection->answered) {
+        return false;
+    }
+    message_close(&connection->offered);
+    connection->busy = false;
+    message_update_interest(channel, connection);
+    return true;
+}
+
 } // namespace
 
 message_connection* message_find(message_channel* channel, int32_t scoid) noexcept {
@@ -157,27 +174,11 @@ int32_t message_rcvid_scoid(int64_t rcvid) noexcept {
 }
 
 void message_done(message_channel* channel, int64_t rcvid) noexcept {
-    /* Answers what nobody answered; an error when somebody did. */
     const int saved = errno;
-    message_connection* connection;
-    bool unanswered;
-    {
-        vel_lock_guard guard(channel->lock);
-        connection = message_find(channel, message_rcvid_scoid(rcvid));
-        if (connection == nullptr || !connection->busy ||
-            connection->sequence != static_cast<uint32_t>(rcvid)) {
-            return;
-        }
-        unanswered = !connection->answered;
-    }
-    if (unanswered) {
+    if (!finish(channel, rcvid)) {
+        /* Nobody answered; whoever does meanwhile is as good. */
         (void)message_error(channel, rcvid, EIO);
-    }
-    message_close(&connection->offered);
-    {
-        vel_lock_guard guard(channel->lock);
-        connection->busy = false;
-        message_update_interest(channel, connection);
+        (void)finish(channel, rcvid);
     }
     errno = saved;
 }

@@ -89,7 +89,8 @@ void describe(message_connection* connection, message_info* info) {
     info->user = &connection->user;
 }
 
-/* Makes a connection busy for the calling thread; null when there is nothing to do with it. */
+/* Makes a connection busy for the calling thread, and counts the message that it will most likely
+ * read; null when there is nothing to do with it. */
 message_connection* pick_up(message_channel* channel, int32_t scoid) {
     vel_lock_guard guard(channel->lock);
     message_connection* connection = message_find(channel, scoid);
@@ -103,12 +104,17 @@ message_connection* pick_up(message_channel* channel, int32_t scoid) {
         return nullptr;
     }
     connection->busy = true;
+    connection->sequence += 1;
+    connection->answered = false;
     return connection;
 }
 
-void put_down(message_channel* channel, message_connection* connection) {
+/* There was no message after all. */
+void forget_message(message_channel* channel, message_connection* connection, bool still_busy) {
     vel_lock_guard guard(channel->lock);
-    connection->busy = false;
+    connection->sequence -= 1;
+    connection->answered = true;
+    connection->busy = still_busy;
     message_update_interest(channel, connection);
 }
 
@@ -121,26 +127,24 @@ bool serve(message_channel* channel, int32_t scoid, const iovec* vector, int32_t
     }
     if (connection->output_pending.load(std::memory_order_acquire)) {
         message_flush(channel, connection);
-        put_down(channel, connection);
+        forget_message(channel, connection, false);
         return false;
     }
     ssize_t length;
     const outcome result = read_message(connection, vector, count, &length);
     if (result == outcome::nothing) {
-        put_down(channel, connection);
+        forget_message(channel, connection, false);
         return false;
     }
     describe(connection, info);
     if (result == outcome::end) {
+        forget_message(channel, connection, true);
         info->pulse = MESSAGE_PULSE_DISCONNECT;
         *rcvid = 0;
         return true;
     }
     info->msglen = static_cast<int32_t>(length > INT32_MAX ? INT32_MAX : length);
-    vel_lock_guard guard(channel->lock);
-    connection->sequence += 1;
-    connection->answered = false;
-    *rcvid = message_rcvid(scoid, connection->sequence);
+    *rcvid = message_rcvid(scoid, connection->sequence); /* nobody else writes it while busy */
     return true;
 }
 

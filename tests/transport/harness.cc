@@ -71,12 +71,16 @@ void serve(osb* connection, recv_context* context, const std::string& request) {
 }
 
 void worker(osb* connection, recv_context* context, service*) {
-    ++owner_of(connection)->inside;
+    harness* h = owner_of(connection);
+    const int now = ++h->inside;
+    int most = h->most_inside;
+    while (most < now && !h->most_inside.compare_exchange_weak(most, now)) {
+    }
     const auto* header = reinterpret_cast<const msg_header*>(context->buffer);
     serve(connection, context,
           std::string(reinterpret_cast<const char*>(context->payload),
                       static_cast<size_t>(header->length)));
-    --owner_of(connection)->inside;
+    --h->inside;
 }
 
 int32_t on_connect(osb* connection, recv_context*, service*) {

@@ -26,7 +26,8 @@ struct harness {
     std::atomic<int> disconnects{0};
     std::atomic<int> hang_ups{0}; /* disconnects without a context */
     std::atomic<int> refused_replies{0};
-    std::atomic<int> inside{0}; /* callbacks running now */
+    std::atomic<int> inside{0}; /* workers running now */
+    std::atomic<int> most_inside{0};
 
     std::mutex lock;
     std::condition_variable changed;

@@ -1,8 +1,10 @@
 /* Many clients, many threads, and what is left afterwards: nothing. */
 #include <cerrno>
+#include <cstring>
 
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -132,4 +134,43 @@ TEST(TransportLoad, ClientsKilledAnywhereLeaveNothing) {
     EXPECT_EQ(h.hang_ups.load(), opened);
     EXPECT_EQ(harness_queued(&h), 0);
     harness_stop(&h);
+}
+
+TEST(TransportLoad, PipelinedRequestsAreAnsweredInOrderAndOneAtATime) {
+    harness h;
+    harness_start(&h, 4);
+    message_client client;
+    msg_header header = raw_open(&client);
+    constexpr int REQUESTS = 40;
+    header.type = CSM_PUTGET;
+    header.size = INT32_MAX;
+    for (int i = 0; i < REQUESTS; ++i) {
+        /* By turns short, and of several packets. */
+        const std::string request = "b " + std::to_string(i % 2 == 0 ? i : 150000 + i);
+        header.length = static_cast<int32_t>(request.size());
+        std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+        bytes += request;
+        ASSERT_EQ(send(client.fd, bytes.data(), bytes.size(), 0),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    std::vector<char> packet(MESSAGE_PACKET_SIZE);
+    size_t data = 0;
+    for (uint32_t i = 0; i < REQUESTS;) {
+        const ssize_t got = recv(client.fd, packet.data(), packet.size(), 0);
+        ASSERT_GE(got, static_cast<ssize_t>(sizeof(message_frame)));
+        message_frame frame;
+        memcpy(&frame, packet.data(), sizeof frame);
+        ASSERT_EQ(frame.sequence, i + 2);
+        ASSERT_EQ(frame.length, sizeof header + (i % 2 == 0 ? i : 150000 + i));
+        data += static_cast<size_t>(got) - sizeof frame;
+        if ((frame.flags & MESSAGE_FRAME_MORE) == 0) {
+            ASSERT_EQ(data, frame.length);
+            data = 0;
+            ++i;
+        }
+    }
+    message_disconnect(&client);
+    harness_await_disconnects(&h, 1);
+    harness_stop(&h);
+    EXPECT_EQ(h.most_inside.load(), 1) << "two requests of one socket ran side by side";
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -297,24 +298,40 @@ TEST(MsgServer, StopEndsEveryThreadWheneverItComes) {
         harness_start(&h, 4);
         harness_stop(&h);
     }
-    /* Before the loop begins, too. */
+    /* Before the loop begins, and where there is nothing to receive from any more. */
     msgserver* server = msgserver_create(0, 5, MSGSERVER_BY_PATH);
     msgserver_stop(server);
     EXPECT_EQ(msgserver_thread_loop(server), 0);
     msgserver_destroy(server);
+    server = msgserver_create(0, 5, MSGSERVER_BY_PATH);
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(dup3(null, server->chid, O_CLOEXEC), server->chid);
+    EXPECT_EQ(msgserver_thread_loop(server), 0) << "a receive that fails for good must not spin";
+    close(null);
+    msgserver_destroy(server);
 }
 
-/* Answers each check with the next number, and keeps what it was asked. */
-static void run_capability_service(int listener, const std::vector<int32_t>& answers,
-                                   std::vector<std::string>* asked) {
-    const int fd = accept(listener, nullptr, nullptr);
-    for (const int32_t granted : answers) {
-        char text[256];
-        const ssize_t length = recv(fd, text, sizeof text, 0);
-        asked->emplace_back(text, static_cast<size_t>(std::max<ssize_t>(length, 0)));
-        send(fd, &granted, sizeof granted, MSG_NOSIGNAL);
+/* Descriptors that a program started from here would get. */
+static std::vector<int> inheritable_descriptors() {
+    std::vector<int> found;
+    for (int fd = 0; fd < 1024; ++fd) {
+        const int flags = fcntl(fd, F_GETFD);
+        if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+            found.push_back(fd);
+        }
     }
-    close(fd);
+    return found;
+}
+
+TEST(MsgServer, NoDescriptorIsInheritedByAProgramThatIsStarted) {
+    const std::vector<int> before = inheritable_descriptors();
+    harness h;
+    harness_start(&h);
+    msgclient_t* client = harness_open();
+    ASSERT_EQ(msgclient_notify_pulse(client, 5), 0); /* the server has a copy of its channel */
+    EXPECT_EQ(inheritable_descriptors(), before);
+    msgclient_close(client);
+    harness_stop(&h);
 }
 
 TEST(MsgServer, TheCapabilityServiceDecidesInTheNameSpace) {

@@ -24,7 +24,8 @@ osb* connection_of(const service* owner, const msg_header* header, int32_t scoid
                : nullptr;
 }
 
-/* Finds the connection of a message and takes a reference for the time of its dispatch. */
+/* Finds the connection of a message and takes a reference for the time of its dispatch, and for a
+ * synchronous request another one for the reply that is due. */
 osb* hold_connection(msgserver* server, recv_context* context) {
     vel_lock_guard guard(server->lock);
     const service* owner = lookup(server, nullptr, context->info.scoid);
@@ -32,7 +33,7 @@ osb* hold_connection(msgserver* server, recv_context* context) {
         return nullptr;
     }
     osb* connection = connection_of(owner, header_of(context), context->info.scoid);
-    connection->in_use += 1;
+    connection->in_use += header_of(context)->type == CSM_PUTGET ? 2 : 1;
     return connection;
 }
 

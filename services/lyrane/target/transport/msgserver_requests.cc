@@ -195,10 +195,6 @@ void msgserver_notify(osb* connection, recv_context* context) noexcept {
 
 void msgserver_putget(osb* connection, recv_context* context) noexcept {
     service* owner = connection->service;
-    {
-        vel_lock_guard guard(connection->server->lock);
-        connection->in_use += 1;
-    }
     expect_reply(connection, context);
     owner->worker(connection, context, owner);
 }

@@ -10,7 +10,8 @@ extern "C" {
 /* CSM_OPEN. */
 void msgserver_open(msgserver* server, recv_context* context) noexcept VEL_EXCLUDES(server->lock);
 
-/* The other types, on a connection of theirs that the caller holds a reference of. */
+/* The other types, on a connection of theirs that the caller holds a reference of (two for
+ * CSM_PUTGET: the reply gives up the second). */
 void msgserver_close(osb* connection, recv_context* context) noexcept;
 void msgserver_notify(osb* connection, recv_context* context) noexcept;
 void msgserver_putget(osb* connection, recv_context* context) noexcept;
