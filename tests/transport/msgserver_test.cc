@@ -334,6 +334,19 @@ TEST(MsgServer, NoDescriptorIsInheritedByAProgramThatIsStarted) {
     harness_stop(&h);
 }
 
+/* Answers each check with the next number, and keeps what it was asked. */
+static void run_capability_service(int listener, const std::vector<int32_t>& answers,
+                                   std::vector<std::string>* asked) {
+    const int fd = accept(listener, nullptr, nullptr);
+    for (const int32_t granted : answers) {
+        char text[256];
+        const ssize_t length = recv(fd, text, sizeof text, 0);
+        asked->emplace_back(text, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+        send(fd, &granted, sizeof granted, MSG_NOSIGNAL);
+    }
+    close(fd);
+}
+
 TEST(MsgServer, TheCapabilityServiceDecidesInTheNameSpace) {
     EXPECT_EQ(msgserver_create(0, 5, 0), nullptr);
     EXPECT_EQ(errno, EPERM);
