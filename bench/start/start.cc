@@ -69,8 +69,8 @@ void await_answer(pid_t child) {
             request.type = LYR_MSG_GET_MEDIA_SOURCE;
             char reply[4096];
             int32_t length = 0;
-            const int32_t status = msgclient_putget(client, &request, sizeof request, reply,
-                                                    sizeof reply, &length, 0);
+            const int32_t status =
+                msgclient_putget(client, &request, sizeof request, reply, sizeof reply, &length, 0);
             msgclient_close(client);
             if (status == 0) {
                 return;

@@ -69,7 +69,8 @@ TEST(mediasource_events, take_the_sessions_of_a_lost_source_away) {
     EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), 0);
     EXPECT_EQ(rig_do(player, player_play), 0);
     fake_do(rig.fake, "await browse 9");
-    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"), 0); /* in the midst of the build */
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"),
+              0); /* in the midst of the build */
     EXPECT_EQ(rig_tracks(player), "none");
     EXPECT_EQ(rig_attribute(rig, "loser", "state", "status"), "::idle");
     EXPECT_EQ(rig_tracks(other), "/t0 /t1 /t2");

@@ -39,8 +39,10 @@ TEST(playback_events, go_on_at_the_end_of_a_track) {
         int64_t plays;
         const char* shown;
     } cases[] = {
-        {0, 0, LYR_STATUS_PLAYING, 1, 1, "::playing"}, {2, 0, LYR_STATUS_PLAYING, 2, 0, "::stopped"},
-        {2, 1, LYR_STATUS_PLAYING, 0, 1, "::playing"}, {1, 2, LYR_STATUS_PLAYING, 1, 1, "::playing"},
+        {0, 0, LYR_STATUS_PLAYING, 1, 1, "::playing"},
+        {2, 0, LYR_STATUS_PLAYING, 2, 0, "::stopped"},
+        {2, 1, LYR_STATUS_PLAYING, 0, 1, "::playing"},
+        {1, 2, LYR_STATUS_PLAYING, 1, 1, "::playing"},
         {0, 0, LYR_STATUS_PAUSED, 1, 0, "::playing"},
     };
     for (const auto& c : cases) {

@@ -18,11 +18,21 @@ namespace {
 
 using command = int32_t (*)(player*);
 
-int32_t seek_7(player* player) { return player_seek(player, 7); }
-int32_t rate_2(player* player) { return player_set_playback_rate(player, 2.0F); }
-int32_t shuffle_1(player* player) { return player_shuffle(player, 1); }
-int32_t repeat_1(player* player) { return player_repeat(player, 1); }
-int32_t jump_2(player* player) { return player_jump(player, 2); }
+int32_t seek_7(player* player) {
+    return player_seek(player, 7);
+}
+int32_t rate_2(player* player) {
+    return player_set_playback_rate(player, 2.0F);
+}
+int32_t shuffle_1(player* player) {
+    return player_shuffle(player, 1);
+}
+int32_t repeat_1(player* player) {
+    return player_repeat(player, 1);
+}
+int32_t jump_2(player* player) {
+    return player_jump(player, 2);
+}
 
 struct command_case {
     const char* name;

@@ -85,7 +85,8 @@ TEST(player_registry, closes_under_an_event_in_flight) {
     fake_do(rig.fake, "rule play.destroy block=closing");
     std::thread closer([] { player_close(&mmcontrol, "flight"); });
     fake_do(rig.fake, "blocked closing");
-    /* The player is out of the registry: a new event is refused at once, while the close goes on. */
+    /* The player is out of the registry: a new event is refused at once, while the close goes on.
+     */
     EXPECT_EQ(fake_number(rig.fake, "event position value=3 thread=1"), -1);
     fake_do(rig.fake, "release closing");
     closer.join();

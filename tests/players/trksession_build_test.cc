@@ -24,8 +24,8 @@ struct build_case {
 };
 
 const build_case builds[] = {
-    {"a folder of leaves, started in the middle", "/|tracks:6", 3, 6, -1,
-     "/t0 /t1 /t2 /t3 /t4 /t5", 3},
+    {"a folder of leaves, started in the middle", "/|tracks:6", 3, 6, -1, "/t0 /t1 /t2 /t3 /t4 /t5",
+     3},
     {"as many as announced are there at once", "/|tracks:6", 3, 4, -1, "/t0 /t1 /t2 /t3", 3},
     {"fewer announced than the first step needs", "/|tracks:6", 3, 1, -1, "/t0 /t1 /t2 /t3", 3},
     {"none announced", "/|tracks:3", 0, 0, -1, "/t0", 0},
@@ -36,15 +36,15 @@ const build_case builds[] = {
      -1, -1, "/x /y /A/1 /B/2", 1},
     {"the asked folder first, then the others, then the leaves",
      "/A|F\n/B|F\n/x|A\n/A/1|A\n/A/2|A\n/B/3|A", 1, -1, -1, "/B/3 /A/1 /A/2 /x", 0},
-    {"the first track lies deeper, behind leaves met later", "/A|F\n/A/1|A\n/A/B|F\n/A/B/3|A\n/A/4|A",
-     0, -1, -1, "/A/1 /A/4 /A/B/3", 0},
+    {"the first track lies deeper, behind leaves met later",
+     "/A|F\n/A/1|A\n/A/B|F\n/A/B/3|A\n/A/4|A", 0, -1, -1, "/A/1 /A/4 /A/B/3", 0},
     {"as many as announced, before a folder is entered", "/1|A\n/2|A\n/3|A\n/F|F\n/F/4|A", 0, 3, -1,
      "/1 /2 /3", 0},
     {"depth counts from the start folder", "/1|A\n/a|F\n/a/2|A\n/a/b|F\n/a/b/3|A", 0, -1, 1,
      "/1 /a/2", 0},
     {"no depth limit", "/1|A\n/a|F\n/a/2|A\n/a/b|F\n/a/b/3|A", 0, -1, -1, "/1 /a/2 /a/b/3", 0},
-    {"video is playable, other types ride along in a folder without folders",
-     "/v|V\n/x|7\n/1|A", 0, -1, -1, "/v /x /1", 0},
+    {"video is playable, other types ride along in a folder without folders", "/v|V\n/x|7\n/1|A", 0,
+     -1, -1, "/v /x /1", 0},
     {"other types are left out beside folders", "/v|V\n/x|7\n/F|F\n/F/1|A", 0, -1, -1, "/v /F/1",
      0},
     {"other types before the asked track are not counted as held", "/x|7\n/1|A\n/2|A", 1, -1, -1,
@@ -202,7 +202,8 @@ TEST(trksession_build, walks_deep_and_looping_trees) {
 
 /* The cancel may fall between two pages, and a plug-in may not hear it at all. */
 TEST(trksession_build, ends_a_build_at_any_moment) {
-    for (const char* rule : {"rule browse skip=2 block=page times=1", "rule browse page=1 delay=1"}) {
+    for (const char* rule :
+         {"rule browse skip=2 block=page times=1", "rule browse page=1 delay=1"}) {
         player_rig& rig = rig_fresh();
         const int32_t source = rig_source(rig, "build", ALL, "/|tracks:100000");
         fake_do(rig.fake, "%s", rule);

@@ -12,7 +12,8 @@
 mediasource* mediasource_by_id(control_block* control, int32_t id) noexcept {
     vel_lock_guard guard(control->registry_leaf);
     const int32_t position = mediasources_find_by_id(0, &control->mediasources, id);
-    return position < 0 ? nullptr : static_cast<mediasource*>(control->mediasources.items[position]);
+    return position < 0 ? nullptr
+                        : static_cast<mediasource*>(control->mediasources.items[position]);
 }
 
 /* What a query says of a source that it cannot use; the words differ from query to query. */
@@ -23,20 +24,20 @@ struct query_texts {
     const char* unsupported;
 };
 
-static const query_texts browse_texts = {
-    "The media source is not connected", "The media source is not active", LYR_CAP_BROWSE,
-    "The media source does not support browsing"};
-static const query_texts search_texts = {
-    "The requested media_source is not connected", "The media_source is not active",
-    LYR_CAP_SEARCH, "The media_source does not support searching"};
-static const query_texts metadata_texts = {
-    "The requested media_source is not connected", "The media_source is not active",
-    LYR_CAP_METADATA, "The media_source does not support metadata"};
+static const query_texts browse_texts = {"The media source is not connected",
+                                         "The media source is not active", LYR_CAP_BROWSE,
+                                         "The media source does not support browsing"};
+static const query_texts search_texts = {"The requested media_source is not connected",
+                                         "The media_source is not active", LYR_CAP_SEARCH,
+                                         "The media_source does not support searching"};
+static const query_texts metadata_texts = {"The requested media_source is not connected",
+                                           "The media_source is not active", LYR_CAP_METADATA,
+                                           "The media_source does not support metadata"};
 static const query_texts extended_metadata_texts = {
     "The requested media_source is not connected", "The media_source is not active",
     LYR_CAP_EXTENDED_METADATA, "The media_source does not support extended_metadata"};
-static const query_texts update_texts = {
-    "The media source is not connected", "The media source is not active", 0, ""};
+static const query_texts update_texts = {"The media source is not connected",
+                                         "The media source is not active", 0, ""};
 
 static int32_t refuse(int32_t error, const char* text) noexcept {
     msglog(3, "%s", text);
@@ -60,8 +61,8 @@ static mediasource* connected_source(control_block* control, int32_t ms_id,
 }
 
 /* The player's session on a source that has the query's capability, or null likewise. */
-static mediasource_session* session_for(control_block* control, player* player,
-                                        mediasource* source, const query_texts* texts) noexcept
+static mediasource_session* session_for(control_block* control, player* player, mediasource* source,
+                                        const query_texts* texts) noexcept
     VEL_REQUIRES(player->lock) {
     if ((mediasource_capabilities(source) & texts->capability) != texts->capability) {
         (void)refuse(ENOTSUP, texts->unsupported);
@@ -147,8 +148,7 @@ int32_t mediasource_search(control_block* control, player* player, int32_t ms_id
         return -1;
     }
     mediasource_session* session = session_for(control, player, source, &search_texts);
-    return session == nullptr ? -1
-                              : plugin_call_search(session, filter, key, offset, count, nodes);
+    return session == nullptr ? -1 : plugin_call_search(session, filter, key, offset, count, nodes);
 }
 
 int32_t mediasource_get_metadata(control_block* control, player* player, int32_t ms_id,
@@ -179,9 +179,8 @@ int32_t mediasource_get_extended_metadata(control_block* control, player* player
         return -1;
     }
     mediasource_session* session = session_for(control, player, source, &extended_metadata_texts);
-    return session == nullptr
-               ? -1
-               : plugin_call_get_extended_metadata(session, node_id, keys, values);
+    return session == nullptr ? -1
+                              : plugin_call_get_extended_metadata(session, node_id, keys, values);
 }
 
 int32_t mediasource_update_medianodes(control_block* control, player* player, int32_t ms_id,

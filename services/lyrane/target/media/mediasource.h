@@ -40,8 +40,7 @@ mediasource_session* mediasource_session_create(control_block* control, player* 
                                                 mediasource* source) noexcept;
 void mediasource_play_session_create(control_block* control, player* player, mediasource* source,
                                      mediasource_session* session) noexcept;
-void mediasource_browse_session_create(control_block* control, player* player,
-                                       mediasource* source,
+void mediasource_browse_session_create(control_block* control, player* player, mediasource* source,
                                        mediasource_session* session) noexcept;
 
 /* Closes both halves, frees the record and forgets it. Accepts null. */

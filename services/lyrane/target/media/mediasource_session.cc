@@ -68,8 +68,7 @@ void mediasource_play_session_create(control_block* control, player* player, med
     session->play_api = api;
 }
 
-void mediasource_browse_session_create(control_block* control, player* player,
-                                       mediasource* source,
+void mediasource_browse_session_create(control_block* control, player* player, mediasource* source,
                                        mediasource_session* session) noexcept {
     msglog(6, "create browse session for ms %d", source->id);
     const plugin* owner = owner_of(control, source);

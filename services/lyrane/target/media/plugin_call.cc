@@ -7,7 +7,9 @@
 /* Depth, because a plug-in's thread may enter a second plug-in from a disconnection callback. */
 static thread_local int32_t call_depth;
 
-int32_t plugin_call_inside(void) noexcept { return call_depth > 0; }
+int32_t plugin_call_inside(void) noexcept {
+    return call_depth > 0;
+}
 
 int32_t plugin_call_can_play(const mediasource_session* session) noexcept {
     return session != nullptr && session->play_api != nullptr && session->play_session != nullptr;
@@ -193,13 +195,12 @@ int32_t plugin_call_get_metadata(const mediasource_session* session, const char*
 
 int32_t plugin_call_get_extended_metadata(const mediasource_session* session, const char* node_id,
                                           const char* const* keys, char** values) noexcept {
-    if (!plugin_call_can_browse(session) ||
-        session->browse_api->get_extended_metadata == nullptr) {
+    if (!plugin_call_can_browse(session) || session->browse_api->get_extended_metadata == nullptr) {
         return missing();
     }
     ++call_depth;
-    const int32_t result = session->browse_api->get_extended_metadata(session->browse_session,
-                                                                      node_id, keys, values);
+    const int32_t result =
+        session->browse_api->get_extended_metadata(session->browse_session, node_id, keys, values);
     --call_depth;
     return result;
 }

@@ -15,8 +15,7 @@
  * that serves all clients. */
 static constexpr time_t ANSWER_WAIT_SECONDS = 1;
 
-static void send_message(player* player, const char* text) noexcept
-    VEL_REQUIRES(player->np_lock) {
+static void send_message(player* player, const char* text) noexcept VEL_REQUIRES(player->np_lock) {
     if (player->np_fd == -1) {
         return;
     }
@@ -38,8 +37,8 @@ static void send_message(player* player, const char* text) noexcept
 }
 
 /* Waits until the grant is there or the time has passed. */
-static void await_grant(player* player) noexcept VEL_REQUIRES(player->np_lock)
-    VEL_NO_TSA /* a condition variable waits with the lock */ {
+static void await_grant(player* player) noexcept VEL_REQUIRES(player->np_lock) VEL_NO_TSA
+/* a condition variable waits with the lock */ {
     timespec deadline = {};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += ANSWER_WAIT_SECONDS;

@@ -18,7 +18,9 @@ static void show_status(player* player, int32_t status) noexcept {
     player_publish_state_status(player);
 }
 
-void player_show_stopped(player* player) noexcept { show_status(player, LYR_STATUS_STOPPED); }
+void player_show_stopped(player* player) noexcept {
+    show_status(player, LYR_STATUS_STOPPED);
+}
 
 /* The focus messages that follow a pause or stop, unless the arbiter itself took the focus. */
 static bool focus_is_ours(const player* player) noexcept {

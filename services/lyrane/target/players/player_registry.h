@@ -7,8 +7,8 @@
 #include "control.h"
 #include "player.h"
 
-constexpr int32_t PLAYERS_MAX = 256;        /* open at a time */
-constexpr int32_t PLAYER_NAME_MAX = 127;    /* bytes */
+constexpr int32_t PLAYERS_MAX = 256;     /* open at a time */
+constexpr int32_t PLAYER_NAME_MAX = 127; /* bytes */
 
 extern "C" {
 

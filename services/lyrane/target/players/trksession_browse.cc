@@ -27,8 +27,8 @@ struct folder {
     char* mn_id; /* owned */
     medianode* children;
     int32_t count;
-    int32_t first;       /* the child to enter first, or -1: tracks before folders */
-    int32_t next;        /* next child to look at for a folder */
+    int32_t first; /* the child to enter first, or -1: tracks before folders */
+    int32_t next;  /* next child to look at for a folder */
     int32_t depth;
     bool tracks_done;
     bool first_done;
@@ -58,9 +58,13 @@ static bool is_leaf(const medianode* node) noexcept {
     return node->type == LYR_NODE_AUDIO || node->type == LYR_NODE_VIDEO;
 }
 
-static bool is_folder(const medianode* node) noexcept { return node->type == LYR_NODE_FOLDER; }
+static bool is_folder(const medianode* node) noexcept {
+    return node->type == LYR_NODE_FOLDER;
+}
 
-static bool by_id(const held_id& a, const held_id& b) noexcept { return strcmp(a.id, b.id) < 0; }
+static bool by_id(const held_id& a, const held_id& b) noexcept {
+    return strcmp(a.id, b.id) < 0;
+}
 
 /* Remembers the ids of the tracks that are not to be imported again. */
 static void hold_ids(walk* w, trksession* session) noexcept {
@@ -99,7 +103,9 @@ static bool skip_held(walk* w, const char* id) noexcept {
     return false;
 }
 
-static bool enough(const walk* w) noexcept { return *w->count >= w->stop_count; }
+static bool enough(const walk* w) noexcept {
+    return *w->count >= w->stop_count;
+}
 
 static void folder_free(folder* f) noexcept {
     free_medianodes(&f->children, f->count);

@@ -113,7 +113,8 @@ static int32_t mini_of_leaves(player* player, trksession* session, medianode* ch
 }
 
 /* First step, the requested child is a folder: the first track inside it. */
-static int32_t mini_of_folder(player* player, trksession* session, const medianode* child) noexcept {
+static int32_t mini_of_folder(player* player, trksession* session,
+                              const medianode* child) noexcept {
     int32_t found = 0;
     int32_t ignored = 0;
     trksession_set_current(session, {0, 0, 0});
@@ -179,8 +180,7 @@ static void start_build_thread(player* player, trksession* session) noexcept
     const int32_t error = process_thread_start("build_trksession", 0, player_trksession_thread,
                                                player, &session->build_thread);
     if (error != 0) {
-        msglog(2, "Failed to create a trksession thread (%d:%s)", error,
-               msglog_error_text(error));
+        msglog(2, "Failed to create a trksession thread (%d:%s)", error, msglog_error_text(error));
         return;
     }
     session->build_started = 1;
@@ -270,11 +270,10 @@ void* player_trksession_thread(void* argument) noexcept {
     if (stop_count > 0) {
         int32_t count = 0;
         msglog(7, "before browse_recursive:%s,idx=%d,stop=%d,ignore=%d,%s", session->mn_id,
-               session->start_index, stop_count, session->ignore_count,
-               "player_trksession_thread");
+               session->start_index, stop_count, session->ignore_count, "player_trksession_thread");
         const int32_t result =
-            player_browse_recursive(owner, session->mn_id, session->start_index, &count,
-                                    stop_count, &session->ignore_count, 0);
+            player_browse_recursive(owner, session->mn_id, session->start_index, &count, stop_count,
+                                    &session->ignore_count, 0);
         msglog(7, "after browse_recursive:%s,count=%d,ignore=%d,ret=%d,%s", session->mn_id, count,
                session->ignore_count, result, "player_trksession_thread");
     }

@@ -26,8 +26,8 @@ extern "C" {
  * -1 with errno ENODEV (source unknown or gone), EINVAL (expected below -1, start_index below 0)
  * or ENOTSUP (no play session). */
 int32_t player_create_trksession(control_block* control, player* player, int32_t ms_id,
-                                 const char* mn_id, int32_t* expected,
-                                 int32_t start_index) noexcept VEL_REQUIRES(player->lock);
+                                 const char* mn_id, int32_t* expected, int32_t start_index) noexcept
+    VEL_REQUIRES(player->lock);
 
 /* Replaces the player's session by one of `count` ready records, whose strings it takes over once
  * it has been made, and attaches track `index`. The result of the attach, or -1. */
@@ -61,8 +61,7 @@ int32_t player_browse_recursive(player* player, const char* mn_id, int32_t index
 void* player_trksession_thread(void* player) noexcept;
 
 /* Writes a listing of the first step for debugging. */
-void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes,
-                  int32_t index) noexcept;
+void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes, int32_t index) noexcept;
 }
 
 /* get_media_node_children_v2 that gives up (-1) once *cancelled is set. */

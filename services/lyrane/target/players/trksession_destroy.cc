@@ -15,8 +15,8 @@ static constexpr long CANCEL_AGAIN_NS = 20L * 1000 * 1000;
 
 /* False when the time passed and the thread may still be inside the plug-in. The build thread
  * takes the same lock for its last word. */
-static bool build_over_soon(trksession* session) noexcept
-    VEL_NO_TSA /* a condition variable waits with the lock */ {
+static bool build_over_soon(trksession* session) noexcept VEL_NO_TSA
+/* a condition variable waits with the lock */ {
     vel_lock_guard guard(session->lock);
     timespec deadline = {};
     clock_gettime(CLOCK_MONOTONIC, &deadline);

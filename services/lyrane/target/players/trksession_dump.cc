@@ -9,7 +9,9 @@
 
 #include <veloran/paths.h>
 
-static const char* shown(const char* text) noexcept { return text != nullptr ? text : ""; }
+static const char* shown(const char* text) noexcept {
+    return text != nullptr ? text : "";
+}
 
 /* The name of the file: the last part of the node's id. Null for one that is no file name. */
 static const char* dump_name(const char* mn_id) noexcept {
@@ -51,8 +53,8 @@ void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes,
     fprintf(file, "***mini trk,num=%d,idx=%d***\n", count, index);
     fprintf(file, "************************\n");
     for (int32_t i = 0; i < count; ++i) {
-        fprintf(file, "[%d].id=%s,name=%s,ms_id=%d\n", i, shown(nodes[i].id),
-                shown(nodes[i].name), nodes[i].ms_id);
+        fprintf(file, "[%d].id=%s,name=%s,ms_id=%d\n", i, shown(nodes[i].id), shown(nodes[i].name),
+                nodes[i].ms_id);
     }
     fclose(file);
 }

@@ -46,8 +46,7 @@ int32_t trksession_shuffle(trksession* session, int32_t start, int32_t count, in
             }
         }
         for (int32_t i = first; i < first + range; ++i) {
-            const int32_t j =
-                first + static_cast<int32_t>(draw() % static_cast<uint32_t>(range));
+            const int32_t j = first + static_cast<int32_t>(draw() % static_cast<uint32_t>(range));
             swap_positions(session, i, j);
         }
     }

@@ -7,15 +7,15 @@
 
 /* The playback position of a track, and the track at a position. Without shuffle, and for numbers
  * that name no track (a session may be empty), they are the number itself. */
-static int32_t position_of(const player* player, const trksession* session,
-                           int32_t track) noexcept VEL_REQUIRES(session->lock) {
+static int32_t position_of(const player* player, const trksession* session, int32_t track) noexcept
+    VEL_REQUIRES(session->lock) {
     const bool mapped =
         player->shuffle_mode == LYR_SHUFFLE_ON && track >= 0 && track < session->length;
     return mapped ? session->inverse_order[track] : track;
 }
 
-static int32_t track_at(const player* player, const trksession* session,
-                        int32_t position) noexcept VEL_REQUIRES(session->lock) {
+static int32_t track_at(const player* player, const trksession* session, int32_t position) noexcept
+    VEL_REQUIRES(session->lock) {
     const bool mapped =
         player->shuffle_mode == LYR_SHUFFLE_ON && position >= 0 && position < session->length;
     return mapped ? session->order[position] : position;

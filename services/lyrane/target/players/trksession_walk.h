@@ -35,10 +35,10 @@ medianode* trksession_internal_get_track(player* player, int32_t index) noexcept
     VEL_REQUIRES(player->lock);
 
 /* Client index to track index and back. 0, or -1 when there is no such track. */
-int32_t convert_cli_index_2_internal_index(player* player, int32_t cli,
-                                           int32_t* internal) noexcept VEL_REQUIRES(player->lock);
-int32_t convert_internal_index_2_cli_index(player* player, int32_t internal,
-                                           int32_t* cli) noexcept VEL_REQUIRES(player->lock);
+int32_t convert_cli_index_2_internal_index(player* player, int32_t cli, int32_t* internal) noexcept
+    VEL_REQUIRES(player->lock);
+int32_t convert_internal_index_2_cli_index(player* player, int32_t internal, int32_t* cli) noexcept
+    VEL_REQUIRES(player->lock);
 
 /* A page of the track list: *tracks points at the first, *limit (in: most wanted, -1 all; out:
  * delivered) counts them; valid while the caller holds the session lock. `ts_id` is not examined.

@@ -16,12 +16,14 @@ static vel_bytes reply_buffer(int32_t size) noexcept {
                     : vel_bytes(static_cast<unsigned char*>(malloc(static_cast<size_t>(size) + 1)));
 }
 
-/* --- Media sources ----------------------------------------------------------------------------- */
+/* --- Media sources -----------------------------------------------------------------------------
+ */
 
 /* Copies of the active media sources, packed while the names cannot change. The registry's leaf
  * lock is enough for that, so the answer does not wait for an event that is tearing sessions
  * down. */
-static vel_bytes pack_active_sources(control_block* control, int32_t* count, int32_t* size) noexcept {
+static vel_bytes pack_active_sources(control_block* control, int32_t* count,
+                                     int32_t* size) noexcept {
     vel_lock_guard guard(control->registry_leaf);
     const int32_t known = control->mediasources.count;
     *count = 0;
@@ -56,7 +58,8 @@ static vel_bytes pack_active_sources(control_block* control, int32_t* count, int
     return buffer;
 }
 
-/* --- The current track ------------------------------------------------------------------------- */
+/* --- The current track -------------------------------------------------------------------------
+ */
 
 /* What the session says of its current track, copied under its lock. */
 struct current_track {
@@ -147,7 +150,8 @@ static void reply_current_track(request_call* call) noexcept {
     free_medianode_contents(&track.node);
 }
 
-/* --- Metadata of any node ---------------------------------------------------------------------- */
+/* --- Metadata of any node ----------------------------------------------------------------------
+ */
 
 static void reply_metadata(request_call* call, const metadata* data) noexcept {
     vel_bytes buffer = reply_buffer(compute_metadata_size(data, 1));

@@ -14,7 +14,9 @@ static void put(packer* p, const void* value, size_t bytes) noexcept {
     p->at += bytes;
 }
 
-static void put_i32(packer* p, int32_t value) noexcept { put(p, &value, sizeof value); }
+static void put_i32(packer* p, int32_t value) noexcept {
+    put(p, &value, sizeof value);
+}
 
 static void put_text(packer* p, const char* text) noexcept {
     const size_t length = text != nullptr ? strlen(text) : 0;

@@ -11,8 +11,11 @@ static constexpr int32_t PIECES_MAX = 8;
 request_call request_call_make(osb* connection, recv_context* context, int64_t at) noexcept {
     msg_header header;
     memcpy(&header, context->buffer, sizeof header);
-    return {static_cast<control_block*>(connection->server->user_data), connection, context,
-            request_slot(connection), {context->payload, header.length, at, false}};
+    return {static_cast<control_block*>(connection->server->user_data),
+            connection,
+            context,
+            request_slot(connection),
+            {context->payload, header.length, at, false}};
 }
 
 player* request_slot(const osb* connection) noexcept {
@@ -54,8 +57,7 @@ bool request_malformed(request_call* call) noexcept {
 }
 
 void request_rate_text(float rate, char* text) noexcept {
-    const std::to_chars_result end = std::to_chars(text, text + RATE_TEXT_SIZE - 1,
-                                                   static_cast<double>(rate),
-                                                   std::chars_format::fixed, 6);
+    const std::to_chars_result end = std::to_chars(
+        text, text + RATE_TEXT_SIZE - 1, static_cast<double>(rate), std::chars_format::fixed, 6);
     *(end.ec == std::errc() ? end.ptr : text) = '\0';
 }

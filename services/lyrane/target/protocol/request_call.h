@@ -16,7 +16,7 @@ struct request_call {
     control_block* control;
     osb* connection;
     recv_context* context;
-    ::player* player;      /* of the connection's slot, which holds a pin; or null */
+    ::player* player; /* of the connection's slot, which holds a pin; or null */
     request_reader reader;
 };
 

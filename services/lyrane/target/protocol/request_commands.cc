@@ -31,15 +31,33 @@ static void run_number(request_call* call, const char* name,
     request_reply(call, result);
 }
 
-void handle_play(request_call* call) noexcept { run(call, player_play); }
-void handle_stop(request_call* call) noexcept { run(call, player_stop); }
-void handle_pause(request_call* call) noexcept { run(call, player_pause); }
-void handle_next(request_call* call) noexcept { run(call, player_next); }
-void handle_previous(request_call* call) noexcept { run(call, player_previous); }
-void handle_jump(request_call* call) noexcept { run_number(call, "index", player_jump); }
-void handle_seek(request_call* call) noexcept { run_number(call, "position", player_seek); }
-void handle_shuffle(request_call* call) noexcept { run_number(call, "shuffle", player_shuffle); }
-void handle_repeat(request_call* call) noexcept { run_number(call, "repeat", player_repeat); }
+void handle_play(request_call* call) noexcept {
+    run(call, player_play);
+}
+void handle_stop(request_call* call) noexcept {
+    run(call, player_stop);
+}
+void handle_pause(request_call* call) noexcept {
+    run(call, player_pause);
+}
+void handle_next(request_call* call) noexcept {
+    run(call, player_next);
+}
+void handle_previous(request_call* call) noexcept {
+    run(call, player_previous);
+}
+void handle_jump(request_call* call) noexcept {
+    run_number(call, "index", player_jump);
+}
+void handle_seek(request_call* call) noexcept {
+    run_number(call, "position", player_seek);
+}
+void handle_shuffle(request_call* call) noexcept {
+    run_number(call, "shuffle", player_shuffle);
+}
+void handle_repeat(request_call* call) noexcept {
+    run_number(call, "repeat", player_repeat);
+}
 
 void handle_set_speed(request_call* call) noexcept {
     const float rate = request_read_f32(&call->reader);

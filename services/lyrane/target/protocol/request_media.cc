@@ -75,8 +75,8 @@ void handle_search(request_call* call) noexcept {
     {
         vel_lock_guard guard(call->player->lock);
         if (call->player->closed == 0) {
-            result = mediasource_search(call->control, call->player, ms_id, filter.get(),
-                                        key.get(), offset, &count, &nodes);
+            result = mediasource_search(call->control, call->player, ms_id, filter.get(), key.get(),
+                                        offset, &count, &nodes);
         }
     }
     msglog(7, "search result (%d): %d", result, count);

@@ -57,7 +57,9 @@ float request_read_f32(request_reader* reader) noexcept {
     return value;
 }
 
-void request_skip(request_reader* reader, int64_t bytes) noexcept { (void)take(reader, bytes); }
+void request_skip(request_reader* reader, int64_t bytes) noexcept {
+    (void)take(reader, bytes);
+}
 
 vel_text request_read_text(request_reader* reader, int64_t length) noexcept {
     const unsigned char* at = take(reader, length);

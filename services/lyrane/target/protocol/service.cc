@@ -22,9 +22,9 @@ static void query_metadata(request_call* call) noexcept {
 /* One request of the catalogue. */
 struct request_entry {
     uint16_t type;
-    const char* arrival;  /* logged when it comes in */
-    int32_t least;        /* bytes of its fixed fields, the header not counted */
-    bool needs_player;    /* answered -1 on a connection that has opened none */
+    const char* arrival; /* logged when it comes in */
+    int32_t least;       /* bytes of its fixed fields, the header not counted */
+    bool needs_player;   /* answered -1 on a connection that has opened none */
     request_handler handler;
 };
 

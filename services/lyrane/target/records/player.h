@@ -51,9 +51,9 @@ struct player {
     vel_mutex np_lock; /* inside the player lock */
     pthread_cond_t np_cond;
 
-    control_block* control;                /* constant */
-    int32_t pins;                          /* guarded by the players lock; see player_pin.h */
-    int32_t closed VEL_GUARDED_BY(lock);   /* 1: torn down; leave at once */
+    control_block* control;                 /* constant */
+    int32_t pins;                           /* guarded by the players lock; see player_pin.h */
+    int32_t closed VEL_GUARDED_BY(lock);    /* 1: torn down; leave at once */
     int32_t error_run VEL_GUARDED_BY(lock); /* skips in a row without a track that played */
 };
 

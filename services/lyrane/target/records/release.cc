@@ -106,5 +106,7 @@ void free_lyr_ms_nodes(lyr_ms_node** nodes, int32_t count) noexcept {
     *nodes = nullptr;
 }
 
-mediasource* free_mediasource(mediasource* source) noexcept { return source; }
+mediasource* free_mediasource(mediasource* source) noexcept {
+    return source;
+}
 }

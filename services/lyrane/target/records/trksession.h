@@ -24,9 +24,9 @@ struct trksession {
     int32_t* inverse_order VEL_GUARDED_BY(lock); /* owned; playback position of a track */
     int32_t trk_id VEL_GUARDED_BY(lock);         /* index of the current track */
     int32_t cli_index VEL_GUARDED_BY(lock);      /* the same as clients see it */
-    int32_t trk_pos VEL_GUARDED_BY(lock); /* position in it, in the plug-in's unit */
-    uint64_t ts_id;                       /* constant */
-    ::mediasource* mediasource;           /* constant; lives for ever */
+    int32_t trk_pos VEL_GUARDED_BY(lock);        /* position in it, in the plug-in's unit */
+    uint64_t ts_id;                              /* constant */
+    ::mediasource* mediasource;                  /* constant; lives for ever */
     /* Owned with the strings. The records move when the array grows; their strings stay until
      * destruction, which needs the player lock. */
     medianode* tracks VEL_GUARDED_BY(lock);
