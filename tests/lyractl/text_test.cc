@@ -14,15 +14,17 @@ TEST(text, printable_lets_nothing_through_that_acts_on_a_terminal) {
         {"\x1B[2J", "\\x1b[2J"},
         {std::string("nul\0!", 5), "nul\\x00!"},
         {"\x7F", "\\x7f"},
-        {"\xC2\x9B""0m", "\\u{9b}0m"},              /* a one-character control sequence */
-        {"\u202Egpj.exe", "\\u{202e}gpj.exe"},      /* right-to-left override */
-        {"\u2028", "\\u{2028}"},                    /* line separator */
-        {"r\xE9mi", "r\\xe9mi"},                    /* Latin-1 */
-        {"\xC0\xAF", "\\xc0\\xaf"},                 /* longer than needed */
-        {"\xED\xA0\x80", "\\xed\\xa0\\x80"},        /* surrogate */
+        {"\xC2\x9B"
+         "0m",
+         "\\u{9b}0m"},                                /* a one-character control sequence */
+        {"\u202Egpj.exe", "\\u{202e}gpj.exe"},        /* right-to-left override */
+        {"\u2028", "\\u{2028}"},                      /* line separator */
+        {"r\xE9mi", "r\\xe9mi"},                      /* Latin-1 */
+        {"\xC0\xAF", "\\xc0\\xaf"},                   /* longer than needed */
+        {"\xED\xA0\x80", "\\xed\\xa0\\x80"},          /* surrogate */
         {"\xF4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}, /* beyond the last character */
         {"\xF8\x88\x80\x80\x80", "\\xf8\\x88\\x80\\x80\\x80"},
-        {"cut \xE6\x97", "cut \\xe6\\x97"},         /* ends early */
+        {"cut \xE6\x97", "cut \\xe6\\x97"}, /* ends early */
         {"\xE6\x97x", "\\xe6\\x97x"},
     };
     for (const auto& c : cases) {
@@ -32,8 +34,8 @@ TEST(text, printable_lets_nothing_through_that_acts_on_a_terminal) {
 
 TEST(text, width_counts_columns_not_bytes) {
     EXPECT_EQ(text_width("caf\u00E9"), 4);
-    EXPECT_EQ(text_width("\u65E5\u672C"), 4);  /* two columns each */
-    EXPECT_EQ(text_width("e\u0301"), 1);       /* a combining accent takes none */
+    EXPECT_EQ(text_width("\u65E5\u672C"), 4); /* two columns each */
+    EXPECT_EQ(text_width("e\u0301"), 1);      /* a combining accent takes none */
     EXPECT_EQ(text_width("\U0001F3B5"), 2);
 }
 
@@ -58,9 +60,8 @@ TEST(text, clock) {
     const struct {
         int64_t milliseconds;
         const char* shown;
-    } cases[] = {{-1, "-:--"},       {0, "0:00"},          {999, "0:00"},
-                 {61000, "1:01"},    {3599999, "59:59"},   {3600000, "1:00:00"},
-                 {3723000, "1:02:03"}};
+    } cases[] = {{-1, "-:--"},       {0, "0:00"},          {999, "0:00"},       {61000, "1:01"},
+                 {3599999, "59:59"}, {3600000, "1:00:00"}, {3723000, "1:02:03"}};
     for (const auto& c : cases) {
         EXPECT_EQ(text_clock(c.milliseconds), c.shown);
     }

@@ -24,7 +24,8 @@ struct tool {
 /* Starts it with these arguments, its input being the null device. */
 tool tool_start(const std::vector<std::string>& arguments);
 
-/* The same on a terminal of its own of 80 columns and 24 rows; what it prints, and echoes, is `out`. */
+/* The same on a terminal of its own of 80 columns and 24 rows; what it prints, and echoes, is
+ * `out`. */
 tool tool_start_on_terminal(const std::vector<std::string>& arguments);
 
 /* Presses keys of that terminal. */

@@ -115,8 +115,8 @@ std::vector<std::string> choose_players(void) {
     return players;
 }
 
-const std::string* choose_player(const std::string& wanted,
-                                 const std::vector<std::string>& players, std::string* why) {
+const std::string* choose_player(const std::string& wanted, const std::vector<std::string>& players,
+                                 std::string* why) {
     if (wanted.empty() && players.size() == 1) {
         return &players[0];
     }

@@ -14,8 +14,8 @@ std::vector<std::string> choose_players(void);
 
 /* The player that is wanted; without a wish (empty) the only one there is. Null with the reason in
  * *why. Points into `wanted` or `players`. */
-const std::string* choose_player(const std::string& wanted,
-                                 const std::vector<std::string>& players, std::string* why);
+const std::string* choose_player(const std::string& wanted, const std::vector<std::string>& players,
+                                 std::string* why);
 
 /* The media source with this id, uid (letter case aside) or name; without a wish (empty) the only
  * one there is. Null with the reason in *why. Points into `sources`. */

@@ -139,8 +139,8 @@ bool command_session(const arguments& what, std::string* why) {
         return false;
     }
     if (what.json) {
-        return output_json({{"player", player},
-                            {"session", {{"id", session.id}, {"length", session.length}}}});
+        return output_json(
+            {{"player", player}, {"session", {{"id", session.id}, {"length", session.length}}}});
     }
     return output_text("track session " + std::to_string(session.id) + ", " +
                        output_tracks(session.length) + " so far\n");

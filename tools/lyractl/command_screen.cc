@@ -47,7 +47,7 @@ struct screen {
     int64_t said_position = 0; /* ms */
 };
 
-/* --- Making music -------------------------------------------------------------------------------*/
+/* --- Making music -------------------------------------------------------------------- */
 
 /* Takes what was published. False when the player has gone. */
 bool take_changes(screen* screen) {
@@ -103,7 +103,7 @@ bool start_playing(screen* screen) {
     return result == 0;
 }
 
-/* --- Showing it ---------------------------------------------------------------------------------*/
+/* --- Showing it ---------------------------------------------------------------------- */
 
 bool show_on_terminal(screen* screen) {
     int32_t columns = 0;
@@ -139,7 +139,7 @@ bool show_plainly(screen* screen) {
     return text.empty() || output_text(text);
 }
 
-/* --- Events -------------------------------------------------------------------------------------*/
+/* --- Events -------------------------------------------------------------------------- */
 
 uint16_t request_of_key(const screen& screen, int32_t key) {
     switch (key) {
@@ -221,7 +221,8 @@ step wait_and_act(screen* screen, int signals) {
     return waiting[3].revents != 0 ? take_keys(screen) : step::go_on;
 }
 
-/* Without anybody to press a key, and without a time to wait for, the end of the music is the end. */
+/* Without anybody to press a key, and without a time to wait for, the end of the music is the end.
+ */
 bool music_is_over(const screen& screen) {
     return screen.started && !screen.terminal && screen.what->seconds < 0 &&
            (screen.now.status == "stopped" || screen.now.status == "idle");

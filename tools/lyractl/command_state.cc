@@ -94,13 +94,13 @@ bool print_now(const arguments& what, const std::string& player, const answer& g
                             {"metadata", describe_metadata(track)}});
     }
     const std::string end = known.duration > 0 ? " / " + text_clock(known.duration) : "";
-    return output_list({{"title", known.title.empty() ? track.node.name : known.title},
-                        {"artist", known.artist},
-                        {"album", known.album},
-                        {"track", std::to_string(track.index + 1) + " of " +
-                                      std::to_string(got.session.length)},
-                        {"position", text_clock(got.position) + end},
-                        {"status", status}});
+    return output_list(
+        {{"title", known.title.empty() ? track.node.name : known.title},
+         {"artist", known.artist},
+         {"album", known.album},
+         {"track", std::to_string(track.index + 1) + " of " + std::to_string(got.session.length)},
+         {"position", text_clock(got.position) + end},
+         {"status", status}});
 }
 
 } // namespace

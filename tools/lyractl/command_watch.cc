@@ -33,8 +33,8 @@ std::string change_text(const watch_change& change) {
     }
     std::string text;
     for (const watch_attribute& attribute : change.attributes) {
-        text += line_text(object, attribute.name,
-                          attribute.gone ? "-" : watch_text(attribute.value));
+        text +=
+            line_text(object, attribute.name, attribute.gone ? "-" : watch_text(attribute.value));
     }
     return text;
 }

@@ -59,8 +59,8 @@ int32_t fetch_queued(msgclient_t* client, std::vector<unsigned char>* bytes, int
     int32_t status = LYR_STATUS_QUEUED;
     while (status == LYR_STATUS_QUEUED) {
         bytes->resize(static_cast<size_t>(std::max(*length, 0)) + 1);
-        status = msgclient_get(client, 0, bytes->data(), static_cast<int32_t>(bytes->size()),
-                               length, 0);
+        status =
+            msgclient_get(client, 0, bytes->data(), static_cast<int32_t>(bytes->size()), length, 0);
     }
     return status;
 }
@@ -109,9 +109,9 @@ bool connection_send(connection* to, uint16_t type, std::string_view fields,
 
     std::vector<unsigned char> bytes(REPLY_SIZE);
     int32_t length = 0;
-    int32_t status = msgclient_putget(to->client, request.data(),
-                                      static_cast<int32_t>(request.size()), bytes.data(),
-                                      static_cast<int32_t>(bytes.size()), &length, 0);
+    int32_t status =
+        msgclient_putget(to->client, request.data(), static_cast<int32_t>(request.size()),
+                         bytes.data(), static_cast<int32_t>(bytes.size()), &length, 0);
     if (status == LYR_STATUS_QUEUED) {
         status = fetch_queued(to->client, &bytes, &length);
     }

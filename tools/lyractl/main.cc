@@ -38,10 +38,9 @@ struct command {
 
 constexpr command COMMANDS[] = {
     {"sources", TAKES_JSON, command_sources, "List the media sources that are connected"},
-    {"browse", TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_PAGE | TAKES_JSON,
-     command_browse, "List what a folder holds"},
-    {"session",
-     TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_START | TAKES_MAKE | TAKES_JSON,
+    {"browse", TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_PAGE | TAKES_JSON, command_browse,
+     "List what a folder holds"},
+    {"session", TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_START | TAKES_MAKE | TAKES_JSON,
      command_session, "Make a track session of a folder and all below it"},
     {"play", TAKES_PLAYER | TAKES_JSON, command_play, "Play, or go on after a pause"},
     {"pause", TAKES_PLAYER | TAKES_JSON, command_pause, "Pause"},

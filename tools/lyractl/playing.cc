@@ -92,8 +92,8 @@ std::string bar(const playing& now, int32_t width) {
 
 std::string progress_line(const playing& now, int32_t columns) {
     const std::string left = text_pad(text_printable(now.status), 8, false);
-    const std::string right = text_clock(now.position) + " / " +
-                              (now.duration > 0 ? text_clock(now.duration) : "-:--");
+    const std::string right =
+        text_clock(now.position) + " / " + (now.duration > 0 ? text_clock(now.duration) : "-:--");
     const int32_t room = columns - text_width(left) - text_width(right) - 2;
     if (room < BAR_LEAST) {
         return left + " " + right;
@@ -105,8 +105,7 @@ std::string modes_line(const playing& now) {
     std::string line = now.has_track ? "track " + std::to_string(now.index + 1) + " of " +
                                            std::to_string(now.length)
                                      : "no track";
-    line += "   shuffle " + text_printable(now.shuffle) + "   repeat " +
-            text_printable(now.repeat);
+    line += "   shuffle " + text_printable(now.shuffle) + "   repeat " + text_printable(now.repeat);
     return line;
 }
 

@@ -45,9 +45,9 @@ request_node node_of(const lyr_ms_node& node) {
 
 /* Strings of one record of an array; the array is freed by its owner. */
 request_source take_source(lyr_ms* record) {
-    request_source source = {record->id,   text_of(record->uid),  text_of(record->name),
-                             text_of(record->view_name), record->type, record->status,
-                             record->capabilities};
+    request_source source = {
+        record->id,   text_of(record->uid), text_of(record->name), text_of(record->view_name),
+        record->type, record->status,       record->capabilities};
     std::free(record->uid);
     std::free(record->name);
     std::free(record->view_name);
@@ -71,9 +71,11 @@ bool decode_metadata(const void* bytes, size_t size, request_metadata* metadata)
     if (unpack_metadata(bytes, static_cast<int32_t>(size), 1, &record) != 0) {
         return false;
     }
-    *metadata = {text_of(record->title),   text_of(record->artist), text_of(record->album),
-                 text_of(record->genre),   text_of(record->year),   text_of(record->artwork),
-                 record->duration,         record->disc,            record->track};
+    *metadata = {text_of(record->title), text_of(record->artist),
+                 text_of(record->album), text_of(record->genre),
+                 text_of(record->year),  text_of(record->artwork),
+                 record->duration,       record->disc,
+                 record->track};
     free_lyr_ms_node_metadata(&record);
     return true;
 }

@@ -1,4 +1,5 @@
-/* The terminal as a screen: keys come one by one, and what it showed before comes back at the end. */
+/* The terminal as a screen: keys come one by one, and what it showed before comes back at the end.
+ */
 #ifndef LYRACTL_TERMINAL_H
 #define LYRACTL_TERMINAL_H
 
@@ -21,8 +22,8 @@ void terminal_size(int32_t* columns, int32_t* rows);
 /* Shows these lines from the top and nothing else. False when the terminal has gone. */
 bool terminal_show(const std::vector<std::string>& lines);
 
-/* The next key that was pressed, 0 when there is none, -1 when the terminal has gone. Keys that send
- * several bytes are passed over. */
+/* The next key that was pressed, 0 when there is none, -1 when the terminal has gone. Keys that
+ * send several bytes are passed over. */
 int32_t terminal_key(void);
 
 #endif

@@ -19,7 +19,8 @@ int32_t text_width(std::string_view printable);
 /* The beginning of printable text in at most `width` columns; what was cut ends in an ellipsis. */
 std::string text_cut(std::string_view printable, int32_t width);
 
-/* Printable text filled with blanks to `width` columns, on the left when `right` aligns it there. */
+/* Printable text filled with blanks to `width` columns, on the left when `right` aligns it there.
+ */
 std::string text_pad(std::string_view printable, int32_t width, bool right);
 
 /* Milliseconds as minutes and seconds, "3:07", or "1:02:03"; "-:--" below 0. */

@@ -72,8 +72,8 @@ void take_lines(watch* watch, std::vector<watch_change>* changes) {
 } // namespace
 
 bool watch_open(watch* watch, const std::string& player, std::string* why) {
-    const std::string path = PLAYERS_PATH + (player.empty() ? ".all?delta,deep"
-                                                            : player + "/.all?delta");
+    const std::string path =
+        PLAYERS_PATH + (player.empty() ? ".all?delta,deep" : player + "/.all?delta");
     watch->player = player;
     watch->object.reset(pps_open(path.c_str(), O_RDONLY, 0));
     if (watch->object != nullptr) {
