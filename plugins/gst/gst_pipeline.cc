@@ -42,11 +42,6 @@ bool gst_pipeline_build(gst_pipeline* pipeline, const gst_pipeline_plan& plan, s
     if (pipeline->video_sink != nullptr) {
         g_object_set(pipeline->playbin, "video-sink", pipeline->video_sink, nullptr);
     }
-    /* Keeps the pitch when the rate is not 1; does nothing at the normal speed. */
-    GstElement* tempo = gst_element_factory_make("scaletempo", nullptr);
-    if (tempo != nullptr) {
-        g_object_set(pipeline->playbin, "audio-filter", tempo, nullptr);
-    }
     pipeline->bus = gst_element_get_bus(pipeline->playbin);
     gst_bus_set_sync_handler(pipeline->bus, plan.heard, plan.heard_data, nullptr);
     return true;
