@@ -2,6 +2,7 @@
  * stands alone: nothing of the channel's records. */
 #include <veloran/message.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -134,17 +135,37 @@ size_t aim(iovec* out, message_frame* frame, const iovec* vector, int32_t count,
     return used;
 }
 
+/* One receive into the pieces; the whole length of the packet, which may be more than they hold, or
+ * -1. A short one takes the plain call, like a short request. */
+ssize_t receive_pieces(int fd, iovec* pieces, size_t count) {
+    const size_t room = total_length(pieces, static_cast<int32_t>(count));
+    if (room > SHORT_PACKET) {
+        msghdr packet{};
+        packet.msg_iov = pieces;
+        packet.msg_iovlen = count;
+        return recvmsg(fd, &packet, MSG_TRUNC | MSG_CMSG_CLOEXEC);
+    }
+    unsigned char packet[SHORT_PACKET];
+    const ssize_t got = recv(fd, packet, room, MSG_TRUNC);
+    size_t left = got > 0 ? std::min(static_cast<size_t>(got), room) : 0;
+    const unsigned char* from = packet;
+    for (size_t i = 0; left > 0; ++i) {
+        const size_t part = std::min(pieces[i].iov_len, left);
+        memcpy(pieces[i].iov_base, from, part);
+        from += part;
+        left -= part;
+    }
+    return got;
+}
+
 /* Receives one packet. Its bytes of data, or -1 with errno: EPROTO for what is no packet of ours.
  */
 ssize_t receive_packet(int fd, iovec* pieces, size_t count) {
-    msghdr packet{};
-    packet.msg_iov = pieces;
-    packet.msg_iovlen = count;
     ssize_t got;
     /* A server that closes with something of ours unread resets the connection, once; what it had
      * sent before is still there, and after that the end. */
     do {
-        got = recvmsg(fd, &packet, MSG_CMSG_CLOEXEC);
+        got = receive_pieces(fd, pieces, count);
     } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
     if (got < 0) {
         return -1;
@@ -153,7 +174,8 @@ ssize_t receive_packet(int fd, iovec* pieces, size_t count) {
         errno = ECONNRESET;
         return -1;
     }
-    if (static_cast<size_t>(got) < sizeof(message_frame) || (packet.msg_flags & MSG_TRUNC) != 0) {
+    if (static_cast<size_t>(got) < sizeof(message_frame) ||
+        static_cast<size_t>(got) > total_length(pieces, static_cast<int32_t>(count))) {
         errno = EPROTO;
         return -1;
     }
