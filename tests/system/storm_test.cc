@@ -124,6 +124,7 @@ void blow(fake_client& fake, const char* uid, const std::atomic<bool>& calm) {
 TEST(Storm, EverythingAtOnce) {
     rig rig;
     daemon_prepare(rig.daemon);
+    rig.daemon.options.push_back("-vvvvvvv"); /* every line is formatted and written */
     rig.daemon.plugins.push_back({"disk", "source disk\nsource spare", {}});
     rig.daemon.plugins.push_back({"stick", "source stick type=0x2\ntypes 0x2", {}});
     ASSERT_TRUE(daemon_start(rig.daemon));
