@@ -102,6 +102,27 @@ TEST(mediasource_events, are_refused_from_inside_a_call) {
     player_close(&mmcontrol, "insider");
 }
 
+/* A call that does not return is named, and readers of the registry do not wait for it. */
+TEST(mediasource_events, pass_by_a_call_that_does_not_return) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "stuck", ALL, "/|tracks:5");
+    player* player = rig_player(rig, "stuck", source, "/", 0, 5);
+    fake_do(rig.fake, "rule seek block=stuck");
+    std::thread caller([player] { (void)rig_do(player, player_seek, 1); });
+    fake_do(rig.fake, "blocked stuck");
+    const std::string ticket = fake_do(rig.fake, "event status uid=stuck value=8 nowait=1");
+    const std::string named =
+        "A call of 'seek' into the plug-in of media source " + std::to_string(source);
+    while (rig_logged(rig, named) == 0) {
+        EXPECT_NE(mediasource_by_id(&mmcontrol, source), nullptr);
+    }
+    fake_do(rig.fake, "release stuck");
+    EXPECT_EQ(fake_number(rig.fake, "join %s", ticket.c_str()), 0);
+    caller.join();
+    EXPECT_EQ(rig_logged(rig, named), 1);
+    player_close(&mmcontrol, "stuck");
+}
+
 /* Plug-in threads walk the players while clients open and close them. */
 TEST(mediasource_events, meet_players_that_come_and_go) {
     player_rig& rig = rig_fresh();

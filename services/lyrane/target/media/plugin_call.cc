@@ -3,9 +3,21 @@
 #include <cerrno>
 
 #include "msglog.h"
+#include "plugin_watch.h"
 
 /* Depth, because a plug-in's thread may enter a second plug-in from a disconnection callback. */
 static thread_local int32_t call_depth;
+
+/* What stands around every call: the mark of the thread, and the watch. */
+static int32_t enter(const char* entry, int32_t ms_id) noexcept {
+    ++call_depth;
+    return plugin_watch_enter(entry, ms_id);
+}
+
+static void leave(int32_t ticket) noexcept {
+    plugin_watch_leave(ticket);
+    --call_depth;
+}
 
 int32_t plugin_call_inside(void) noexcept {
     return call_depth > 0;
@@ -26,26 +38,26 @@ static int32_t missing(void) noexcept {
 }
 
 /* Entries that take the play session alone, or with one number. */
-static int32_t call_play(const mediasource_session* session,
+static int32_t call_play(const mediasource_session* session, const char* name,
                          int32_t (*lyr_play_api::*entry)(void*) noexcept) noexcept {
     if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter(name, session->ms_id);
     const int32_t result = (session->play_api->*entry)(session->play_session);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
-static int32_t call_play_number(const mediasource_session* session,
+static int32_t call_play_number(const mediasource_session* session, const char* name,
                                 int32_t (*lyr_play_api::*entry)(void*, int32_t) noexcept,
                                 int32_t number) noexcept {
     if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter(name, session->ms_id);
     const int32_t result = (session->play_api->*entry)(session->play_session, number);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
@@ -53,9 +65,9 @@ void* plugin_call_play_create(const lyr_play_api* api, int32_t ms_id, void* data
     if (api == nullptr || api->create == nullptr) {
         return nullptr;
     }
-    ++call_depth;
+    const int32_t ticket = enter("create", ms_id);
     void* handle = api->create(ms_id, data);
-    --call_depth;
+    leave(ticket);
     return handle;
 }
 
@@ -63,75 +75,75 @@ void* plugin_call_browse_create(const lyr_browse_api* api, int32_t ms_id, void* 
     if (api == nullptr || api->create == nullptr) {
         return nullptr;
     }
-    ++call_depth;
+    const int32_t ticket = enter("create", ms_id);
     void* handle = api->create(ms_id, data);
-    --call_depth;
+    leave(ticket);
     return handle;
 }
 
 void plugin_call_play_destroy(const mediasource_session* session) noexcept {
-    (void)call_play(session, &lyr_play_api::destroy);
+    (void)call_play(session, "destroy", &lyr_play_api::destroy);
 }
 
 void plugin_call_browse_destroy(const mediasource_session* session) noexcept {
     if (!plugin_call_can_browse(session) || session->browse_api->destroy == nullptr) {
         return;
     }
-    ++call_depth;
+    const int32_t ticket = enter("destroy", session->ms_id);
     (void)session->browse_api->destroy(session->browse_session);
-    --call_depth;
+    leave(ticket);
 }
 
 int32_t plugin_call_attach(const mediasource_session* session, const medianode* node) noexcept {
     if (!plugin_call_can_play(session) || session->play_api->attach_medianode == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("attach_medianode", session->ms_id);
     const int32_t result = session->play_api->attach_medianode(session->play_session, node);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
 int32_t plugin_call_play(const mediasource_session* session) noexcept {
-    return call_play(session, &lyr_play_api::play);
+    return call_play(session, "play", &lyr_play_api::play);
 }
 
 int32_t plugin_call_pause(const mediasource_session* session) noexcept {
-    return call_play(session, &lyr_play_api::pause);
+    return call_play(session, "pause", &lyr_play_api::pause);
 }
 
 int32_t plugin_call_stop(const mediasource_session* session) noexcept {
-    return call_play(session, &lyr_play_api::stop);
+    return call_play(session, "stop", &lyr_play_api::stop);
 }
 
 int32_t plugin_call_set_rate(const mediasource_session* session, float rate) noexcept {
     if (!plugin_call_can_play(session) || session->play_api->set_playback_rate == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("set_playback_rate", session->ms_id);
     const int32_t result = session->play_api->set_playback_rate(session->play_session, rate);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
 int32_t plugin_call_seek(const mediasource_session* session, int32_t position) noexcept {
-    return call_play_number(session, &lyr_play_api::seek, position);
+    return call_play_number(session, "seek", &lyr_play_api::seek, position);
 }
 
 int32_t plugin_call_next(const mediasource_session* session) noexcept {
-    return call_play(session, &lyr_play_api::next);
+    return call_play(session, "next", &lyr_play_api::next);
 }
 
 int32_t plugin_call_previous(const mediasource_session* session) noexcept {
-    return call_play(session, &lyr_play_api::previous);
+    return call_play(session, "previous", &lyr_play_api::previous);
 }
 
 int32_t plugin_call_shuffle(const mediasource_session* session, int32_t mode) noexcept {
-    return call_play_number(session, &lyr_play_api::shuffle, mode);
+    return call_play_number(session, "shuffle", &lyr_play_api::shuffle, mode);
 }
 
 int32_t plugin_call_repeat(const mediasource_session* session, int32_t mode) noexcept {
-    return call_play_number(session, &lyr_play_api::repeat, mode);
+    return call_play_number(session, "repeat", &lyr_play_api::repeat, mode);
 }
 
 /* Makes sure that a successful listing is what the contract says. A failed one hands nothing over,
@@ -160,10 +172,10 @@ int32_t plugin_call_browse(const mediasource_session* session, const char* node_
     if (!plugin_call_can_browse(session) || session->browse_api->browse == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("browse", session->ms_id);
     const int32_t result =
         session->browse_api->browse(session->browse_session, node_id, offset, count, nodes);
-    --call_depth;
+    leave(ticket);
     return checked_listing(result, "browse", count, nodes);
 }
 
@@ -173,10 +185,10 @@ int32_t plugin_call_search(const mediasource_session* session, const char* filte
     if (!plugin_call_can_browse(session) || session->browse_api->search == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("search", session->ms_id);
     const int32_t result =
         session->browse_api->search(session->browse_session, filter, key, offset, count, nodes);
-    --call_depth;
+    leave(ticket);
     return checked_listing(result, "search", count, nodes);
 }
 
@@ -186,10 +198,10 @@ int32_t plugin_call_get_metadata(const mediasource_session* session, const char*
     if (!plugin_call_can_browse(session) || session->browse_api->get_metadata == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("get_metadata", session->ms_id);
     const int32_t result =
         session->browse_api->get_metadata(session->browse_session, node_id, data);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
@@ -198,10 +210,10 @@ int32_t plugin_call_get_extended_metadata(const mediasource_session* session, co
     if (!plugin_call_can_browse(session) || session->browse_api->get_extended_metadata == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("get_extended_metadata", session->ms_id);
     const int32_t result =
         session->browse_api->get_extended_metadata(session->browse_session, node_id, keys, values);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
@@ -210,10 +222,10 @@ int32_t plugin_call_update_medianodes(const mediasource_session* session, int32_
     if (!plugin_call_can_browse(session) || session->browse_api->update_medianodes == nullptr) {
         return missing();
     }
-    ++call_depth;
+    const int32_t ticket = enter("update_medianodes", session->ms_id);
     const int32_t result =
         session->browse_api->update_medianodes(session->browse_session, count, nodes);
-    --call_depth;
+    leave(ticket);
     return result;
 }
 
@@ -221,7 +233,7 @@ void plugin_call_cancel_browse(const mediasource_session* session) noexcept {
     if (!plugin_call_can_browse(session) || session->browse_api->cancel_browse == nullptr) {
         return;
     }
-    ++call_depth;
+    const int32_t ticket = enter("cancel_browse", session->ms_id);
     (void)session->browse_api->cancel_browse(session->browse_session);
-    --call_depth;
+    leave(ticket);
 }
