@@ -179,7 +179,7 @@ static std::string initialise() {
     if (gst_is_initialized() != FALSE || gst_init_check(nullptr, nullptr, &error) != FALSE) {
         return {};
     }
-    const std::string why = error != nullptr ? error->message : "GStreamer does not start";
+    std::string why = error != nullptr ? error->message : "GStreamer does not start";
     g_clear_error(&error);
     return why;
 }
