@@ -66,7 +66,7 @@ const std::string& program_root() {
 }
 
 std::string library_of(const test_daemon& daemon, const daemon_plugin& plugin) {
-    return daemon.root + '/' + plugin.name + ".so";
+    return plugin.library.empty() ? daemon.root + '/' + plugin.name + ".so" : plugin.library;
 }
 
 void write_configuration(const test_daemon& daemon) {
@@ -211,7 +211,7 @@ void daemon_prepare(test_daemon& daemon) {
 
 bool daemon_spawn(test_daemon& daemon) {
     for (const daemon_plugin& plugin : daemon.plugins) {
-        if (plugin.missing) {
+        if (plugin.missing || !plugin.library.empty()) {
             continue;
         }
         fs::copy_file(FAKE_LIBRARY, library_of(daemon, plugin),

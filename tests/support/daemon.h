@@ -16,12 +16,13 @@
 
 constexpr int64_t DAEMON_LIMIT = 120000; /* ms that anything may take, sanitizers included */
 
-/* A copy of the scripted plug-in, a plug-in of its own. */
+/* A copy of the scripted plug-in, a plug-in of its own; or, with `library`, any other one. */
 struct daemon_plugin {
     std::string name;
     std::string script; /* commands for its init, one a line */
     std::vector<std::pair<std::string, std::string>> settings;
     bool missing = false; /* configured, but there is no such file */
+    std::string library = {};
 };
 
 struct test_daemon {

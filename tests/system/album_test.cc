@@ -1,0 +1,114 @@
+/* Real files through the real service: what is in a folder comes out as sound, in order. */
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "media_files.h"
+#include "rig.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/* A folder of every kind of trouble: three formats, a name that is no UTF-8, a broken file, an
+ * empty folder, a nested one. */
+void make_album(const std::string& folder) {
+    write_file(folder + "/0 broken.mp3", std::string(20000, '\x5a'));
+    make_track(folder + "/1.flac", 400, 700, {"title=One", "artist=Ann"});
+    make_track(folder + "/2.ogg", 600, 700, {"title=Two", "artist=Bob"});
+    make_track(folder + "/3.mp3", 800, 700, {"title=Three", "artist=Cid"});
+    make_track(folder + "/4 caf\xe9.flac", 1000, 700, {"title=Four", "artist=Dee"});
+    make_track(folder + "/a/b/5.mp3", 1200, 700, {"title=Five", "artist=Eve"});
+    fs::create_directory(folder + "/empty");
+}
+
+/* The frequency that a track's file sounds of, 0: of none of them. */
+int heard(const std::string& path) {
+    const std::vector<int16_t> samples = read_wav(path);
+    for (int hertz = 400; hertz <= 1200; hertz += 200) {
+        if (!samples.empty() && tone_share(samples, hertz) > 0.8) {
+            return hertz;
+        }
+    }
+    return 0;
+}
+
+TEST(Album, PlaysFromFolderToSound) {
+    const temporary_folder music;
+    make_album(music.path);
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.player["audio_output"] =
+        "audioconvert ! audio/x-raw,format=S16LE,channels=1 ! wavenc ! filesink location=" +
+        rig.daemon.root + "/%u.wav";
+    rig.daemon.player["update_interval"] = "50";
+    rig.daemon.plugins.push_back({"files", "", {{"folders", music.path}}, false, FILES_PLUGIN});
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    ASSERT_EQ(request_sources(rig.client).size(), 1u);
+
+    uint64_t ts_id = 0;
+    std::vector<request_node> nodes;
+    EXPECT_EQ(request_open(rig.client, "album"), 0);
+    EXPECT_EQ(request_browse(rig.client, 0, "/", 0, -1, nodes), 0);
+    EXPECT_EQ(request_ids(nodes), "/a /empty /0 broken.mp3 /1.flac /2.ogg /3.mp3 /4 caf\xe9.flac ");
+    /* Started at the first file: its folder's files come before the folders. */
+    EXPECT_EQ(request_create(rig.client, 0, "/", -1, 2, &ts_id), 0);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "trksession", "length", ":n:6"));
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "track", "index", ":n:1"));
+    EXPECT_EQ(request_current(rig.client).data.title, "One");
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "track", "index", ":n:5"));
+    EXPECT_EQ(request_current(rig.client).data.title, "Five");
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "state", "status", "::stopped"));
+    EXPECT_EQ(request_destroy(rig.client, ts_id), 0);
+    request_disconnect(rig.client);
+    EXPECT_EQ(daemon_stop(rig.daemon), 0) << daemon_log(rig.daemon);
+    rig_expect_clean(rig.daemon);
+
+    std::vector<int> tones;
+    for (const auto& entry : fs::directory_iterator(rig.daemon.root)) {
+        if (entry.path().extension() == ".wav") {
+            tones.push_back(heard(entry.path()));
+        }
+    }
+    for (const int hertz : {400, 600, 800, 1000, 1200}) {
+        EXPECT_EQ(std::count(tones.begin(), tones.end(), hertz), 1) << hertz << " Hz";
+    }
+    daemon_remove(rig.daemon);
+}
+
+/* A signal in the middle of a track: GStreamer's threads are at work. */
+TEST(Album, EndsInTheMiddleOfATrack) {
+    const temporary_folder music;
+    make_track(music.path + "/long.flac", 500, 60000, {"title=Long"});
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.player["audio_output"] = "fakesink sync=true";
+    rig.daemon.player["update_interval"] = "20";
+    rig.daemon.plugins.push_back({"files", "", {{"folders", music.path}}, false, FILES_PLUGIN});
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_create(rig.client, 0, "/", -1, 0, &ts_id), 0);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    for (int32_t position = 0; position < 100;) {
+        ASSERT_EQ(request_position(rig.client, &position), 0);
+    }
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PAUSE), 0);
+    EXPECT_EQ(request_number(rig.client, LYR_MSG_SEEK, 30000), 0);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    for (int32_t position = 0; position < 30100;) {
+        ASSERT_EQ(request_position(rig.client, &position), 0);
+    }
+    EXPECT_EQ(daemon_stop(rig.daemon), 0) << daemon_log(rig.daemon);
+    rig_expect_clean(rig.daemon);
+    request_disconnect(rig.client);
+    daemon_remove(rig.daemon);
+}
+
+} // namespace
