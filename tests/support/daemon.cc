@@ -48,6 +48,18 @@ std::string json_text(const std::string& text) {
     return out + '"';
 }
 
+/* The words of LYRANE_RUN_UNDER: a program with options that is to run the daemon, for instance
+ * "/usr/bin/valgrind --leak-check=full --log-file=/var/tmp/valgrind.%p". */
+std::vector<std::string> run_under() {
+    const char* text = std::getenv("LYRANE_RUN_UNDER");
+    std::istringstream words(text != nullptr ? text : "");
+    std::vector<std::string> under;
+    for (std::string word; words >> word;) {
+        under.push_back(word);
+    }
+    return under;
+}
+
 /* The folder of this test program, with its runtime root; made once and removed at the end. */
 const std::string& program_root() {
     static const std::string root = [] {
@@ -124,7 +136,7 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
                               static_cast<rlim_t>(daemon.descriptor_limit)};
         setrlimit(RLIMIT_NOFILE, &limit);
     }
-    execve(LYRANE_EXECUTABLE, arguments, variables);
+    execve(arguments[0], arguments, variables);
     _exit(127);
 }
 
@@ -221,6 +233,8 @@ bool daemon_spawn(test_daemon& daemon) {
     std::vector<std::string> arguments = {LYRANE_EXECUTABLE,           "-b", "-c",
                                           daemon.root + "/lyrane.cfg", "-s", daemon.service};
     arguments.insert(arguments.end(), daemon.options.begin(), daemon.options.end());
+    const std::vector<std::string> under = run_under();
+    arguments.insert(arguments.begin(), under.begin(), under.end());
     std::vector<std::string> variables = environment_of(daemon);
     const std::vector<char*> argument_pointers = pointers_to(arguments);
     const std::vector<char*> variable_pointers = pointers_to(variables);
