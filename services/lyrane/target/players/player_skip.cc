@@ -17,6 +17,15 @@ static int32_t skip_mode(const player* player) noexcept {
     return mode == LYR_REPEAT_ONE ? LYR_REPEAT_OFF : mode;
 }
 
+/* The session that next and previous walk in. 0, or -1 with errno EINVAL or ENOTSUP. */
+static int32_t session_to_skip_in(player* player, trksession** session) noexcept {
+    *session = player->trksession;
+    if (*session == nullptr) {
+        return player_refuse(EINVAL, NO_SESSION);
+    }
+    return plugin_call_can_play((*session)->ms_session) ? 0 : player_refuse(ENOTSUP, nullptr);
+}
+
 static int32_t end_of_session(void) noexcept {
     msglog(3, "We are at the end of the trksession");
     return 0;
@@ -56,12 +65,9 @@ static int32_t forward(const trksession* session, uint64_t capability,
 extern "C" {
 
 int32_t player_next(player* player) noexcept {
-    trksession* session = player->trksession;
-    if (session == nullptr) {
-        return player_refuse(EINVAL, NO_SESSION);
-    }
-    if (!plugin_call_can_play(session->ms_session)) {
-        return player_refuse(ENOTSUP, nullptr);
+    trksession* session = nullptr;
+    if (session_to_skip_in(player, &session) != 0) {
+        return -1;
     }
     if (session->ms_session->player_mode == 0) {
         return forward(session, LYR_CAP_NEXT, plugin_call_next);
@@ -74,12 +80,9 @@ int32_t player_next(player* player) noexcept {
 }
 
 int32_t player_previous(player* player) noexcept {
-    trksession* session = player->trksession;
-    if (session == nullptr) {
-        return player_refuse(EINVAL, NO_SESSION);
-    }
-    if (!plugin_call_can_play(session->ms_session)) {
-        return player_refuse(ENOTSUP, nullptr);
+    trksession* session = nullptr;
+    if (session_to_skip_in(player, &session) != 0) {
+        return -1;
     }
     if (session->ms_session->player_mode == 0) {
         return forward(session, LYR_CAP_PREVIOUS, plugin_call_previous);

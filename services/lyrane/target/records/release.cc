@@ -2,11 +2,18 @@
 #include <lyrane/records.h>
 
 #include <cstdlib>
+#include <initializer_list>
 
 /* Frees one string and forgets it. */
 static void release_text(char** text) noexcept {
     std::free(*text);
     *text = nullptr;
+}
+
+static void release_texts(std::initializer_list<char**> texts) noexcept {
+    for (char** text : texts) {
+        release_text(text);
+    }
 }
 
 extern "C" {
@@ -43,13 +50,8 @@ void free_metadata(metadata** data) noexcept {
         return;
     }
     metadata* record = *data;
-    release_text(&record->title);
-    release_text(&record->album);
-    release_text(&record->artist);
-    release_text(&record->genre);
-    release_text(&record->artwork);
-    release_text(&record->year);
-    release_text(&record->extra);
+    release_texts({&record->title, &record->album, &record->artist, &record->genre,
+                   &record->artwork, &record->year, &record->extra});
     std::free(record);
     *data = nullptr;
 }
@@ -59,13 +61,8 @@ void free_lyr_ms_node_metadata(lyr_ms_node_metadata** data) noexcept {
         return;
     }
     lyr_ms_node_metadata* record = *data;
-    release_text(&record->title);
-    release_text(&record->album);
-    release_text(&record->artist);
-    release_text(&record->genre);
-    release_text(&record->artwork);
-    release_text(&record->year);
-    release_text(&record->extra);
+    release_texts({&record->title, &record->album, &record->artist, &record->genre,
+                   &record->artwork, &record->year, &record->extra});
     std::free(record);
     *data = nullptr;
 }
