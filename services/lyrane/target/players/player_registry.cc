@@ -6,8 +6,6 @@
 #include <ctime>
 #include <new>
 
-#include <veloran/pps.h>
-
 #include "mediasource.h"
 #include "msglog.h"
 #include "nowplaying.h"
@@ -83,18 +81,6 @@ static void withdraw_objects(player* player) noexcept {
     }
 }
 
-/* A run that was killed may have left the object of its current track; the others start anew with
- * their writers, this one only with the next track. */
-static void drop_stale_track(const player* player) noexcept {
-    char path[512];
-    const int32_t length = lyr_ppsdir_getpath(player->ppsdir, path, sizeof path);
-    const char object[] = "/track";
-    if (length > 0 && static_cast<size_t>(length) + sizeof object <= sizeof path) {
-        strcpy(path + length, object);
-        (void)pps_unlink(path);
-    }
-}
-
 /* 0, or -1 with errno set and nothing left behind. */
 static int32_t publish_objects(control_block* control, player* player) noexcept {
     int32_t error = 0;
@@ -112,7 +98,6 @@ static int32_t publish_objects(control_block* control, player* player) noexcept 
         errno = error;
         return -1;
     }
-    drop_stale_track(player);
     player_publish_state(player);
     return 0;
 }
