@@ -1,6 +1,7 @@
 /* Real files through the real service: what is in a folder comes out as sound, in order. */
-#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,23 @@ int heard(const std::string& path) {
     return 0;
 }
 
+/* The tones of a folder's numbered files, in the order of their numbers. */
+std::vector<int> tones_of(const std::string& folder) {
+    std::map<int, int> heard_at;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        if (entry.path().extension() == ".wav") {
+            heard_at[std::atoi(entry.path().stem().c_str())] = heard(entry.path());
+        }
+    }
+    std::vector<int> tones;
+    for (const auto& [number, hertz] : heard_at) {
+        if (hertz != 0) { /* the broken file has no sound */
+            tones.push_back(hertz);
+        }
+    }
+    return tones;
+}
+
 TEST(Album, PlaysFromFolderToSound) {
     const temporary_folder music;
     make_album(music.path);
@@ -57,27 +75,19 @@ TEST(Album, PlaysFromFolderToSound) {
     EXPECT_EQ(request_ids(nodes), "/a /empty /0 broken.mp3 /1.flac /2.ogg /3.mp3 /4 caf\xe9.flac ");
     /* Started at the first file: its folder's files come before the folders. */
     EXPECT_EQ(request_create(rig.client, 0, "/", -1, 2, &ts_id), 0);
-    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    /* Nothing keeps time here: the tracks end as fast as they can be written. */
     EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "trksession", "length", ":n:6"));
-    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "track", "index", ":n:1"));
-    EXPECT_EQ(request_current(rig.client).data.title, "One");
-    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "track", "index", ":n:5"));
-    EXPECT_EQ(request_current(rig.client).data.title, "Five");
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    /* It says that it plays before play is answered, and stops after the last track. */
     EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "state", "status", "::stopped"));
+    EXPECT_EQ(request_current(rig.client).index, 5);
+    EXPECT_EQ(request_current(rig.client).data.title, "Five");
     EXPECT_EQ(request_destroy(rig.client, ts_id), 0);
     request_disconnect(rig.client);
     EXPECT_EQ(daemon_stop(rig.daemon), 0) << daemon_log(rig.daemon);
     rig_expect_clean(rig.daemon);
 
-    std::vector<int> tones;
-    for (const auto& entry : fs::directory_iterator(rig.daemon.root)) {
-        if (entry.path().extension() == ".wav") {
-            tones.push_back(heard(entry.path()));
-        }
-    }
-    for (const int hertz : {400, 600, 800, 1000, 1200}) {
-        EXPECT_EQ(std::count(tones.begin(), tones.end(), hertz), 1) << hertz << " Hz";
-    }
+    EXPECT_EQ(tones_of(rig.daemon.root), (std::vector<int>{400, 600, 800, 1000, 1200}));
     daemon_remove(rig.daemon);
 }
 

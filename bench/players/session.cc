@@ -1,0 +1,102 @@
+/* What a track session costs: importing a million tracks, their room, and a full shuffle. One line
+ * a figure: name, value, unit. import           tracks a second, in pages of 1,000, beside the
+ * plug-in's own time bytes_per_track  of ours, beside the records and their strings shuffle_1m full
+ * shuffle over a bare loop of the same draws and swaps; median of pairs
+ */
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "msglog.h"
+#include "player_registry.h"
+#include "player_rig.h"
+#include "trksession.h"
+#include "trksession_build.h"
+#include "trksession_shuffle.h"
+
+namespace {
+
+constexpr int32_t TRACKS = 1000000;
+constexpr int32_t PAGE = 1000;
+constexpr int ROUNDS = 5;
+
+using steady = std::chrono::steady_clock;
+
+double seconds_since(steady::time_point begin) {
+    return std::chrono::duration<double>(steady::now() - begin).count();
+}
+
+/* A page as a plug-in hands it over. */
+std::vector<medianode> make_page(int32_t first) {
+    std::vector<medianode> page(PAGE);
+    for (int32_t i = 0; i < PAGE; ++i) {
+        char id[32];
+        std::snprintf(id, sizeof id, "/album/%d.flac", first + i);
+        page[static_cast<size_t>(i)] = {strdup(id), strdup(id), nullptr, 2, 0, 0, 1, nullptr};
+    }
+    return page;
+}
+
+double import_all(player* player) {
+    double spent = 0;
+    for (int32_t first = 0; first < TRACKS; first += PAGE) {
+        std::vector<medianode> page = make_page(first);
+        const steady::time_point begin = steady::now();
+        (void)player_trksession_import(player, page.data(), PAGE);
+        spent += seconds_since(begin);
+    }
+    return TRACKS / spent;
+}
+
+double bytes_per_track(trksession* session) {
+    vel_lock_guard guard(session->lock);
+    const double records = sizeof(medianode);
+    return session->capacity * (records + 2 * sizeof(int32_t)) / session->length - records;
+}
+
+double bare_shuffle(std::vector<int32_t>& order, std::vector<int32_t>& inverse) {
+    const steady::time_point begin = steady::now();
+    for (size_t i = 1; i < order.size(); ++i) {
+        const uint32_t draw = (static_cast<uint32_t>(rand()) << 15) + static_cast<uint32_t>(rand());
+        const size_t j = 1 + draw % static_cast<uint32_t>(order.size() - 1);
+        std::swap(order[i], order[j]);
+        inverse[static_cast<size_t>(order[i])] = static_cast<int32_t>(i);
+        inverse[static_cast<size_t>(order[j])] = static_cast<int32_t>(j);
+    }
+    return seconds_since(begin);
+}
+
+double shuffle_ratio(trksession* session) {
+    std::vector<int32_t> order(TRACKS);
+    std::vector<int32_t> inverse(TRACKS);
+    for (int32_t i = 0; i < TRACKS; ++i) {
+        order[static_cast<size_t>(i)] = inverse[static_cast<size_t>(i)] = i;
+    }
+    std::vector<double> ratios;
+    for (int round = 0; round < ROUNDS; ++round) {
+        const double bare = bare_shuffle(order, inverse);
+        const steady::time_point begin = steady::now();
+        (void)trksession_shuffle(session, 0, TRACKS, 0, TRKSESSION_KEEP_FIRST);
+        ratios.push_back(seconds_since(begin) / bare);
+    }
+    std::sort(ratios.begin(), ratios.end());
+    return ratios[ROUNDS / 2];
+}
+
+} // namespace
+
+int main() {
+    player_rig& rig = rig_fresh();
+    msglog_set_level(2);
+    const int32_t source = rig_source(rig, "bench", LYR_CAP_PLAY | LYR_CAP_BROWSE, "");
+    player* player = rig_player(rig, "bench", source, "/", 0, -1);
+    std::printf("import %.0f tracks/s\n", import_all(player));
+    std::printf("bytes_per_track %.1f bytes\n", bytes_per_track(player->trksession));
+    std::printf("shuffle_1m %.2f ratio\n", shuffle_ratio(player->trksession));
+    player_close(&mmcontrol, "bench");
+    return 0;
+}
