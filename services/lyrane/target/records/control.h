@@ -58,7 +58,7 @@ struct control_block {
     int32_t ngroups;
 
     /* Guards the growth of `plugins` and `mediasources` and the name texts of media sources. A
-     * leaf: held for a look-up and a copy only, nothing is locked or called inside it. */
+     * leaf: held for a look-up, a copy or a line in the log; no other lock is taken inside it. */
     vel_mutex registry_leaf;
 };
 
