@@ -71,19 +71,19 @@ typedef struct lyrane_internal_callbacks_table {
     int32_t (*mediasource_status_changed)(int32_t ms_id, int32_t status) LYR_NOEXCEPT;
     int32_t (*mediasource_capability_changed)(int32_t ms_id, uint64_t capabilities) LYR_NOEXCEPT;
     /* `position` in the unit of `seek` (ms in our plug-ins), every `update_interval` ms. */
-    int32_t (*position_updated)(void* play_session, void* callback_data,
-                                int32_t position) LYR_NOEXCEPT;
+    int32_t (*position_updated)(void* play_session, void* callback_data, int32_t position)
+        LYR_NOEXCEPT;
     /* The attached node came to its end. At most once for each attach; never after the next
      * attach was called. */
     int32_t (*track_finished)(void* play_session, void* callback_data) LYR_NOEXCEPT;
     /* Device mode: the device went on to another node by itself. `node` may be null. */
-    int32_t (*track_changed)(void* play_session, void* callback_data,
-                             const medianode* node) LYR_NOEXCEPT;
+    int32_t (*track_changed)(void* play_session, void* callback_data, const medianode* node)
+        LYR_NOEXCEPT;
     int32_t (*state_updated)(void* play_session, void* callback_data,
                              const lyr_playback_state* state) LYR_NOEXCEPT;
     /* `error` is LYR_PLAY_ERROR_*. */
-    int32_t (*play_error_occurred)(void* play_session, void* callback_data,
-                                   int32_t error) LYR_NOEXCEPT;
+    int32_t (*play_error_occurred)(void* play_session, void* callback_data, int32_t error)
+        LYR_NOEXCEPT;
     int32_t (*browse_error_occurred)(void* browse_session, void* callback_data) LYR_NOEXCEPT;
 } lyrane_internal_callbacks_table;
 
@@ -97,7 +97,7 @@ typedef struct lyr_play_api {
     void* (*create)(int32_t ms_id, void* callback_data)LYR_NOEXCEPT;
     /* [player lock] Ends the session; no callback may be begun for it after this returned. */
     int32_t (*destroy)(void* play_session) LYR_NOEXCEPT;
-    void (*reserved)(void)LYR_NOEXCEPT; /* not called */
+    void (*reserved)(void) LYR_NOEXCEPT; /* not called */
     /* [player lock] Makes `node` the one that `play` plays; stops an earlier one. Non-zero: this
      * node cannot be played, try another. */
     int32_t (*attach_medianode)(void* play_session, const medianode* node) LYR_NOEXCEPT;
@@ -120,7 +120,7 @@ typedef struct lyr_play_api {
 typedef struct lyr_browse_api {
     void* (*create)(int32_t ms_id, void* callback_data)LYR_NOEXCEPT; /* [player lock] */
     int32_t (*destroy)(void* browse_session) LYR_NOEXCEPT;           /* [player lock] */
-    void (*reserved)(void)LYR_NOEXCEPT;                              /* not called */
+    void (*reserved)(void) LYR_NOEXCEPT;                             /* not called */
     /* [player lock] or [build] Children of a node, in a stable order. LYR_CAP_BROWSE */
     int32_t (*browse)(void* browse_session, const char* node_id, int32_t offset, int32_t* count,
                       medianode** nodes) LYR_NOEXCEPT;
@@ -128,8 +128,8 @@ typedef struct lyr_browse_api {
     int32_t (*search)(void* browse_session, const char* filter, const char* key, int32_t offset,
                       int32_t* count, medianode** nodes) LYR_NOEXCEPT;
     /* [player lock] LYR_CAP_METADATA; stores one malloc()ed record, or leaves null: none. */
-    int32_t (*get_metadata)(void* browse_session, const char* node_id,
-                            metadata** data) LYR_NOEXCEPT;
+    int32_t (*get_metadata)(void* browse_session, const char* node_id, metadata** data)
+        LYR_NOEXCEPT;
     /* [player lock] LYR_CAP_EXTENDED_METADATA; `keys` ends with null; values[i] receives a
      * malloc()ed text for keys[i], or stays null. Values stored before a failure are the
      * service's to free, too. */
@@ -137,8 +137,8 @@ typedef struct lyr_browse_api {
                                      const char* const* keys, char** values) LYR_NOEXCEPT;
     /* [player lock] Brings nodes saved by an earlier run up to date, in place. A plug-in without
      * it has no saved sessions restored. */
-    int32_t (*update_medianodes)(void* browse_session, int32_t count,
-                                 medianode* nodes) LYR_NOEXCEPT;
+    int32_t (*update_medianodes)(void* browse_session, int32_t count, medianode* nodes)
+        LYR_NOEXCEPT;
     /* [any] Makes calls in progress on the session return soon; later calls are not affected.
      * May be called more than once. May be null. */
     int32_t (*cancel_browse)(void* browse_session) LYR_NOEXCEPT;
@@ -152,12 +152,11 @@ typedef struct lyrp_api {
      * mask of media-source types that the plug-in can play (also sources of other plug-ins).
      * -1 means failure and ends the service. May be null. */
     int32_t (*init)(int32_t plugin_id, const strm_dict* settings,
-                    const lyrane_internal_callbacks_table* callbacks,
-                    uint32_t* types) LYR_NOEXCEPT;
+                    const lyrane_internal_callbacks_table* callbacks, uint32_t* types) LYR_NOEXCEPT;
     /* [main] enable 1: start to report media sources; 0: stop. -1 means failure. May be null. */
     int32_t (*set_mediasource_detection)(int32_t enable) LYR_NOEXCEPT;
     /* [main] The last call; all threads of the plug-in have ended when it returns. May be null. */
-    int32_t (*cleanup)(void)LYR_NOEXCEPT;
+    int32_t (*cleanup)(void) LYR_NOEXCEPT;
     const lyr_play_api* play_api;     /* null: cannot play */
     const lyr_browse_api* browse_api; /* null: cannot browse */
 } lyrp_api;
@@ -173,8 +172,8 @@ typedef lyr_ppsnode lyr_ppswriter;
 
 /* Makes a directory below `parent`. Null on failure with *error set (ENOMEM). A directory that
  * exists is used and will be left in place at removal; one that cannot be made ends the process. */
-lyr_ppsdir* lyr_ppsdir_create(lyr_ppsdir* parent, const char* name, uint32_t mode,
-                              int32_t* error) LYR_NOEXCEPT;
+lyr_ppsdir* lyr_ppsdir_create(lyr_ppsdir* parent, const char* name, uint32_t mode, int32_t* error)
+    LYR_NOEXCEPT;
 /* Removes a directory and all it holds; every writer in it must have been closed. Returns 0. */
 int32_t lyr_ppsdir_remove(lyr_ppsdir* dir) LYR_NOEXCEPT;
 /* Length of the node's path in bytes without the NUL; the path is copied only when it fits with
@@ -191,8 +190,8 @@ int32_t lyr_ppswriter_remove(lyr_ppswriter* object) LYR_NOEXCEPT;
 /* Sets (value null: deletes) one attribute of the next update. The strings are copied. What is not
  * one line of the form above is ignored, a value beyond 4 MiB withdraws its attribute; both are
  * logged. */
-void lyr_ppswriter_write_attr(lyr_ppswriter* object, const char* name,
-                              const char* value) LYR_NOEXCEPT;
+void lyr_ppswriter_write_attr(lyr_ppswriter* object, const char* name, const char* value)
+    LYR_NOEXCEPT;
 /* Publishes what was set since the last flush, in one piece. Returns 0. */
 int32_t lyr_ppswriter_flush(lyr_ppswriter* object) LYR_NOEXCEPT;
 /* Publishes `content` as the object's whole content and takes ownership of it. Returns 0. */

@@ -35,13 +35,13 @@ extern "C" {
 #define LYR_CAP_NEXT UINT64_C(0x4)
 #define LYR_CAP_PREVIOUS UINT64_C(0x8)
 #define LYR_CAP_SEEK UINT64_C(0x10)
-#define LYR_CAP_MODES UINT64_C(0x40)              /* shuffle and repeat on the device */
-#define LYR_CAP_STOP UINT64_C(0x400)              /* stop and playback rate */
+#define LYR_CAP_MODES UINT64_C(0x40) /* shuffle and repeat on the device */
+#define LYR_CAP_STOP UINT64_C(0x400) /* stop and playback rate */
 #define LYR_CAP_METADATA UINT64_C(0x10000)
 #define LYR_CAP_SEARCH UINT64_C(0x20000)
 #define LYR_CAP_BROWSE UINT64_C(0x40000)
 #define LYR_CAP_EXTENDED_METADATA UINT64_C(0x80000)
-#define LYR_CAP_DEVICE_LIST UINT64_C(0x10000000)  /* adds LYR_CAP_DEVICE_LIST_ADDS on connection */
+#define LYR_CAP_DEVICE_LIST UINT64_C(0x10000000) /* adds LYR_CAP_DEVICE_LIST_ADDS on connection */
 #define LYR_CAP_DEVICE_LIST_ADDS UINT64_C(0xBCC)
 
 /* Media-node types that the service knows; other values are neither folder nor playable. */

@@ -34,8 +34,7 @@ void* array_pop(int32_t ignored, pointer_array* array) noexcept;
 
 /* Inserts before position (0 .. count); into an empty array always as entry 0. The new count, or
  * -1 when the array could not grow. */
-int32_t array_insert(int32_t ignored, pointer_array* array, int32_t position,
-                     void* value) noexcept;
+int32_t array_insert(int32_t ignored, pointer_array* array, int32_t position, void* value) noexcept;
 
 /* Removes the entry at position, the later ones move down. The new count. A position that names no
  * entry ends the process. */

@@ -40,8 +40,7 @@ void player_publish_trksession(player* player, int32_t type, int32_t length,
 
 /* Object "mediasource"; with null only the type changes. The name texts of `source` must not
  * change during the call: the caller holds the media-source lock. */
-void player_publish_mediasource(player* player, int32_t type,
-                                const mediasource* source) noexcept;
+void player_publish_mediasource(player* player, int32_t type, const mediasource* source) noexcept;
 
 /* One attribute of the "state" object each, published at once: what the playback commands change.
  * The text forms are those of player_publish_state. */
@@ -51,8 +50,7 @@ void player_publish_state_repeat(player* player) noexcept;
 void player_publish_state_rate(player* player) noexcept;
 
 /* The attribute "index" of the "track" object, published at once. */
-void player_publish_track_index(player* player, int32_t index) noexcept
-    VEL_REQUIRES(player->lock);
+void player_publish_track_index(player* player, int32_t index) noexcept VEL_REQUIRES(player->lock);
 }
 
 #endif
