@@ -50,13 +50,14 @@ static void for_each_player(mediasource* source, int32_t type,
     players_unpin(players, count);
 }
 
-static void publish(player* player, mediasource* source, int32_t type) noexcept {
+static void publish(player* player, mediasource* source, int32_t type) noexcept
+    VEL_REQUIRES(player->lock) {
     player_publish_mediasource(player, type, source);
 }
 
 /* The player loses everything that it had on a source that has gone. */
-static void take_away(player* player, mediasource* source, int32_t type) noexcept VEL_NO_TSA
-/* for_each_player holds the lock */ {
+static void take_away(player* player, mediasource* source, int32_t type) noexcept
+    VEL_REQUIRES(player->lock) {
     player_publish_mediasource(player, type, source);
     if (player->trksession != nullptr && player->trksession->mediasource == source) {
         msglog(7, "Destroy trksession upon device removal");

@@ -27,7 +27,8 @@ inline bool player_can(const trksession* session, uint64_t capability) noexcept 
 
 /* The player's session with a play half that can be used, for the commands that say "There is no
  * active trksession". 0, or -1 with errno EINVAL or ENOTSUP. */
-inline int32_t player_usable_session(player* player, trksession** session) noexcept {
+inline int32_t player_usable_session(player* player, trksession** session) noexcept
+    VEL_REQUIRES(player->lock) {
     *session = player->trksession;
     if (*session == nullptr) {
         return player_refuse(EINVAL, "There is no active trksession");

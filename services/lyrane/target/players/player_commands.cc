@@ -13,7 +13,7 @@
 #include "trksession.h"
 
 /* What the "state" object says; the fields are changed here and nowhere else in the commands. */
-static void show_status(player* player, int32_t status) noexcept {
+static void show_status(player* player, int32_t status) noexcept VEL_REQUIRES(player->lock) {
     player->status = status;
     player_publish_state_status(player);
 }

@@ -38,6 +38,7 @@ player* player_pin_registered(control_block* control, const void* candidate) noe
     for (int32_t i = 0; i < control->players.count; ++i) {
         if (control->players.items[i] == candidate) {
             player* found = static_cast<player*>(control->players.items[i]);
+            player_of(found, control);
             ++found->pins;
             return found;
         }
@@ -57,6 +58,7 @@ player** players_pin_all(control_block* control, int32_t* count) noexcept {
     }
     for (int32_t i = 0; i < n; ++i) {
         list[i] = static_cast<player*>(control->players.items[i]);
+        player_of(list[i], control);
         ++list[i]->pins;
     }
     *count = n;

@@ -68,7 +68,7 @@ static const writer_entry writers[] = {{"state", &player::state_writer},
                                        {"mediasource", &player::mediasource_writer},
                                        {"trksession", &player::trksession_writer}};
 
-static void withdraw_objects(player* player) noexcept {
+static void withdraw_objects(player* player) noexcept VEL_REQUIRES(player->lock) {
     for (const writer_entry& entry : writers) {
         if (player->*entry.field != nullptr) {
             lyr_ppswriter_close(player->*entry.field);
@@ -81,8 +81,9 @@ static void withdraw_objects(player* player) noexcept {
     }
 }
 
-/* 0, or -1 with errno set and nothing left behind. */
-static int32_t publish_objects(control_block* control, player* player) noexcept {
+/* 0, or -1 with errno set and nothing left behind. Nobody else knows the player yet, so its lock is
+ * not taken. */
+static int32_t publish_objects(control_block* control, player* player) noexcept VEL_NO_TSA {
     int32_t error = 0;
     player->ppsdir = lyr_ppsdir_create(control->ppsroot, player->name, 0777, &error);
     for (const writer_entry& entry : writers) {
@@ -123,6 +124,7 @@ static player* player_add(control_block* control, const char* name) noexcept
         msglog(1, "Cannot allocate memory");
         return nullptr;
     }
+    player_of(made, control);
     made->pins = 1; /* the registry's */
     return made;
 }
@@ -135,6 +137,7 @@ static player* player_open_locked(control_block* control, const char* name) noex
     if (found == nullptr) {
         return nullptr;
     }
+    player_of(found, control);
     if (found->clients >= PLAYER_CLIENTS_MAX) {
         msglog(3, "Too many clients connected to Player %s now (max 32)", name);
         return nullptr;
@@ -184,6 +187,7 @@ int32_t player_close(control_block* control, const char* name) noexcept {
             return 0;
         }
         last = static_cast<player*>(control->players.items[position]);
+        player_of(last, control);
         if (--last->clients != 0) {
             msglog(5, "There are still other clients connected to Player %s", name);
             return 0;
@@ -245,6 +249,7 @@ player* player_open_pinned(control_block* control, const char* name) noexcept {
     vel_lock_guard guard(control->players_lock);
     player* opened = player_open_locked(control, name);
     if (opened != nullptr) {
+        player_of(opened, control);
         ++opened->pins;
     }
     return opened;

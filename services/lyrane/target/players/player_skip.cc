@@ -18,7 +18,8 @@ static int32_t skip_mode(const player* player) noexcept {
 }
 
 /* The session that next and previous walk in. 0, or -1 with errno EINVAL or ENOTSUP. */
-static int32_t session_to_skip_in(player* player, trksession** session) noexcept {
+static int32_t session_to_skip_in(player* player, trksession** session) noexcept
+    VEL_REQUIRES(player->lock) {
     *session = player->trksession;
     if (*session == nullptr) {
         return player_refuse(EINVAL, NO_SESSION);

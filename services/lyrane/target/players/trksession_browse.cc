@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "msglog.h"
+#include "trksession_hold.h"
 
 /* Folders below each other, whatever the configured depth. */
 static constexpr int32_t DEPTH_MAX = 1000;
@@ -295,7 +296,7 @@ extern "C" {
 int32_t player_browse_recursive(player* player, const char* mn_id, int32_t index, int32_t* count,
                                 int32_t stop_count, int32_t* ignore_count,
                                 int32_t recursive_depth) noexcept {
-    trksession* session = player->trksession;
+    trksession* session = trksession_of_builder(player);
     walk w = {};
     w.player = player;
     w.session = *session->ms_session;

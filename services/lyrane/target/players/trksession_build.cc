@@ -55,7 +55,8 @@ static int32_t find_play_session(control_block* control, player* player, mediaso
 
 /* An empty session, made the player's. */
 static trksession* add_session(player* player, mediasource* source,
-                               mediasource_session* ms_session) noexcept {
+                               mediasource_session* ms_session) noexcept
+    VEL_REQUIRES(player->lock) {
     void* memory = calloc(1, sizeof(trksession));
     if (memory == nullptr) {
         msglog(1, "Cannot allocate memory for trksession");
@@ -68,7 +69,6 @@ static trksession* add_session(player* player, mediasource* source,
     session->ms_session = ms_session;
     session->ts_id = tsid_counter.fetch_add(1);
     session->expected = -1;
-    session->holds = 1; /* the player's */
     trksession_set(player, session);
     return session;
 }
@@ -177,6 +177,8 @@ static int32_t attach_first(player* player, trksession* session) noexcept
 
 static void start_build_thread(player* player, trksession* session) noexcept
     VEL_REQUIRES(player->lock) {
+    /* The thread's first look at the session waits for its own entry here. */
+    vel_lock_guard guard(session->lock);
     const int32_t error = process_thread_start("build_trksession", 0, player_trksession_thread,
                                                player, &session->build_thread);
     if (error != 0) {
@@ -265,7 +267,7 @@ int32_t player_create_trksession_v2(control_block* control, player* player, int3
 
 void* player_trksession_thread(void* argument) noexcept {
     player* owner = static_cast<player*>(argument);
-    trksession* session = owner->trksession; /* stays until this thread has been joined */
+    trksession* session = trksession_of_builder(owner);
     const int32_t stop_count = rest_to_build(session);
     if (stop_count > 0) {
         int32_t count = 0;

@@ -37,17 +37,22 @@ static bool build_over_soon(trksession* session) noexcept VEL_NO_TSA
 /* Ends the build thread. The flag comes first: it stops the walk between two pages, where a cancel
  * finds no browse to end; and a cancel may fall between the thread's look at the flag and its
  * call, so it is repeated until the thread has left. */
-static void end_build(trksession* session) noexcept {
+static void end_build(trksession* session) noexcept VEL_EXCLUDES(session->lock) {
     session->cancelled = 1;
     plugin_call_cancel_browse(session->ms_session);
-    if (session->build_started == 0) {
-        return;
+    pthread_t thread = {};
+    {
+        vel_lock_guard guard(session->lock);
+        if (session->build_started == 0) {
+            return;
+        }
+        session->build_started = 0; /* joined once, here */
+        thread = session->build_thread;
     }
     while (!build_over_soon(session)) {
         plugin_call_cancel_browse(session->ms_session);
     }
-    pthread_join(session->build_thread, nullptr);
-    session->build_started = 0;
+    pthread_join(thread, nullptr);
 }
 
 static void free_tracks(trksession* session) noexcept VEL_REQUIRES(session->lock) {

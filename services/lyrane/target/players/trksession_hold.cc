@@ -2,10 +2,11 @@
 
 #include <cstdlib>
 
-static vel_mutex hold_lock = {PTHREAD_MUTEX_INITIALIZER};
+vel_mutex trksession_hold_lock = {PTHREAD_MUTEX_INITIALIZER};
 
-trksession* trksession_hold(player* player) noexcept {
-    vel_lock_guard guard(hold_lock);
+/* The pointer changes under both locks, so either is enough to read it; the analysis knows one. */
+trksession* trksession_hold(player* player) noexcept VEL_NO_TSA {
+    vel_lock_guard guard(trksession_hold_lock);
     trksession* session = player->trksession;
     if (session != nullptr) {
         ++session->holds;
@@ -18,7 +19,7 @@ void trksession_release(trksession* session) noexcept {
         return;
     }
     {
-        vel_lock_guard guard(hold_lock);
+        vel_lock_guard guard(trksession_hold_lock);
         if (--session->holds != 0) {
             return;
         }
@@ -29,7 +30,14 @@ void trksession_release(trksession* session) noexcept {
     free(session);
 }
 
+trksession* trksession_of_builder(const player* player) noexcept VEL_NO_TSA /* see the header */ {
+    return player->trksession;
+}
+
 void trksession_set(player* player, trksession* session) noexcept {
-    vel_lock_guard guard(hold_lock);
+    vel_lock_guard guard(trksession_hold_lock);
     player->trksession = session;
+    if (session != nullptr) {
+        session->holds = 1;
+    }
 }

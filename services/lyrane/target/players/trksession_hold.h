@@ -17,8 +17,12 @@ trksession* trksession_hold(player* player) noexcept;
 /* Gives a hold back; the last one frees the record. Accepts null. */
 void trksession_release(trksession* session) noexcept;
 
-/* Makes `session` (holding its first hold, or null) the player's; the caller holds the player
- * lock and has dealt with an earlier one. */
-void trksession_set(player* player, trksession* session) noexcept;
+/* The session that the caller builds: the one step under the player lock, the build thread without
+ * it, because the pointer stays until that thread has been joined. Null when there is none. */
+trksession* trksession_of_builder(const player* player) noexcept;
+
+/* Makes `session` the player's, which is its first hold, or null; the caller has dealt with an
+ * earlier one. */
+void trksession_set(player* player, trksession* session) noexcept VEL_REQUIRES(player->lock);
 
 #endif

@@ -7,6 +7,7 @@
 
 #include "msglog.h"
 #include "player_publish.h"
+#include "trksession_hold.h"
 
 /* Room for `more` tracks. The arrays grow by half at least, so that appending a million tracks in
  * small pages costs no more than in one. False without memory. */
@@ -41,7 +42,7 @@ static bool reserve(trksession* session, int32_t more) noexcept VEL_REQUIRES(ses
 extern "C" {
 
 int32_t player_trksession_import(player* player, medianode* nodes, int32_t count) noexcept {
-    trksession* session = player->trksession;
+    trksession* session = trksession_of_builder(player);
     if (session == nullptr) {
         msglog(3, "Invalid trksession handle for Player %s", player->name);
         return -1;

@@ -18,8 +18,8 @@ struct trksession;
 constexpr int32_t PLAYER_CLIENTS_MAX = 32;
 
 struct player {
-    char* name;      /* owned, constant */
-    int32_t clients; /* guarded by the players lock */
+    char* name; /* owned, constant */
+    int32_t clients VEL_GUARDED_BY(control->players_lock);
 
     /* Written under the player lock; read without it by get_current_state. */
     std::atomic<int32_t> status;
@@ -27,20 +27,20 @@ struct player {
     std::atomic<int32_t> repeat_mode;
     std::atomic<float> playback_rate;
 
-    /* Written under the player lock and the hold lock; readers without the player lock go through
-     * trksession_hold. */
-    ::trksession* trksession;
+    /* Changed under the player lock and the hold lock; without the player lock it is read through
+     * trksession_hold, and by the build thread through trksession_of_builder. */
+    ::trksession* trksession VEL_GUARDED_BY(lock);
     pointer_array ms_sessions VEL_GUARDED_BY(lock); /* of mediasource_session, owned */
     const player_cfg* config;                       /* constant, shared */
     vel_mutex lock;                                 /* the player lock */
 
-    /* Set at open, taken down at close; the objects are written under the player lock, the
-     * "trksession" object under the track-session lock. */
-    lyr_ppsdir* ppsdir;
-    lyr_ppswriter* state_writer;
-    lyr_ppswriter* mediasource_writer;
-    lyr_ppswriter* status_writer;
+    /* Set before the player is visible, taken down at close. */
+    lyr_ppsdir* ppsdir VEL_GUARDED_BY(lock);
+    lyr_ppswriter* state_writer VEL_GUARDED_BY(lock);
+    lyr_ppswriter* mediasource_writer VEL_GUARDED_BY(lock);
+    lyr_ppswriter* status_writer VEL_GUARDED_BY(lock);
     lyr_ppswriter* track_writer VEL_GUARDED_BY(lock); /* null without a current track */
+    /* Constant while there is a track session, under whose lock the object is written. */
     lyr_ppswriter* trksession_writer;
 
     /* The audio focus; see nowplaying.h. */
@@ -51,10 +51,18 @@ struct player {
     vel_mutex np_lock; /* inside the player lock */
     pthread_cond_t np_cond;
 
-    control_block* control;                 /* constant */
-    int32_t pins;                           /* guarded by the players lock; see player_pin.h */
-    int32_t closed VEL_GUARDED_BY(lock);    /* 1: torn down; leave at once */
+    control_block* control;                             /* constant */
+    int32_t pins VEL_GUARDED_BY(control->players_lock); /* see player_pin.h */
+    int32_t closed VEL_GUARDED_BY(lock);                /* 1: torn down; leave at once */
     int32_t error_run VEL_GUARDED_BY(lock); /* skips in a row without a track that played */
 };
+
+/* Tells the analysis that the players lock a caller holds is this player's: a player belongs to
+ * one control block for life. */
+inline void player_of(const player* player, const control_block* control) noexcept
+    VEL_REQUIRES(control->players_lock) VEL_ASSERT_HELD(player->control->players_lock) {
+    (void)player;
+    (void)control;
+}
 
 #endif

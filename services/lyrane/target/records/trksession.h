@@ -12,6 +12,9 @@
 
 #include "media.h"
 
+/* Covers a player's pointer to its session and the holds of sessions; a leaf. */
+extern vel_mutex trksession_hold_lock;
+
 struct trksession {
     /* Set at creation and constant afterwards; ignore_count is the build thread's once it runs. */
     int32_t expected;     /* tracks the client announced; -1 unknown */
@@ -32,15 +35,16 @@ struct trksession {
     medianode* tracks VEL_GUARDED_BY(lock);
     vel_mutex lock;                  /* the track-session lock; inside the player lock */
     mediasource_session* ms_session; /* constant; the player's */
-    pthread_t build_thread;          /* joinable while build_started */
+    /* Joinable while build_started; changed by who holds the player lock, too. */
+    pthread_t build_thread VEL_GUARDED_BY(lock);
 
-    int32_t build_started;                   /* guarded by the player lock */
+    int32_t build_started VEL_GUARDED_BY(lock);
     int32_t build_done VEL_GUARDED_BY(lock); /* the build thread calls no plug-in any more */
     pthread_cond_t build_over;               /* with lock: build_done was set */
     int32_t capacity VEL_GUARDED_BY(lock);   /* entries allocated in the three arrays */
     int32_t destroyed VEL_GUARDED_BY(lock);  /* emptied: answer as if there were none */
-    int32_t holds;                           /* guarded by the lock of trksession_hold */
-    std::atomic<int32_t> cancelled;          /* building is to end */
+    int32_t holds VEL_GUARDED_BY(trksession_hold_lock); /* see trksession_hold.h */
+    std::atomic<int32_t> cancelled;                     /* building is to end */
 };
 
 #endif

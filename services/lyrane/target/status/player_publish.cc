@@ -78,22 +78,22 @@ static const char* status_text(int32_t status) {
     }
 }
 
-static void write_rate(player* player) {
+static void write_rate(player* player) VEL_REQUIRES(player->lock) {
     lyr_ppswriter_write_attr(player->state_writer, "rate",
                              rate_text(player->playback_rate.load()).text);
 }
 
-static void write_shuffle(player* player) {
+static void write_shuffle(player* player) VEL_REQUIRES(player->lock) {
     lyr_ppswriter_write_attr(player->state_writer, "shuffle",
                              player->shuffle_mode.load() != 0 ? "::on" : "::off");
 }
 
-static void write_repeat(player* player) {
+static void write_repeat(player* player) VEL_REQUIRES(player->lock) {
     lyr_ppswriter_write_attr(player->state_writer, "repeat",
                              repeat_text(player->repeat_mode.load()));
 }
 
-static void write_status(player* player) {
+static void write_status(player* player) VEL_REQUIRES(player->lock) {
     lyr_ppswriter_write_attr(player->state_writer, "status", status_text(player->status.load()));
 }
 

@@ -24,10 +24,10 @@ constexpr int32_t MEDIASOURCE_CHANGED = 2;
 extern "C" {
 
 /* Object "state": rate, shuffle, repeat, status. */
-void player_publish_state(player* player) noexcept;
+void player_publish_state(player* player) noexcept VEL_REQUIRES(player->lock);
 
 /* Object "status": the position, in the plug-in's unit. */
-void player_publish_status(player* player, int32_t position) noexcept;
+void player_publish_status(player* player, int32_t position) noexcept VEL_REQUIRES(player->lock);
 
 /* Object "track": a null node or null metadata withdraws that attribute. The player must have a
  * track writer. */
@@ -40,14 +40,15 @@ void player_publish_trksession(player* player, int32_t type, int32_t length,
 
 /* Object "mediasource"; with null only the type changes. The name texts of `source` must not
  * change during the call: the caller holds the media-source lock. */
-void player_publish_mediasource(player* player, int32_t type, const mediasource* source) noexcept;
+void player_publish_mediasource(player* player, int32_t type, const mediasource* source) noexcept
+    VEL_REQUIRES(player->lock);
 
 /* One attribute of the "state" object each, published at once: what the playback commands change.
  * The text forms are those of player_publish_state. */
-void player_publish_state_status(player* player) noexcept;
-void player_publish_state_shuffle(player* player) noexcept;
-void player_publish_state_repeat(player* player) noexcept;
-void player_publish_state_rate(player* player) noexcept;
+void player_publish_state_status(player* player) noexcept VEL_REQUIRES(player->lock);
+void player_publish_state_shuffle(player* player) noexcept VEL_REQUIRES(player->lock);
+void player_publish_state_repeat(player* player) noexcept VEL_REQUIRES(player->lock);
+void player_publish_state_rate(player* player) noexcept VEL_REQUIRES(player->lock);
 
 /* The attribute "index" of the "track" object, published at once. */
 void player_publish_track_index(player* player, int32_t index) noexcept VEL_REQUIRES(player->lock);
