@@ -3,6 +3,7 @@
  * sanitizers watch inside, and what is seen from outside must agree at the end. */
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <random>
 #include <thread>
 
@@ -12,15 +13,23 @@
 
 namespace {
 
-constexpr int CLIENTS = 4;
-constexpr int REQUESTS = 300; /* of each client */
+constexpr int CLIENTS = 8;
+constexpr int REQUESTS = 150; /* of each client, in a round; LYRANE_ROUNDS asks for more rounds */
+
+const char* const players[] = {"left", "right", "front", "rear"};
 
 struct storm_client {
     const test_daemon* daemon = nullptr;
     unsigned seed = 0;
+    int requests = 0;
     int failures = 0; /* requests without any reply */
     std::thread thread;
 };
+
+int rounds() {
+    const char* wanted = std::getenv("LYRANE_ROUNDS");
+    return wanted != nullptr ? std::atoi(wanted) : 1;
+}
 
 /* One random request on a player that this connection holds. */
 void one_request(request_client& client, std::mt19937& random, int& failures) {
@@ -74,14 +83,14 @@ void one_request(request_client& client, std::mt19937& random, int& failures) {
 
 void run_client(storm_client* self) {
     std::mt19937 random(self->seed);
-    int left = REQUESTS;
+    int left = self->requests;
     while (left > 0) {
         request_client client;
         if (!request_connect(client, self->daemon->service)) {
             self->failures += 1;
             return;
         }
-        const std::string player = random() % 2 == 0 ? "left" : "right";
+        const std::string player = players[random() % std::size(players)];
         self->failures += request_open(client, player) == 0 ? 0 : 1;
         for (unsigned i = 5 + random() % 40; i > 0 && left > 0; --i, --left) {
             one_request(client, random, self->failures);
@@ -92,84 +101,135 @@ void run_client(storm_client* self) {
 }
 
 /* Blows from all threads of a plug-in until it is calm: gusts of playback events at once, and now
- * and then the source goes and comes back. */
-void blow(fake_client& fake, const char* uid, const std::atomic<bool>& calm) {
+ * and then the source goes and comes back. The service may end meanwhile. */
+void blow(fake_client fake, const char* uid, const std::atomic<bool>& calm) {
     static const char* const events[] = {"position value=6000 repeat=20", "finished repeat=3",
                                          "state status=2 repeat=5",       "error value=0 repeat=2",
                                          "changed node=/a/t1 repeat=5",   "browse_error repeat=5"};
+    const std::string source = std::string(" uid=") + uid;
     for (int gust = 0; !calm; ++gust) {
-        std::vector<std::string> tickets;
+        std::vector<std::string> sent;
         int thread = 1;
         for (const char* event : events) {
-            tickets.push_back(fake_do(fake, "event %s thread=%d nowait=1", event, thread++));
+            sent.push_back(std::string(event) + " thread=" + std::to_string(thread++));
         }
         if (gust % 8 == 0) {
-            fake_do(fake, "event error value=1 nowait=1");
+            sent.push_back("error value=1");
         }
         if (gust % 4 == 0) {
-            fake_do(fake, "event disconnected uid=%s nowait=1", uid);
-            fake_do(fake, "event status uid=%s value=%d nowait=1", uid, gust);
-            tickets.push_back(fake_do(fake, "event connected uid=%s nowait=1", uid));
-            fake_do(fake, "event caps uid=%s value=0x%x nowait=1", uid,
-                    0xf065f | (gust % 16 << 20));
+            sent.push_back("disconnected" + source);
+            sent.push_back("status" + source + " value=" + std::to_string(gust));
+            sent.push_back("connected" + source);
+            sent.push_back("caps" + source +
+                           " value=" + std::to_string(0xf065f | (gust % 16 << 20)));
+        }
+        std::vector<std::string> tickets;
+        std::string answer;
+        for (const std::string& event : sent) {
+            if (fake_execute(fake, "event " + event + " nowait=1", answer) == 0) {
+                tickets.push_back(answer);
+            }
         }
         for (const std::string& ticket : tickets) {
-            fake_do(fake, "join %s", ticket.c_str());
+            (void)fake_execute(fake, "join " + ticket, answer);
         }
+        if (tickets.empty()) {
+            break;
+        }
+    }
+    fake_close(fake);
+}
+
+/* A service with three sources of two plug-ins, the clients and the winds. */
+struct storm {
+    ::rig rig;
+    fake_client fakes[2];
+    std::vector<storm_client> clients{CLIENTS};
+    std::vector<std::thread> winds;
+    std::atomic<bool> calm = false;
+};
+
+bool storm_begin(storm& storm, int requests) {
+    test_daemon& daemon = storm.rig.daemon;
+    daemon_prepare(daemon);
+    daemon.options.push_back("-vvvvvvv"); /* every line is formatted and written */
+    daemon.plugins.push_back({"disk", "source disk\nsource spare", {}});
+    daemon.plugins.push_back({"stick", "source stick type=0x2\ntypes 0x2", {}});
+    if (!daemon_start(daemon)) {
+        return false;
+    }
+    storm.fakes[0] = daemon_fake(daemon, "disk");
+    storm.fakes[1] = daemon_fake(daemon, "stick");
+    for (fake_client& fake : storm.fakes) {
+        fake_tree(fake, "", "/a|tree:2,2,10\n");
+        fake_do(fake, "rule browse page=3");
+        fake_do(fake, "rule attach id=/a/t3 result=-1");
+    }
+    for (storm_client& client : storm.clients) {
+        client.daemon = &daemon;
+        client.requests = requests;
+        client.seed = static_cast<unsigned>(&client - storm.clients.data()) + 1;
+        client.thread = std::thread(run_client, &client);
+    }
+    for (const char* source : {"disk", "spare", "stick"}) {
+        fake_client fake = daemon_fake(daemon, source == std::string("stick") ? "stick" : "disk");
+        storm.winds.emplace_back([&storm, fake, source] { blow(fake, source, storm.calm); });
+    }
+    return true;
+}
+
+void join_all(storm& storm) {
+    for (storm_client& client : storm.clients) {
+        client.thread.join();
+    }
+    storm.calm = true;
+    for (std::thread& wind : storm.winds) {
+        wind.join();
     }
 }
 
 } // namespace
 
 TEST(Storm, EverythingAtOnce) {
-    rig rig;
-    daemon_prepare(rig.daemon);
-    rig.daemon.options.push_back("-vvvvvvv"); /* every line is formatted and written */
-    rig.daemon.plugins.push_back({"disk", "source disk\nsource spare", {}});
-    rig.daemon.plugins.push_back({"stick", "source stick type=0x2\ntypes 0x2", {}});
-    ASSERT_TRUE(daemon_start(rig.daemon));
-    fake_client fakes[2] = {daemon_fake(rig.daemon, "disk"), daemon_fake(rig.daemon, "stick")};
-    for (fake_client& fake : fakes) {
-        fake_tree(fake, "", "/a|tree:2,2,10\n");
-        fake_do(fake, "rule browse page=3");
-        fake_do(fake, "rule attach id=/a/t3 result=-1");
-    }
-    std::vector<storm_client> clients(CLIENTS);
-    for (storm_client& client : clients) {
-        client.daemon = &rig.daemon;
-        client.seed = static_cast<unsigned>(&client - clients.data()) + 1;
-        client.thread = std::thread(run_client, &client);
-    }
-    std::atomic<bool> calm = false;
-    std::thread winds[2] = {std::thread([&] { blow(fakes[0], "disk", calm); }),
-                            std::thread([&] { blow(fakes[1], "stick", calm); })};
+    storm storm;
+    ASSERT_TRUE(storm_begin(storm, REQUESTS * rounds()));
+    rig& rig = storm.rig;
     for (int i = 0; i < 16; ++i) {
         daemon_signal(rig.daemon, SIGUSR1);
     }
-    for (storm_client& client : clients) {
-        client.thread.join();
+    join_all(storm);
+    for (const storm_client& client : storm.clients) {
         EXPECT_EQ(client.failures, 0);
     }
-    calm = true;
-    for (std::thread& wind : winds) {
-        wind.join();
-    }
     /* The plug-ins' own threads come to their end, too, and nothing of the players is left. */
-    EXPECT_GE(fake_number(fakes[0], "event connected uid=disk"), 0);
-    EXPECT_GE(fake_number(fakes[1], "event connected uid=stick"), 0);
+    EXPECT_GE(fake_number(storm.fakes[0], "event connected uid=disk"), 0);
+    EXPECT_GE(fake_number(storm.fakes[1], "event connected uid=stick"), 0);
     ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
     EXPECT_EQ(request_sources(rig.client).size(), 3u);
-    for (const char* player : {"left", "right"}) {
+    for (const char* player : players) {
         EXPECT_FALSE(rig_has_player(rig.daemon, player));
     }
     /* There was a storm indeed. */
     for (const char* entry : {"attach", "play", "browse", "cancel", "event.finished"}) {
-        EXPECT_GT(fake_number(fakes[0], "count %s returned=1", entry), 0) << entry;
+        EXPECT_GT(fake_number(storm.fakes[0], "count %s returned=1", entry), 0) << entry;
     }
-    for (fake_client& fake : fakes) {
+    for (fake_client& fake : storm.fakes) {
         EXPECT_EQ(fake_do(fake, "sessions"), "");
         EXPECT_EQ(fake_do(fake, "violations"), "");
         fake_close(fake);
     }
     rig_end(rig);
+}
+
+TEST(Storm, EndsInTheMidst) {
+    storm storm;
+    ASSERT_TRUE(storm_begin(storm, REQUESTS));
+    fake_do(storm.fakes[0], "await attach 20");
+    EXPECT_EQ(daemon_stop(storm.rig.daemon), 0);
+    rig_expect_clean(storm.rig.daemon);
+    join_all(storm);
+    for (fake_client& fake : storm.fakes) {
+        fake_close(fake);
+    }
+    daemon_remove(storm.rig.daemon);
 }
