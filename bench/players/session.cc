@@ -1,7 +1,10 @@
-/* What a track session costs: importing a million tracks, their room, and a full shuffle. One line
- * a figure: name, value, unit. import           tracks a second, in pages of 1,000, beside the
- * plug-in's own time bytes_per_track  of ours, beside the records and their strings shuffle_1m full
- * shuffle over a bare loop of the same draws and swaps; median of pairs
+/* What a track session costs. One line a figure: name, value, unit.
+ *
+ * import             tracks a second, in pages of 1,000, beside the plug-in's own time
+ * bytes_per_track    of ours, beside the records and their strings
+ * shuffle_1m         full shuffle over a bare loop of the same draws and swaps; median of pairs
+ * first_attach       a session created in a folder of 100,000 tracks, until its first track is
+ * first_attach_deep  attached, the plug-in's time included; 200 folders down; median
  */
 #include <algorithm>
 #include <chrono>
@@ -22,7 +25,8 @@ namespace {
 
 constexpr int32_t TRACKS = 1000000;
 constexpr int32_t PAGE = 1000;
-constexpr int ROUNDS = 5;
+constexpr int ROUNDS = 9;
+constexpr int ATTACH_ROUNDS = 51;
 
 using steady = std::chrono::steady_clock;
 
@@ -87,6 +91,31 @@ double shuffle_ratio(trksession* session) {
     return ratios[ROUNDS / 2];
 }
 
+/* Creates sessions in a folder, and ends their builds; the median time of a creation. */
+double first_attach(player* player, int32_t source, const std::string& folder) {
+    std::vector<double> times;
+    for (int round = 0; round < ATTACH_ROUNDS; ++round) {
+        int32_t expected = -1;
+        const steady::time_point begin = steady::now();
+        (void)rig_create(player, source, folder, 0, &expected);
+        times.push_back(seconds_since(begin));
+        (void)rig_destroy(player);
+    }
+    std::sort(times.begin(), times.end());
+    return times[ATTACH_ROUNDS / 2] * 1000;
+}
+
+void print_first_attach(player_rig& rig, player* player) {
+    std::string deep;
+    for (int i = 0; i < 200; ++i) {
+        deep += "/d";
+    }
+    const int32_t source = rig_source(rig, "folders", LYR_CAP_PLAY | LYR_CAP_BROWSE,
+                                      "/a|tracks:100000\n" + deep + "|tracks:100000\n");
+    std::printf("first_attach %.3f ms\n", first_attach(player, source, "/a"));
+    std::printf("first_attach_deep %.3f ms\n", first_attach(player, source, deep));
+}
+
 } // namespace
 
 int main() {
@@ -97,6 +126,7 @@ int main() {
     std::printf("import %.0f tracks/s\n", import_all(player));
     std::printf("bytes_per_track %.1f bytes\n", bytes_per_track(player->trksession));
     std::printf("shuffle_1m %.2f ratio\n", shuffle_ratio(player->trksession));
+    print_first_attach(rig, player);
     player_close(&mmcontrol, "bench");
     return 0;
 }

@@ -84,6 +84,24 @@ TEST(mediasource_events, take_the_sessions_of_a_lost_source_away) {
     player_close(&mmcontrol, "other");
 }
 
+/* A request that browses the source holds the lock which the disconnection needs. */
+TEST(mediasource_events, end_what_is_browsed_on_a_lost_source) {
+    player_rig& rig = rig_fresh();
+    const int32_t lost = rig_source(rig, "lost", ALL, "/|tracks:9");
+    player* player = player_open(&mmcontrol, "browser");
+    fake_do(rig.fake, "rule browse block=gone");
+    std::thread creator([player, lost] {
+        int32_t expected = -1;
+        EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), -1);
+    });
+    fake_do(rig.fake, "blocked gone");
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"), 0);
+    creator.join();
+    EXPECT_EQ(fake_number(rig.fake, "count cancel"), 2); /* for the browse, at the destruction */
+    EXPECT_EQ(rig_tracks(player), "none");
+    player_close(&mmcontrol, "browser");
+}
+
 /* Whoever calls has the player lock: waiting for it here would be for ever. */
 TEST(mediasource_events, are_refused_from_inside_a_call) {
     player_rig& rig = rig_fresh();

@@ -193,6 +193,38 @@ TEST(Lifecycle, EndsInTheMiddleOfPlaying) {
     }
 }
 
+/* One player is held by an event inside the plug-in, another by the build of its session: neither
+ * keeps the service, and the code that a thread is inside of stays where it is. */
+TEST(Lifecycle, EndsAlthoughAPluginDoesNotReturn) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/big|tree:3,5,20\n"));
+    request_client other;
+    ASSERT_TRUE(request_connect(other, rig.daemon.service));
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/big", 1, 8, &ts_id), 0);
+    EXPECT_EQ(request_number(rig.client, LYR_MSG_REPEAT, 1), 0);
+    fake_do(rig.disk, "rule attach block=attach deaf=1");
+    fake_do(rig.disk, "event finished nowait=1");
+    fake_do(rig.disk, "blocked attach");
+    fake_do(rig.disk, "unrule");
+    fake_do(rig.disk, "rule browse id=/big/f1/f1 block=browse deaf=1");
+    EXPECT_EQ(request_open(other, "kitchen"), 0);
+    EXPECT_EQ(request_create(other, 0, "/big", -1, 8, &ts_id), 0);
+    fake_do(rig.disk, "blocked browse");
+    EXPECT_EQ(daemon_stop(rig.daemon), 0);
+    const std::string log = daemon_log(rig.daemon);
+    for (const char* line : {"Player radio is busy in a plug-in", "Player kitchen is busy in a",
+                             "is left loaded", "lyrane terminated"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << line;
+    }
+    EXPECT_FALSE(std::filesystem::exists(rig_socket(rig.daemon)));
+    request_disconnect(other);
+    request_disconnect(rig.client);
+    fake_close(rig.disk);
+    daemon_remove(rig.daemon);
+}
+
 TEST(Lifecycle, CountsItsVerbosityInSignals) {
     rig rig;
     ASSERT_TRUE(rig_start(rig, ALBUM));

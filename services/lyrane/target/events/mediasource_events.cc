@@ -9,6 +9,7 @@
 #include "msglog.h"
 #include "player_pin.h"
 #include "player_publish.h"
+#include "plugin_browsing.h"
 #include "plugin_call.h"
 #include "plugin_load.h"
 #include "trksession.h"
@@ -72,9 +73,10 @@ static void take_away(player* player, mediasource* source, int32_t type) noexcep
     }
 }
 
-/* Tells the sessions that are being built from a source to end, ahead of the player locks: one of
- * them may be held by a request that is browsing the source. */
-static void cancel_builds(const mediasource* source) noexcept {
+/* Ends what is being browsed on a source, ahead of the player locks: one of them may be held by a
+ * request that waits for the source to answer. The sessions being built are told first, so that
+ * none of them asks for another page. */
+static void cancel_browsing(const mediasource* source) noexcept {
     int32_t count = 0;
     player** players = players_pin_all(&mmcontrol, &count);
     for (int32_t i = 0; i < count; ++i) {
@@ -85,6 +87,7 @@ static void cancel_builds(const mediasource* source) noexcept {
         trksession_release(session);
     }
     players_unpin(players, count);
+    plugin_browsing_cancel(source->id);
 }
 
 static mediasource* find_known(int32_t plugin_id, const char* uid) noexcept {
@@ -194,7 +197,7 @@ int32_t lyrane_internal_mediasource_disconnected(int32_t ms_id) noexcept {
     /* Inactive first: a player that is opened from now on cannot build on the source any more. */
     __atomic_store_n(&source->active, 0, __ATOMIC_SEQ_CST);
     __atomic_store_n(&source->status, 0, __ATOMIC_RELEASE);
-    cancel_builds(source);
+    cancel_browsing(source);
     for_each_player(source, MEDIASOURCE_DISCONNECTED, take_away);
     msglog(7, "media source disconnected: %s\tid: %d", shown_name(source), source->id);
     return 0;

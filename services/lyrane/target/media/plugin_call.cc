@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "msglog.h"
+#include "plugin_browsing.h"
 #include "plugin_watch.h"
 
 /* Depth, because a plug-in's thread may enter a second plug-in from a disconnection callback. */
@@ -148,7 +149,7 @@ int32_t plugin_call_repeat(const mediasource_session* session, int32_t mode) noe
 
 /* Makes sure that a successful listing is what the contract says. A failed one hands nothing over,
  * so an array left there is the plug-in's own mistake and not ours to free. */
-static int32_t checked_listing(int32_t result, const char* entry, int32_t* count,
+static int32_t checked_listing(int32_t result, const char* entry, int32_t asked, int32_t* count,
                                medianode** nodes) noexcept {
     if (result != 0) {
         *nodes = nullptr;
@@ -159,6 +160,13 @@ static int32_t checked_listing(int32_t result, const char* entry, int32_t* count
         *nodes = nullptr;
         errno = EIO;
         return -1;
+    }
+    if (asked >= 0 && *count > asked) {
+        msglog(3, "Plug-in delivered %d nodes from %s when asked for %d", *count, entry, asked);
+        for (int32_t i = asked; i < *count; ++i) {
+            free_medianode_contents(&(*nodes)[i]);
+        }
+        *count = asked;
     }
     if (*count == 0) {
         free_medianodes(nodes, 0);
@@ -172,11 +180,15 @@ int32_t plugin_call_browse(const mediasource_session* session, const char* node_
     if (!plugin_call_can_browse(session) || session->browse_api->browse == nullptr) {
         return missing();
     }
+    const int32_t asked = *count;
+    browse_in_progress call = {session, nullptr, 0, 0};
+    plugin_browsing_enter(&call);
     const int32_t ticket = enter("browse", session->ms_id);
     const int32_t result =
         session->browse_api->browse(session->browse_session, node_id, offset, count, nodes);
     leave(ticket);
-    return checked_listing(result, "browse", count, nodes);
+    plugin_browsing_leave(&call);
+    return checked_listing(result, "browse", asked, count, nodes);
 }
 
 int32_t plugin_call_search(const mediasource_session* session, const char* filter, const char* key,
@@ -185,11 +197,15 @@ int32_t plugin_call_search(const mediasource_session* session, const char* filte
     if (!plugin_call_can_browse(session) || session->browse_api->search == nullptr) {
         return missing();
     }
+    const int32_t asked = *count;
+    browse_in_progress call = {session, nullptr, 0, 0};
+    plugin_browsing_enter(&call);
     const int32_t ticket = enter("search", session->ms_id);
     const int32_t result =
         session->browse_api->search(session->browse_session, filter, key, offset, count, nodes);
     leave(ticket);
-    return checked_listing(result, "search", count, nodes);
+    plugin_browsing_leave(&call);
+    return checked_listing(result, "search", asked, count, nodes);
 }
 
 int32_t plugin_call_get_metadata(const mediasource_session* session, const char* node_id,

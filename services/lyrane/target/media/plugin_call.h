@@ -40,7 +40,8 @@ int32_t plugin_call_shuffle(const mediasource_session* session, int32_t mode) no
 int32_t plugin_call_repeat(const mediasource_session* session, int32_t mode) noexcept;
 
 /* On success *count is at least 0 and *nodes is an array of that many records (null for 0) that
- * the caller owns; a plug-in that delivers anything else is answered for with -1, EIO. On failure
+ * the caller owns; what a plug-in delivers beyond *count is dropped, and anything else is answered
+ * for with -1, EIO. On failure
  * *nodes is null. */
 int32_t plugin_call_browse(const mediasource_session* session, const char* node_id, int32_t offset,
                            int32_t* count, medianode** nodes) noexcept;

@@ -16,6 +16,7 @@
 
 #include "ascii.h"
 #include "msglog.h"
+#include "plugin_watch.h"
 
 /* Id of the next plug-in; raised after a successful load only, so that ids equal positions. */
 static int32_t next_plugin_id;
@@ -110,6 +111,18 @@ static void warn_of_twin(control_block* control, void* handle, const char* name)
     process_end(1);
 }
 
+/* True when a thread is inside the plug-in: its code must stay. */
+static bool called_into(control_block* control, const plugin* record) noexcept {
+    vel_lock_guard guard(control->registry_leaf);
+    for (int32_t i = 0; i < control->mediasources.count; ++i) {
+        const auto* source = static_cast<const mediasource*>(control->mediasources.items[i]);
+        if (source->plugin_id == record->id && plugin_watch_inside(source->id) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 extern "C" {
 
 int32_t plugin_load(control_block* control, const char* name, const strm_dict* settings) noexcept {
@@ -150,8 +163,8 @@ int32_t plugin_load(control_block* control, const char* name, const strm_dict* s
     return 0;
 }
 
-int32_t plugin_unload(control_block* control, plugin* record) noexcept {
-    (void)control;
+/* Cleans up and closes; 0, or -1 when either failed. */
+static int32_t let_go(plugin* record) noexcept {
     int32_t result = 0;
     if (record->api->cleanup != nullptr && record->api->cleanup() == -1) {
         msglog(3, "Failed to clean up %s", table_name(record->api, record->name));
@@ -162,6 +175,16 @@ int32_t plugin_unload(control_block* control, plugin* record) noexcept {
         result = -1;
     }
     msglog(5, "Unloaded plugin %s", record->name);
+    return result;
+}
+
+int32_t plugin_unload(control_block* control, plugin* record) noexcept {
+    int32_t result = -1;
+    if (called_into(control, record)) {
+        msglog(3, "Plug-in %s is left loaded: a call into it does not return", record->name);
+    } else {
+        result = let_go(record);
+    }
     record->api = nullptr;
     free(record->name);
     record->name = nullptr;

@@ -14,7 +14,8 @@ extern "C" {
 /* Loads one library and calls its init. Every failure ends the process; returns 0. [main] */
 int32_t plugin_load(control_block* control, const char* name, const strm_dict* settings) noexcept;
 
-/* Cleans one plug-in up and closes its library. 0, or -1 when either failed. Frees the record's
+/* Cleans one plug-in up and closes its library; one that a call does not return from is left as it
+ * is. 0, or -1 when anything failed. Frees the record's
  * text; the record itself stays with the caller. [main] */
 int32_t plugin_unload(control_block* control, plugin* record) noexcept;
 

@@ -116,3 +116,12 @@ void plugin_watch_leave(int32_t ticket) noexcept {
         slots[ticket].since = 0;
     }
 }
+
+int32_t plugin_watch_inside(int32_t ms_id) noexcept {
+    for (const watch_slot& slot : slots) {
+        if (slot.since > 0 && slot.ms_id == ms_id) {
+            return 1;
+        }
+    }
+    return 0;
+}

@@ -17,4 +17,7 @@ constexpr int32_t PLUGIN_WATCH_SECONDS = 2;
 int32_t plugin_watch_enter(const char* entry, int32_t ms_id) noexcept;
 void plugin_watch_leave(int32_t ticket) noexcept;
 
+/* 1 while a call about the media source is in progress. [any thread] */
+int32_t plugin_watch_inside(int32_t ms_id) noexcept;
+
 #endif

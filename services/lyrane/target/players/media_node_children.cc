@@ -41,26 +41,20 @@ static void listing_reserve(listing* list, int32_t more) noexcept {
     list->capacity = static_cast<int32_t>(wanted > INT32_MAX ? INT32_MAX : wanted);
 }
 
-/* Takes over a page: records without an id cannot be named and are dropped, and so is what was
- * not asked for. */
-static void listing_append(listing* list, medianode* page, int32_t count, int32_t wanted,
+/* Takes over a page: records without an id cannot be named and are dropped. */
+static void listing_append(listing* list, medianode* page, int32_t count,
                            const char* mn_id) noexcept {
-    if (wanted >= 0 && count > wanted) {
-        msglog(3, "Plug-in delivered %d children of %s when asked for %d", count, mn_id, wanted);
-    }
     listing_reserve(list, count);
     for (int32_t i = 0; i < count; ++i) {
-        const bool asked = wanted < 0 || i < wanted;
-        if (asked && page[i].id != nullptr) {
+        if (page[i].id != nullptr) {
             list->nodes[list->count] = page[i];
             ++list->count;
         } else {
-            if (asked) {
-                msglog(3, "Plug-in delivered a child of %s without an id", mn_id);
-            }
+            msglog(3, "Plug-in delivered a child of %s without an id", mn_id);
             free_medianode_contents(&page[i]);
         }
     }
+    list->offset += count;
     free(page);
 }
 
@@ -82,8 +76,7 @@ int32_t media_node_children(const mediasource_session* session, const char* mn_i
     listing list = {};
     *nodes = nullptr;
     for (;;) {
-        const int32_t wanted = *limit == -1 ? -1 : *limit - list.offset;
-        int32_t count = wanted;
+        int32_t count = *limit == -1 ? -1 : *limit - list.offset;
         medianode* page = nullptr;
         const bool stopped = cancelled != nullptr && *cancelled != 0;
         if (stopped || plugin_call_browse(session, mn_id, list.offset, &count, &page) != 0 ||
@@ -102,8 +95,7 @@ int32_t media_node_children(const mediasource_session* session, const char* mn_i
             free_medianodes(&page, count);
             break;
         }
-        listing_append(&list, page, count, wanted, mn_id);
-        list.offset += wanted >= 0 && count > wanted ? wanted : count;
+        listing_append(&list, page, count, mn_id);
     }
     free(list.first_id);
     *nodes = list.nodes;

@@ -14,8 +14,9 @@
 #include "player_publish.h"
 #include "trksession_build.h"
 
-/* How long a forced close waits for one player's lock. */
+/* How long a forced close waits for plug-ins that hold players up, all players together. */
 static constexpr time_t FORCE_CLOSE_WAIT_SECONDS = 5;
+static constexpr char LEFT_BEHIND[] = "Player %s is busy in a plug-in and is left behind";
 
 /* The name becomes a directory and part of messages to others, so what would change their meaning
  * is refused; which bytes it is written in is the client's affair. */
@@ -216,6 +217,9 @@ int32_t players_find(const pointer_array* players, const char* name) noexcept {
 }
 
 int32_t players_force_close(control_block* control) noexcept {
+    timespec deadline = {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += FORCE_CLOSE_WAIT_SECONDS;
     for (;;) {
         player* last = nullptr;
         {
@@ -227,15 +231,19 @@ int32_t players_force_close(control_block* control) noexcept {
         if (last == nullptr) {
             return 0;
         }
-        timespec deadline = {};
-        clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_sec += FORCE_CLOSE_WAIT_SECONDS;
         if (!lock_until(last, &deadline)) {
-            msglog(3, "Player %s is busy in a plug-in and is left behind", last->name);
+            msglog(3, LEFT_BEHIND, last->name);
             continue;
         }
-        player_tear_down(last);
+        const bool idle = player_end_build(last, &deadline);
+        if (idle) {
+            player_tear_down(last);
+        }
         vel_mutex_unlock(&last->lock);
+        if (!idle) {
+            msglog(3, LEFT_BEHIND, last->name);
+            continue;
+        }
         nowplaying_release(last);
         player_unpin(last);
     }

@@ -26,9 +26,9 @@ int32_t player_close(control_block* control, const char* name) noexcept;
 /* Position of the player of a name, by exact comparison, or -1. The players lock is held. */
 int32_t players_find(const pointer_array* players, const char* name) noexcept;
 
-/* Closes every player, whatever its client count: the service ends. Waits for each player's lock
- * for a bounded time only; a player whose lock a call into a plug-in does not give back is left as
- * it is, and named in the log. Returns 0. */
+/* Closes every player, whatever its client count: the service ends. Waits for
+ * calls into plug-ins that hold a player's lock or build its session for a bounded time only; a
+ * player that does not become free is left as it is, and named in the log. Returns 0. */
 int32_t players_force_close(control_block* control) noexcept;
 }
 

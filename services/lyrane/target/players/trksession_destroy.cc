@@ -34,25 +34,39 @@ static bool build_over_soon(trksession* session) noexcept VEL_NO_TSA
     return true;
 }
 
+static bool passed(const timespec* deadline) noexcept {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec > deadline->tv_sec ||
+           (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec);
+}
+
 /* Ends the build thread. The flag comes first: it stops the walk between two pages, where a cancel
  * finds no browse to end; and a cancel may fall between the thread's look at the flag and its
- * call, so it is repeated until the thread has left. */
-static void end_build(trksession* session) noexcept VEL_EXCLUDES(session->lock) {
+ * call, so it is repeated until the thread has left. False when it has not left by the deadline
+ * (null: none). */
+static bool end_build(trksession* session, const timespec* deadline) noexcept
+    VEL_EXCLUDES(session->lock) {
     session->cancelled = 1;
     plugin_call_cancel_browse(session->ms_session);
     pthread_t thread = {};
     {
         vel_lock_guard guard(session->lock);
         if (session->build_started == 0) {
-            return;
+            return true;
         }
-        session->build_started = 0; /* joined once, here */
         thread = session->build_thread;
     }
     while (!build_over_soon(session)) {
+        if (deadline != nullptr && passed(deadline)) {
+            return false;
+        }
         plugin_call_cancel_browse(session->ms_session);
     }
     pthread_join(thread, nullptr);
+    vel_lock_guard guard(session->lock);
+    session->build_started = 0;
+    return true;
 }
 
 static void free_tracks(trksession* session) noexcept VEL_REQUIRES(session->lock) {
@@ -83,6 +97,10 @@ static void reset_player(player* player) noexcept VEL_REQUIRES(player->lock) {
     player_publish_state(player);
 }
 
+bool player_end_build(player* player, const timespec* deadline) noexcept {
+    return player->trksession == nullptr || end_build(player->trksession, deadline);
+}
+
 extern "C" {
 
 int32_t player_destroy_trksession(player* player) noexcept {
@@ -95,7 +113,7 @@ int32_t player_destroy_trksession(player* player) noexcept {
     if (status != LYR_STATUS_STOPPED && status != LYR_STATUS_IDLE && player_stop(player) != 0) {
         msglog(3, "Calling player_stop() failed");
     }
-    end_build(session);
+    (void)end_build(session, nullptr);
     {
         vel_lock_guard guard(session->lock);
         const int32_t length = session->length;

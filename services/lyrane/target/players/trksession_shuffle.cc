@@ -5,14 +5,19 @@
 
 #include "msglog.h"
 
-static void swap_positions(trksession* session, int32_t a, int32_t b) noexcept
-    VEL_REQUIRES(session->lock) {
-    const int32_t track_a = session->order[a];
-    const int32_t track_b = session->order[b];
-    session->order[a] = track_b;
-    session->order[b] = track_a;
-    session->inverse_order[track_b] = a;
-    session->inverse_order[track_a] = b;
+/* The two arrays of a session, at hand: the compiler need not read them again after every store. */
+struct order_view {
+    int32_t* order;
+    int32_t* inverse;
+};
+
+static void swap_positions(order_view view, int32_t a, int32_t b) noexcept {
+    const int32_t track_a = view.order[a];
+    const int32_t track_b = view.order[b];
+    view.order[a] = track_b;
+    view.order[b] = track_a;
+    view.inverse[track_b] = a;
+    view.inverse[track_a] = b;
 }
 
 /* Two draws make 32 bits whatever the width of one. */
@@ -38,8 +43,9 @@ int32_t trksession_shuffle(trksession* session, int32_t start, int32_t count, in
             errno = ERANGE;
             return -1;
         }
+        const order_view view = {session->order, session->inverse_order};
         if ((flags & TRKSESSION_KEEP_FIRST) != 0) {
-            swap_positions(session, session->inverse_order[current], 0);
+            swap_positions(view, view.inverse[current], 0);
             if (start == 0) {
                 first = 1;
                 range = count - 1;
@@ -47,7 +53,7 @@ int32_t trksession_shuffle(trksession* session, int32_t start, int32_t count, in
         }
         for (int32_t i = first; i < first + range; ++i) {
             const int32_t j = first + static_cast<int32_t>(draw() % static_cast<uint32_t>(range));
-            swap_positions(session, i, j);
+            swap_positions(view, i, j);
         }
     }
     msglog(7, "Shuffled %d tracks starting at index %d.", first + range, first);

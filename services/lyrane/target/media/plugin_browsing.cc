@@ -1,0 +1,57 @@
+#include "plugin_browsing.h"
+
+#include <pthread.h>
+
+#include <veloran/lock.h>
+
+#include "plugin_call.h"
+
+static vel_mutex browsing_lock = {PTHREAD_MUTEX_INITIALIZER};
+static pthread_cond_t cancel_over = PTHREAD_COND_INITIALIZER;
+static browse_in_progress* calls VEL_GUARDED_BY(browsing_lock);
+
+void plugin_browsing_enter(browse_in_progress* call) noexcept {
+    vel_lock_guard guard(browsing_lock);
+    call->next = calls;
+    calls = call;
+}
+
+void plugin_browsing_leave(browse_in_progress* call) noexcept {
+    vel_lock_guard guard(browsing_lock);
+    while (call->cancelling != 0) {
+        pthread_cond_wait(&cancel_over, &browsing_lock.native);
+    }
+    for (browse_in_progress** link = &calls; *link != nullptr; link = &(*link)->next) {
+        if (*link == call) {
+            *link = call->next;
+            return;
+        }
+    }
+}
+
+/* A call that is to be cancelled, marked so that it stays; null when there is none. */
+static browse_in_progress* next_to_cancel(int32_t ms_id) noexcept {
+    vel_lock_guard guard(browsing_lock);
+    for (browse_in_progress* call = calls; call != nullptr; call = call->next) {
+        if (call->session->ms_id == ms_id && call->cancelled == 0) {
+            call->cancelled = 1;
+            call->cancelling = 1;
+            return call;
+        }
+    }
+    return nullptr;
+}
+
+void plugin_browsing_cancel(int32_t ms_id) noexcept {
+    for (;;) {
+        browse_in_progress* call = next_to_cancel(ms_id);
+        if (call == nullptr) {
+            return;
+        }
+        /* Outside the lock: the plug-in may take its time, and others begin and end calls. */
+        plugin_call_cancel_browse(call->session);
+        vel_lock_guard guard(browsing_lock);
+        call->cancelling = 0;
+        pthread_cond_broadcast(&cancel_over);
+    }
+}
