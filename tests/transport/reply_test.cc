@@ -134,6 +134,11 @@ TEST(Reply, QueuesThatNobodyEmptiesAreBounded) {
     EXPECT_EQ(ask(client, large, 0), "error 240");
     EXPECT_EQ(ask(client, large, 0), "error 240");
     EXPECT_EQ(ask(client, large, 0), "error " + std::to_string(ENOMEM));
+    /* What could not be answered must not be carried out. */
+    ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
+    EXPECT_EQ(put(client, 1, "e x"), EAGAIN);
+    EXPECT_EQ(get(client, 0, &status, MSGSERVER_QUEUE_BYTES).size(), MSGSERVER_QUEUE_BYTES / 2 + 1);
+    EXPECT_EQ(put(client, 1, large), 0);
     msgclient_close(client);
     harness_await_connections(&h, 0);
     EXPECT_EQ(harness_queued(&h), 0);

@@ -4,7 +4,7 @@
  *
  * Refusals are error replies to the one client concerned and are not logged: ENOENT (unknown
  * service; indices that name no open connection of the sender), ENOMEM (no room for a connection or
- * for a reply that does not fit), EAGAIN (reply queue full), EINVAL (tag 0 in CSM_PUT; an event
+ * for a reply that does not fit), EAGAIN (reply queue full, by number or by bytes), EINVAL (tag 0 in CSM_PUT; an event
  * that is too short, or whose channel is no socket of the client's), EIO (a payload shorter than
  * its length says; a worker that gave no reply), EMSGSIZE (a payload above max_size), ENOMSG (no
  * queued reply of that tag), ENOSYS (no transport message), EACCES, or what `connect` returned.

@@ -204,8 +204,10 @@ void msgserver_put(osb* connection, recv_context* context) noexcept {
     int32_t error = 0;
     {
         vel_lock_guard guard(connection->server->lock);
-        /* A client that has not registered has a limit of 0 and is told so first. */
-        if (connection->queue_length + connection->puts_owed >= connection->queue_limit) {
+        /* A client that has not registered has a limit of 0 and is told so first. What is accepted
+         * is acted upon, so there must be room for its reply now. */
+        if (connection->queue_length + connection->puts_owed >= connection->queue_limit ||
+            !reply_queue_has_room(connection)) {
             error = EAGAIN;
         } else if (header_of(context)->tag == 0) {
             error = EINVAL;

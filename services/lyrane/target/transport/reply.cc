@@ -109,11 +109,9 @@ reply_entry* take_entry(osb* connection, uint32_t tag, int32_t capacity, int32_t
     return entry;
 }
 
-bool queue_has_room(osb* connection) {
+bool has_room(osb* connection) {
     vel_lock_guard guard(connection->server->lock);
-    return connection->queue_length < MSGSERVER_QUEUE_ENTRIES &&
-           connection->queue_bytes < MSGSERVER_QUEUE_BYTES &&
-           connection->server->queued_bytes < MSGSERVER_QUEUE_TOTAL;
+    return reply_queue_has_room(connection);
 }
 
 } // namespace
@@ -167,7 +165,7 @@ int32_t callout_reply2(osb* connection, int64_t rcvid, uint32_t tag, int32_t sta
 int32_t put_queue(osb* connection, int32_t status, uint32_t tag, const iovec* vector,
                   int32_t count) noexcept {
     const int64_t length = total_length(vector, count);
-    if (length > INT32_MAX || !queue_has_room(connection)) {
+    if (length > INT32_MAX || !has_room(connection)) {
         return ENOMEM;
     }
     auto* entry =
@@ -190,6 +188,12 @@ int32_t put_queue(osb* connection, int32_t status, uint32_t tag, const iovec* ve
     connection->queue_bytes += length;
     connection->server->queued_bytes += length;
     return 0;
+}
+
+bool reply_queue_has_room(const osb* connection) noexcept {
+    return connection->queue_length < MSGSERVER_QUEUE_ENTRIES &&
+           connection->queue_bytes < MSGSERVER_QUEUE_BYTES &&
+           connection->server->queued_bytes < MSGSERVER_QUEUE_TOTAL;
 }
 
 void reply_queue_clear(osb* connection) noexcept {

@@ -27,6 +27,9 @@ void reply_fetch(osb* connection, recv_context* context) noexcept;
  * CSM_PUT is left to reply2. */
 void reply_settle(recv_context* context) noexcept;
 
+/* Whether one more reply, of whatever size, may be queued. */
+bool reply_queue_has_room(const osb* connection) noexcept VEL_REQUIRES(connection->server->lock);
+
 /* Frees all entries. */
 void reply_queue_clear(osb* connection) noexcept VEL_REQUIRES(connection->server->lock);
 }
