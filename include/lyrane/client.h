@@ -22,7 +22,8 @@
  *   - Calls wait as long as the service takes; a service that is stopped holds its clients up, in
  *     msgclient_open too once its backlog is full.
  *   - Out lengths are set after every call, failed ones included: after a failed call they hold the
- *     capacity that was offered, so look at the result first.
+ *     capacity that was offered (0 after EINVAL), so look at the result first. With a status they
+ *     never say more than what was stored, or with LYR_STATUS_QUEUED what is needed.
  */
 #ifndef LYRANE_CLIENT_H
 #define LYRANE_CLIENT_H
@@ -101,7 +102,8 @@ int32_t msgclient_putgetv(msgclient_t* client, const struct iovec* request, int3
 
 /* Sends a request and returns as soon as the service has taken it; its reply is queued there under
  * `tag` and announced by the registered event. EAGAIN: as many replies are queued as were asked
- * for (none before the first msgclient_notify or msgclient_notify_pulse); fetch one first.
+ * for (none before the first msgclient_notify or msgclient_notify_pulse), or too many bytes; fetch
+ * one first.
  * EINVAL: tag 0. */
 int32_t msgclient_put(msgclient_t* client, uint32_t tag, const void* request, int32_t length,
                       int16_t code) LYR_NOEXCEPT;

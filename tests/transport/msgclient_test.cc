@@ -3,8 +3,10 @@
 #include <cstring>
 #include <fstream>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -109,6 +111,46 @@ TEST(MsgClient, AServerThatGoesAwayIsAnErrorAndNoSignal) {
     EXPECT_EQ(ask(client, "e x"), "error " + std::to_string(EPIPE));
     EXPECT_EQ(msgclient_wait_pulse(client), 0u);
     EXPECT_EQ(msgclient_close(client), 0);
+}
+
+TEST(MsgClient, LengthsThatLieAreNotPassedOn) {
+    harness h;
+    harness_start(&h);
+    const struct {
+        int32_t status;
+        int32_t size; /* what the header says */
+        size_t body;  /* what comes */
+        int32_t expected;
+        int32_t length;
+    } cases[] = {
+        {0, 4, 4, 0, 4},       {3, 8, 8, 3, 8},         {0, 8, 4, EPROTO, 8},
+        {0, 9, 8, EPROTO, 8},  {0, -1, 0, EPROTO, 8},   {0, 0, 4, EPROTO, 8},
+        {240, 99, 0, 240, 99}, {240, 99, 4, EPROTO, 8}, {240, -9, 0, EPROTO, 8},
+    };
+    for (const auto& entry : cases) {
+        msgclient_t* client = harness_open();
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        dup3(ends[0], client->coid, O_CLOEXEC); /* another server in the place of the first */
+        close(ends[0]);
+        msg_header header{};
+        header.size = entry.size;
+        const message_frame frame{2, entry.status, 0,
+                                  static_cast<uint32_t>(sizeof header + entry.body)};
+        char body[8] = {};
+        const iovec pieces[] = {{const_cast<message_frame*>(&frame), sizeof frame},
+                                {&header, sizeof header},
+                                {body, entry.body}};
+        EXPECT_GT(writev(ends[1], pieces, 3), 0);
+        char reply[8];
+        int32_t length = -1;
+        EXPECT_EQ(msgclient_putget(client, "", 0, reply, sizeof reply, &length, 0), entry.expected)
+            << entry.status << ' ' << entry.size;
+        EXPECT_EQ(length, entry.length) << entry.status << ' ' << entry.size;
+        close(ends[1]);
+        msgclient_close(client);
+    }
+    harness_stop(&h);
 }
 
 /* Waits until a thread of this process sleeps in poll(). */

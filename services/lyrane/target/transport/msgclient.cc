@@ -103,6 +103,18 @@ iovec* with_header(msg_header* header, const iovec* vector, int32_t count, iovec
     return pieces;
 }
 
+/* Is there a header, and does it tell the length of the body that came with it? Callers read as
+ * many bytes of their buffer as it says. The one that answers an open is the client's own again. */
+bool header_is_true(int16_t type, const msg_header& header, const message_result& result) {
+    if (result.received < sizeof header || type == CSM_OPEN) {
+        return result.received >= sizeof header;
+    }
+    const size_t body = result.received - sizeof header;
+    return header.size >= 0 &&
+           (result.status == CSM_STATUS_QUEUED ? body == 0
+                                               : body == static_cast<size_t>(header.size));
+}
+
 /* Sends and waits; the header in `header` is sent and received over. Status or error number. */
 int32_t exchange(msgclient_t* client, const call& what, msg_header* header) {
     iovec request_room[1 + PIECES_ON_STACK];
@@ -117,14 +129,18 @@ int32_t exchange(msgclient_t* client, const call& what, msg_header* header) {
     }
     message_result result;
     vel_lock_guard guard(client->internal->call_lock);
-    const int32_t error = message_call(&client->internal->connection, request,
-                                       1 + what.request_count, what.descriptor, reply,
-                                       what.reply_has_header ? 1 + what.reply_count : 0, &result);
-    if (error == 0 && what.reply_has_header && result.received < sizeof *header) {
+    int32_t error = message_call(&client->internal->connection, request, 1 + what.request_count,
+                                 what.descriptor, reply,
+                                 what.reply_has_header ? 1 + what.reply_count : 0, &result);
+    if (error == 0 && what.reply_has_header && !header_is_true(what.type, *header, result)) {
         client->internal->connection.broken = true;
-        return EPROTO;
+        error = EPROTO;
     }
-    return error != 0 ? error : result.status;
+    if (error != 0) {
+        header->size = what.size; /* a part of a reply may have been stored over it */
+        return error;
+    }
+    return result.status;
 }
 
 int32_t perform(msgclient_t* client, const call& what, int32_t* reply_length) {
@@ -141,6 +157,14 @@ int32_t perform(msgclient_t* client, const call& what, int32_t* reply_length) {
         *reply_length = header.size;
     }
     return result;
+}
+
+/* The result of a call that is refused before anything is sent. */
+int32_t refused(int32_t* reply_length) {
+    if (reply_length != nullptr) {
+        *reply_length = 0;
+    }
+    return EINVAL;
 }
 
 /* --- Opening and closing ------------------------------------------------------------------------
@@ -310,7 +334,7 @@ int32_t msgclient_putgetv(msgclient_t* client, const iovec* request, int32_t req
     const int32_t length = vector_length(request, request_count);
     const int32_t capacity = vector_length(reply, reply_count);
     if (client == nullptr || length < 0 || capacity < 0) {
-        return EINVAL;
+        return refused(reply_length);
     }
     const call what{.type = CSM_PUTGET,
                     .code = code,
@@ -328,7 +352,7 @@ int32_t msgclient_putget(msgclient_t* client, const void* request, int32_t reque
                          void* reply, int32_t capacity, int32_t* reply_length,
                          int16_t code) noexcept {
     if (request_length < 0 || capacity < 0) {
-        return EINVAL;
+        return refused(reply_length);
     }
     const iovec out{const_cast<void*>(request), static_cast<size_t>(request_length)};
     const iovec in{reply, static_cast<size_t>(capacity)};
@@ -364,7 +388,7 @@ int32_t msgclient_getv(msgclient_t* client, uint32_t tag, const iovec* reply, in
                        int32_t* reply_length, int16_t code) noexcept {
     const int32_t capacity = vector_length(reply, count);
     if (client == nullptr || capacity < 0) {
-        return EINVAL;
+        return refused(reply_length);
     }
     const call what{.type = CSM_GET,
                     .code = code,
@@ -379,7 +403,7 @@ int32_t msgclient_getv(msgclient_t* client, uint32_t tag, const iovec* reply, in
 int32_t msgclient_get(msgclient_t* client, uint32_t tag, void* reply, int32_t capacity,
                       int32_t* reply_length, int16_t code) noexcept {
     if (capacity < 0) {
-        return EINVAL;
+        return refused(reply_length);
     }
     const iovec in{reply, static_cast<size_t>(capacity)};
     return msgclient_getv(client, tag, &in, 1, reply_length, code);
