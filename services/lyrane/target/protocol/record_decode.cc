@@ -8,12 +8,9 @@
 #include <cstring>
 #include <initializer_list>
 
-namespace {
+#include "record_layout.h"
 
-/* Bytes of a packed record whose strings are all empty. */
-constexpr int32_t SOURCE_LEAST = 32;
-constexpr int32_t NODE_LEAST = 24;
-constexpr int32_t METADATA_LEAST = 48;
+namespace {
 
 /* What is left to read. After the first failure `failed` stays and nothing is read any more. */
 struct cursor {
@@ -32,14 +29,10 @@ void read_bytes(cursor* from, void* value, size_t size) {
     from->left -= size;
 }
 
-void read_number(cursor* from, int32_t* value) {
-    read_bytes(from, value, sizeof *value);
-}
-
 /* A packed string; absent (any negative length) and empty both leave null. */
 void read_text(cursor* from, char** text) {
     int32_t length = -1;
-    read_number(from, &length);
+    read_bytes(from, &length, sizeof length);
     if (from->failed || length <= 0) {
         return;
     }
@@ -60,30 +53,36 @@ void read_text(cursor* from, char** text) {
 }
 
 void read_source(cursor* from, lyr_ms* source) {
-    read_number(from, &source->id);
-    read_number(from, &source->type);
-    read_number(from, &source->status);
-    read_bytes(from, &source->capabilities, sizeof source->capabilities);
+    packed_media_source head = {};
+    read_bytes(from, &head, sizeof head);
+    source->id = head.id;
+    source->type = head.type;
+    source->status = head.status;
+    source->capabilities = head.capabilities;
     read_text(from, &source->uid);
     read_text(from, &source->name);
     read_text(from, &source->view_name);
 }
 
 void read_node(cursor* from, lyr_ms_node* node) {
-    read_number(from, &node->type);
-    read_number(from, &node->count);
-    read_number(from, &node->ms_id);
-    read_number(from, &node->ms_type);
+    packed_media_node head = {};
+    read_bytes(from, &head, sizeof head);
+    node->type = head.type;
+    node->count = head.count;
+    node->ms_id = head.ms_id;
+    node->ms_type = head.ms_type;
     read_text(from, &node->id);
     read_text(from, &node->name);
 }
 
 void read_metadata(cursor* from, lyr_ms_node_metadata* data) {
-    read_number(from, &data->duration);
-    read_number(from, &data->width);
-    read_number(from, &data->height);
-    read_number(from, &data->disc);
-    read_number(from, &data->track);
+    packed_metadata head = {};
+    read_bytes(from, &head, sizeof head);
+    data->duration = head.duration;
+    data->width = head.width;
+    data->height = head.height;
+    data->disc = head.disc;
+    data->track = head.track;
     read_text(from, &data->title);
     read_text(from, &data->artwork);
     read_text(from, &data->artist);
@@ -131,8 +130,8 @@ extern "C" {
 
 int32_t unpack_media_source(const void* buffer, int32_t size, int32_t count,
                             lyr_ms** records) noexcept {
-    *records =
-        static_cast<lyr_ms*>(make_records(buffer, size, count, SOURCE_LEAST, sizeof(lyr_ms)));
+    *records = static_cast<lyr_ms*>(
+        make_records(buffer, size, count, PACKED_MEDIA_SOURCE_SIZE, sizeof(lyr_ms)));
     if (*records == nullptr) {
         return -1;
     }
@@ -151,7 +150,7 @@ int32_t unpack_media_source(const void* buffer, int32_t size, int32_t count,
 int32_t unpack_media_node(const void* buffer, int32_t size, int32_t count,
                           lyr_ms_node** records) noexcept {
     *records = static_cast<lyr_ms_node*>(
-        make_records(buffer, size, count, NODE_LEAST, sizeof(lyr_ms_node)));
+        make_records(buffer, size, count, PACKED_MEDIA_NODE_SIZE, sizeof(lyr_ms_node)));
     if (*records == nullptr) {
         return -1;
     }
@@ -169,7 +168,7 @@ int32_t unpack_media_node(const void* buffer, int32_t size, int32_t count,
 int32_t unpack_metadata(const void* buffer, int32_t size, int32_t count,
                         lyr_ms_node_metadata** records) noexcept {
     *records = static_cast<lyr_ms_node_metadata*>(
-        make_records(buffer, size, count, METADATA_LEAST, sizeof(lyr_ms_node_metadata)));
+        make_records(buffer, size, count, PACKED_METADATA_SIZE, sizeof(lyr_ms_node_metadata)));
     if (*records == nullptr) {
         return -1;
     }

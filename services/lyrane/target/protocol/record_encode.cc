@@ -4,6 +4,8 @@
 #include <climits>
 #include <cstring>
 
+#include "record_layout.h"
+
 /* Writes one after the other; the caller has measured the room. */
 struct packer {
     unsigned char* at;
@@ -14,13 +16,10 @@ static void put(packer* p, const void* value, size_t bytes) noexcept {
     p->at += bytes;
 }
 
-static void put_i32(packer* p, int32_t value) noexcept {
-    put(p, &value, sizeof value);
-}
-
 static void put_text(packer* p, const char* text) noexcept {
     const size_t length = text != nullptr ? strlen(text) : 0;
-    put_i32(p, text != nullptr ? static_cast<int32_t>(length) : -1);
+    const int32_t wire_length = text != nullptr ? static_cast<int32_t>(length) : -1;
+    put(p, &wire_length, sizeof wire_length);
     if (length > 0) {
         put(p, text, length);
     }
@@ -50,10 +49,9 @@ void pack_media_source(const mediasource* sources, int32_t count, void* buffer,
     packer p = {static_cast<unsigned char*>(buffer)};
     for (int32_t i = 0; sources != nullptr && i < count; ++i) {
         const mediasource* source = &sources[i];
-        put_i32(&p, source->id);
-        put_i32(&p, source->type);
-        put_i32(&p, source->status);
-        put(&p, &source->capabilities, sizeof source->capabilities);
+        const packed_media_source head = {source->id, source->type, source->status,
+                                          source->capabilities};
+        put(&p, &head, sizeof head);
         put_text(&p, source->uid);
         put_text(&p, source->name);
         put_text(&p, source->view_name);
@@ -65,10 +63,8 @@ void pack_media_node(const medianode* nodes, int32_t count, void* buffer, int32_
     packer p = {static_cast<unsigned char*>(buffer)};
     for (int32_t i = 0; nodes != nullptr && i < count; ++i) {
         const medianode* node = &nodes[i];
-        put_i32(&p, node->type);
-        put_i32(&p, node->count);
-        put_i32(&p, node->ms_id);
-        put_i32(&p, node->ms_type);
+        const packed_media_node head = {node->type, node->count, node->ms_id, node->ms_type};
+        put(&p, &head, sizeof head);
         put_text(&p, node->id);
         put_text(&p, node->name);
     }
@@ -79,11 +75,9 @@ void pack_metadata(const metadata* data, int32_t count, void* buffer, int32_t* s
     packer p = {static_cast<unsigned char*>(buffer)};
     for (int32_t i = 0; data != nullptr && i < count; ++i) {
         const metadata* record = &data[i];
-        put_i32(&p, record->duration);
-        put_i32(&p, record->width);
-        put_i32(&p, record->height);
-        put_i32(&p, record->disc);
-        put_i32(&p, record->track);
+        const packed_metadata head = {record->duration, record->width, record->height, record->disc,
+                                      record->track};
+        put(&p, &head, sizeof head);
         put_text(&p, record->title);
         put_text(&p, record->artwork);
         put_text(&p, record->artist);

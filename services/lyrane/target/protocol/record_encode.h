@@ -1,5 +1,4 @@
-/* The packed form of records in replies: fixed-width integers in native byte order, then strings
- * as an i32 length (-1: absent) and their bytes; records back to back. The decoders are in
+/* Encoders of the packed records in replies, see record_layout.h. The decoders are in
  * <lyrane/client.h>. */
 #ifndef LYRANE_RECORD_ENCODE_H
 #define LYRANE_RECORD_ENCODE_H
@@ -7,10 +6,6 @@
 #include <cstdint>
 
 #include <lyrane/records.h>
-
-constexpr int32_t PACKED_MEDIA_SOURCE_SIZE = 32; /* bytes without those of the strings */
-constexpr int32_t PACKED_MEDIA_NODE_SIZE = 24;
-constexpr int32_t PACKED_METADATA_SIZE = 48;
 
 extern "C" {
 
