@@ -44,6 +44,7 @@ TEST(Tool, SaysInPlainWordsWhyNot) {
         {{"play", "-p", "none"}, 1, "there is no player \"none\", only: bare"},
         {{"play"}, 1, "the player \"bare\" has no track session"},
         {{"now"}, 1, "the player has no current track"},
+        {{"tracks"}, 1, "has no track session"},
         {{"browse", "stick"}, 1, "there is no media source \"stick\"; connected: 0 (disk)"},
         {{"browse", "0", "/nowhere"}, 1, "does not list this folder"},
         {{"session", "0", "none"}, 1, "there is no track in this folder"},
@@ -53,6 +54,9 @@ TEST(Tool, SaysInPlainWordsWhyNot) {
         {{"watch", "none"}, 1, "there is no player \"none\""},
         {{"nonsense"}, 2, "there is no command \"nonsense\""},
         {{"browse", "--limit", "-1"}, 2, "--limit"},
+        {{"seek", "1:60"}, 1, "\"1:60\" is no position"},
+        {{"jump", "0"}, 2, "TRACK"},
+        {{"repeat", "twice"}, 2, "MODE"},
         {{"open"}, 2, "PLAYER is required"},
         {{}, 2, "subcommand"},
     };
@@ -109,6 +113,70 @@ TEST(Tool, SteersAndTellsWhatIsPublished) {
     EXPECT_EQ(published(rig, "radio", "status"), "::stopped");
     fake_do(rig.disk, "rule play result=7");
     EXPECT_NE(tool_run({"play"}).err.find("cannot play now (result 7)"), std::string::npos);
+    rig_end(rig);
+}
+
+TEST(Tool, SteersInDetail) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    fake_do(rig.disk, "meta /album/b title=Second artist=Someone track=2 duration=61000");
+    fake_do(rig.disk, "ext /album/b codec FLAC");
+    good({"session", "-p", "radio", "--create", "0", "album"});
+    daemon_await_object(rig.daemon, "radio", "trksession", "length", ":n:3");
+    fake_do(rig.disk, "event position value=20000");
+    const struct {
+        std::vector<std::string> arguments;
+        const char* out;
+        const char* call; /* of the plug-in, and its value */
+        const char* value;
+    } cases[] = {
+        {{"jump", "2"}, "", "attach", ""},
+        {{"seek", "1:30"}, "", "seek", "90000"},
+        {{"rate", "1.500"}, "", "rate", "1.500"},
+        {{"shuffle", "on"}, "", "", ""},
+        {{"repeat", "one", "--json"}, "{\"player\":\"radio\",\"result\":0}\n", "", ""},
+        {{"tracks", "--offset", "2"},
+         "NAME   TYPE   ITEMS  ID\nThird  audio         /album/c\n",
+         "",
+         ""},
+        {{"search", "Seco"},
+         "NAME    TYPE   ITEMS  ID\nSecond  audio         /album/b\n",
+         "search",
+         ""},
+        {{"metadata", "album/Second"},
+         "title   Second\nartist  Someone\nlength  1:01\ntrack   2\n",
+         "metadata",
+         ""},
+        {{"metadata", "/album/b", "--key", "codec", "--key", "none", "--json"},
+         "{\"id\":\"/album/b\",\"values\":{\"codec\":\"FLAC\",\"none\":null}}\n",
+         "extended",
+         ""},
+        {{"players"}, "radio\n", "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arguments[0]);
+        fake_do(rig.disk, "clear");
+        EXPECT_EQ(good(c.arguments), c.out);
+        if (*c.call != '\0') {
+            const std::vector<fake_record> calls = fake_log(rig.disk, c.call);
+            ASSERT_GE(calls.size(), 1u);
+            EXPECT_EQ(fake_word(calls[0], "value").substr(0, 5), c.value);
+        }
+    }
+    EXPECT_EQ(published(rig, "radio", "shuffle"), "::on");
+    EXPECT_EQ(published(rig, "radio", "repeat"), "::one");
+    fake_do(rig.disk, "event position value=20000");
+    good({"seek", "-5"});
+    good({"seek", "-1:00"});
+    EXPECT_EQ(fake_word(fake_log(rig.disk, "seek").at(0), "value"), "15000");
+    EXPECT_EQ(fake_word(fake_log(rig.disk, "seek").at(1), "value"), "0");
+
+    good({"destroy"});
+    EXPECT_EQ(published(rig, "radio", "status"), "::idle");
+    EXPECT_NE(tool_run({"destroy"}).err.find("has no track session"), std::string::npos);
+    /* The one that made it left without closing it. */
+    EXPECT_NE(tool_run({"close", "radio"}).err.find("stays: other clients hold it"),
+              std::string::npos);
     rig_end(rig);
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <lyrane/client.h>
 
@@ -12,9 +13,15 @@
 struct arguments {
     std::string service = LYR_SERVICE_NAME;
     bool json = false;
-    std::string player; /* empty: the only one there is */
-    std::string source; /* empty: the only one there is */
-    std::string folder; /* empty: the top one */
+    std::string player;            /* empty: the only one there is */
+    std::string source;            /* empty: the only one there is */
+    std::string folder;            /* empty: the top one */
+    std::string text;              /* what is searched for, a position, a media node */
+    std::string filter;            /* of a search */
+    std::vector<std::string> keys; /* of extended metadata; empty: plain metadata */
+    std::string mode;              /* of shuffle and repeat */
+    int32_t number = 0;            /* of a track, from 1 */
+    float rate = 1.0F;
     int32_t offset = 0;
     int32_t limit = -1; /* -1: all */
     int32_t start = SESSION_START_FIRST;

@@ -71,9 +71,10 @@ source_list sources_called(const std::vector<request_source>& sources, const std
     return by_uid.empty() ? by_name : by_uid;
 }
 
-/* The id of the folder of this name among the children of another; empty when there is none. */
-bool find_folder(connection* to, int32_t source, const std::string& parent, std::string_view name,
-                 std::string* id) {
+/* The id of the child of this name in a folder, one that is a folder itself unless `any` is set;
+ * empty when there is none. */
+bool find_child(connection* to, int32_t source, const std::string& parent, std::string_view name,
+                bool any, std::string* id) {
     id->clear();
     int32_t offset = 0;
     for (;;) {
@@ -85,7 +86,7 @@ bool find_folder(connection* to, int32_t source, const std::string& parent, std:
             return true;
         }
         for (const request_node& child : children) {
-            if (child.type == LYR_NODE_FOLDER && child.name == name) {
+            if ((any || child.type == LYR_NODE_FOLDER) && child.name == name) {
                 *id = child.id;
                 return true;
             }
@@ -165,7 +166,20 @@ const request_source* choose_source(const std::string& wanted,
     return nullptr;
 }
 
-bool choose_folder(connection* to, int32_t source, const std::string& wanted, std::string* id) {
+bool choose_source_id(connection* to, const std::string& wanted, int32_t* id) {
+    std::vector<request_source> sources;
+    if (!request_sources(to, &sources)) {
+        return false;
+    }
+    const request_source* source = choose_source(wanted, sources, &to->why);
+    if (source != nullptr) {
+        *id = source->id;
+    }
+    return source != nullptr;
+}
+
+static bool choose_by_path(connection* to, int32_t source, const std::string& wanted, bool any,
+                           std::string* id) {
     *id = TOP_FOLDER;
     std::string_view rest = wanted;
     while (!rest.empty()) {
@@ -175,7 +189,7 @@ bool choose_folder(connection* to, int32_t source, const std::string& wanted, st
             continue;
         }
         std::string child;
-        if (!find_folder(to, source, *id, name, &child)) {
+        if (!find_child(to, source, *id, name, any && rest.empty(), &child)) {
             return false;
         }
         if (child.empty()) {
@@ -185,4 +199,12 @@ bool choose_folder(connection* to, int32_t source, const std::string& wanted, st
         *id = child;
     }
     return true;
+}
+
+bool choose_folder(connection* to, int32_t source, const std::string& wanted, std::string* id) {
+    return choose_by_path(to, source, wanted, false, id);
+}
+
+bool choose_node(connection* to, int32_t source, const std::string& wanted, std::string* id) {
+    return choose_by_path(to, source, wanted, true, id);
 }

@@ -22,9 +22,15 @@ const std::string* choose_player(const std::string& wanted, const std::vector<st
 const request_source* choose_source(const std::string& wanted,
                                     const std::vector<request_source>& sources, std::string* why);
 
+/* The same, asked of the service. False with the reason in the connection's `why`. */
+bool choose_source_id(connection* to, const std::string& wanted, int32_t* id);
+
 /* The media node id of a folder given as a path of names from the top, "Artist/Album", or as an id
  * as it stands: names go first, and text that leads to no folder is taken for an id. False with the
  * reason in the connection's `why` when the service cannot be asked. */
 bool choose_folder(connection* to, int32_t source, const std::string& wanted, std::string* id);
+
+/* The same for a node of any kind. */
+bool choose_node(connection* to, int32_t source, const std::string& wanted, std::string* id);
 
 #endif

@@ -1,8 +1,10 @@
 // Commands that act on a player: it is opened, they act, and it is closed again.
 #include "commands.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <system_error>
 
 #include <poll.h>
@@ -37,13 +39,15 @@ std::string refusal(connection* to, const char* verb, int32_t result) {
     return player + "cannot " + verb + " now (result " + std::to_string(result) + ")";
 }
 
-bool act(const arguments& what, uint16_t type, const char* verb, std::string* why) {
+using player_request = std::function<bool(connection* to, int32_t* result)>;
+
+bool act(const arguments& what, const char* verb, const player_request& request, std::string* why) {
     const connection_owner to = enter_existing(what, why);
     if (to == nullptr) {
         return false;
     }
     int32_t result = 0;
-    if (!request_command(to.get(), type, &result)) {
+    if (!request(to.get(), &result)) {
         *why = to->why;
         return false;
     }
@@ -59,15 +63,29 @@ bool act(const arguments& what, uint16_t type, const char* verb, std::string* wh
     return !what.json || output_json({{"player", player}, {"result", result}});
 }
 
+/* A command without a number, and one with it. */
+bool act_plain(const arguments& what, uint16_t type, const char* verb, std::string* why) {
+    return act(
+        what, verb,
+        [type](connection* to, int32_t* result) { return request_command(to, type, result); }, why);
+}
+
+bool act_number(const arguments& what, uint16_t type, int32_t number, const char* verb,
+                std::string* why) {
+    return act(
+        what, verb,
+        [type, number](connection* to, int32_t* result) {
+            return request_number(to, type, number, result);
+        },
+        why);
+}
+
 bool make_session(connection* to, const arguments& what, request_session* session) {
-    std::vector<request_source> sources;
-    if (!request_sources(to, &sources)) {
-        return false;
-    }
-    const request_source* source = choose_source(what.source, sources, &to->why);
+    int32_t source = 0;
     std::string folder;
-    return source != nullptr && choose_folder(to, source->id, what.folder, &folder) &&
-           session_make(to, source->id, folder, what.expected, what.start, session);
+    return choose_source_id(to, what.source, &source) &&
+           choose_folder(to, source, what.folder, &folder) &&
+           session_make(to, source, folder, what.expected, what.start, session);
 }
 
 /* Waits for a signal that ends us; fails when the service ends first. */
@@ -95,23 +113,96 @@ bool hold_open(connection* to, std::string* why) {
 } // namespace
 
 bool command_play(const arguments& what, std::string* why) {
-    return act(what, LYR_MSG_PLAY, "play", why);
+    return act_plain(what, LYR_MSG_PLAY, "play", why);
 }
 
 bool command_pause(const arguments& what, std::string* why) {
-    return act(what, LYR_MSG_PAUSE, "pause", why);
+    return act_plain(what, LYR_MSG_PAUSE, "pause", why);
 }
 
 bool command_stop(const arguments& what, std::string* why) {
-    return act(what, LYR_MSG_STOP, "stop", why);
+    return act_plain(what, LYR_MSG_STOP, "stop", why);
 }
 
 bool command_next(const arguments& what, std::string* why) {
-    return act(what, LYR_MSG_NEXT, "go to the next track", why);
+    return act_plain(what, LYR_MSG_NEXT, "go to the next track", why);
 }
 
 bool command_previous(const arguments& what, std::string* why) {
-    return act(what, LYR_MSG_PREVIOUS, "go to the previous track", why);
+    return act_plain(what, LYR_MSG_PREVIOUS, "go to the previous track", why);
+}
+
+bool command_jump(const arguments& what, std::string* why) {
+    return act_number(what, LYR_MSG_JUMP, what.number - 1, "jump to this track", why);
+}
+
+/* The service takes a position from the beginning of the track only. */
+bool command_seek(const arguments& what, std::string* why) {
+    int64_t position = 0;
+    bool relative = false;
+    if (!text_position(what.text, &position, &relative)) {
+        *why = "\"" + text_printable(what.text) + "\" is no position; say 90, 1:30, +10 or -10";
+        return false;
+    }
+    return act(
+        what, "seek",
+        [position, relative](connection* to, int32_t* result) {
+            int32_t now = 0;
+            if (relative && !request_position(to, &now)) {
+                return false;
+            }
+            const int64_t target = std::clamp<int64_t>(now + position, 0, INT32_MAX);
+            return request_number(to, LYR_MSG_SEEK, static_cast<int32_t>(target), result);
+        },
+        why);
+}
+
+bool command_rate(const arguments& what, std::string* why) {
+    return act(
+        what, "play at this rate",
+        [&what](connection* to, int32_t* result) { return request_rate(to, what.rate, result); },
+        why);
+}
+
+bool command_shuffle(const arguments& what, std::string* why) {
+    return act_number(what, LYR_MSG_SHUFFLE, output_shuffle_mode(what.mode), "shuffle", why);
+}
+
+bool command_repeat(const arguments& what, std::string* why) {
+    return act_number(what, LYR_MSG_REPEAT, output_repeat_mode(what.mode), "repeat", why);
+}
+
+bool command_destroy(const arguments& what, std::string* why) {
+    return act(
+        what, "destroy its track session",
+        [](connection* to, int32_t* result) {
+            request_session session;
+            if (!request_get_session(to, &session)) {
+                return false;
+            }
+            *result = -1;
+            return !session.exists || request_destroy(to, session.id, result);
+        },
+        why);
+}
+
+/* Whether the player goes is seen in the name space: the service answers the same either way. */
+bool command_close(const arguments& what, std::string* why) {
+    const connection_owner to = enter_existing(what, why);
+    if (to == nullptr) {
+        return false;
+    }
+    if (!connection_leave(to.get())) {
+        *why = to->why;
+        return false;
+    }
+    const bool gone = !enter_exists(what.player);
+    if (!gone) {
+        *why = "the player \"" + text_printable(what.player) +
+               "\" stays: other clients hold it, or have left without closing it";
+        return false;
+    }
+    return !what.json || output_json({{"player", what.player}, {"closed", true}});
 }
 
 bool command_session(const arguments& what, std::string* why) {

@@ -2,9 +2,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "choose.h"
 #include "output.h"
 #include "request.h"
 #include "table.h"
+#include "text.h"
 
 namespace {
 
@@ -56,4 +58,20 @@ bool command_sources(const arguments& what, std::string* why) {
                               joined(output_source_types(source.type)), source.uid});
     }
     return output_text(table_text(shown));
+}
+
+/* One name a line, for people and scripts; the service is asked for nothing but its presence. */
+bool command_players(const arguments& what, std::string* why) {
+    if (connection_open(what.service, why) == nullptr) {
+        return false;
+    }
+    const std::vector<std::string> players = choose_players();
+    if (what.json) {
+        return output_json(players);
+    }
+    std::string lines;
+    for (const std::string& player : players) {
+        lines += text_printable(player) + "\n";
+    }
+    return output_text(lines);
 }

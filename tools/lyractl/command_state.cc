@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "enter.h"
+#include "metadata.h"
 #include "output.h"
 #include "request.h"
 #include "text.h"
@@ -59,39 +60,20 @@ bool print_state(const arguments& what, const std::string& player, const answer&
                         {"position", got.session.exists ? text_clock(got.position) : ""}});
 }
 
-json describe_metadata(const request_track& track) {
-    if (!track.described) {
-        return nullptr;
-    }
-    const request_metadata& known = track.metadata;
-    json document = json::object();
-    const std::pair<const char*, const std::string*> texts[] = {
-        {"title", &known.title}, {"artist", &known.artist}, {"album", &known.album},
-        {"genre", &known.genre}, {"year", &known.year},     {"artwork", &known.artwork}};
-    for (const auto& [name, text] : texts) {
-        if (!text->empty()) {
-            document[name] = *text;
-        }
-    }
-    document["duration"] = known.duration;
-    document["disc"] = known.disc;
-    document["track"] = known.track;
-    return document;
-}
-
 bool print_now(const arguments& what, const std::string& player, const answer& got) {
     const request_track& track = got.track;
     const request_metadata& known = track.metadata;
     const std::string status = output_status(got.state.status);
     if (what.json) {
-        return output_json({{"player", player},
-                            {"status", status},
-                            {"session", describe_session(got.session)},
-                            {"index", track.index},
-                            {"id", track.node.id},
-                            {"name", track.node.name},
-                            {"position", got.position},
-                            {"metadata", describe_metadata(track)}});
+        return output_json(
+            {{"player", player},
+             {"status", status},
+             {"session", describe_session(got.session)},
+             {"index", track.index},
+             {"id", track.node.id},
+             {"name", track.node.name},
+             {"position", got.position},
+             {"metadata", track.described ? metadata_json(track.metadata) : json()}});
     }
     const std::string end = known.duration > 0 ? " / " + text_clock(known.duration) : "";
     return output_list(

@@ -8,7 +8,18 @@
 #include "arguments.h"
 
 bool command_sources(const arguments& what, std::string* why);
+bool command_players(const arguments& what, std::string* why);
 bool command_browse(const arguments& what, std::string* why);
+bool command_search(const arguments& what, std::string* why);
+bool command_tracks(const arguments& what, std::string* why);
+bool command_metadata(const arguments& what, std::string* why);
+bool command_jump(const arguments& what, std::string* why);
+bool command_seek(const arguments& what, std::string* why);
+bool command_rate(const arguments& what, std::string* why);
+bool command_shuffle(const arguments& what, std::string* why);
+bool command_repeat(const arguments& what, std::string* why);
+bool command_destroy(const arguments& what, std::string* why);
+bool command_close(const arguments& what, std::string* why);
 bool command_session(const arguments& what, std::string* why);
 bool command_play(const arguments& what, std::string* why);
 bool command_pause(const arguments& what, std::string* why);

@@ -27,6 +27,13 @@ enum takes : uint32_t {
     TAKES_HOLD = 0x100,      /* --hold */
     TAKES_SCREEN = 0x200,    /* --source, --folder, --seconds, --note */
     TAKES_JSON = 0x400,      /* --json */
+    TAKES_TEXT = 0x800,      /* first operand: what to search for; --filter */
+    TAKES_NODE = 0x1000,     /* first operand: a media node; --key */
+    TAKES_TRACK = 0x2000,    /* operand: number of a track, from 1 */
+    TAKES_POSITION = 0x4000, /* operand: a position in a track */
+    TAKES_RATE = 0x8000,     /* operand: a rate */
+    TAKES_ON_OFF = 0x10000,  /* operand: on or off */
+    TAKES_REPEAT = 0x20000,  /* operand: off, all or one */
 };
 
 struct command {
@@ -38,8 +45,13 @@ struct command {
 
 constexpr command COMMANDS[] = {
     {"sources", TAKES_JSON, command_sources, "List the media sources that are connected"},
+    {"players", TAKES_JSON, command_players, "List the players that there are"},
     {"browse", TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_PAGE | TAKES_JSON, command_browse,
      "List what a folder holds"},
+    {"search", TAKES_PLAYER | TAKES_TEXT | TAKES_SOURCE | TAKES_PAGE | TAKES_JSON, command_search,
+     "List what a media source finds"},
+    {"metadata", TAKES_PLAYER | TAKES_NODE | TAKES_SOURCE | TAKES_JSON, command_metadata,
+     "Show what a media source tells of a track or a folder"},
     {"session", TAKES_PLAYER | TAKES_SOURCE | TAKES_FOLDER | TAKES_START | TAKES_MAKE | TAKES_JSON,
      command_session, "Make a track session of a folder and all below it"},
     {"play", TAKES_PLAYER | TAKES_JSON, command_play, "Play, or go on after a pause"},
@@ -48,17 +60,66 @@ constexpr command COMMANDS[] = {
     {"next", TAKES_PLAYER | TAKES_JSON, command_next, "Go to the next track"},
     {"previous", TAKES_PLAYER | TAKES_JSON, command_previous,
      "Go to the previous track, or to the beginning of this one"},
+    {"jump", TAKES_PLAYER | TAKES_TRACK | TAKES_JSON, command_jump, "Go to a track of the session"},
+    {"seek", TAKES_PLAYER | TAKES_POSITION | TAKES_JSON, command_seek,
+     "Go to a position in the track"},
+    {"rate", TAKES_PLAYER | TAKES_RATE | TAKES_JSON, command_rate,
+     "Play faster, slower or backwards"},
+    {"shuffle", TAKES_PLAYER | TAKES_ON_OFF | TAKES_JSON, command_shuffle,
+     "Play the tracks in a drawn order"},
+    {"repeat", TAKES_PLAYER | TAKES_REPEAT | TAKES_JSON, command_repeat,
+     "Play the track session, or the track, again and again"},
+    {"tracks", TAKES_PLAYER | TAKES_PAGE | TAKES_JSON, command_tracks,
+     "List the tracks of the session"},
+    {"destroy", TAKES_PLAYER | TAKES_JSON, command_destroy, "End the track session"},
     {"state", TAKES_PLAYER | TAKES_JSON, command_state, "Show a player's state"},
     {"now", TAKES_PLAYER | TAKES_JSON, command_now, "Show what plays"},
     {"watch", TAKES_NAME_MAYBE | TAKES_JSON, command_watch,
      "Print every change of one player, or of all, as it happens"},
     {"open", TAKES_NAME | TAKES_HOLD | TAKES_JSON, command_open,
      "Make a player, which stays until the service ends"},
+    {"close", TAKES_NAME | TAKES_JSON, command_close, "Close a player that nobody else holds"},
     {"screen", TAKES_PLAYER | TAKES_START | TAKES_SCREEN, command_screen,
      "Show a player on the terminal, with keys to steer it"},
 };
 
+/* What a command is about; it cannot be left out. */
+void declare_object(CLI::App* sub, uint32_t takes, arguments* what) {
+    if ((takes & TAKES_TEXT) != 0) {
+        sub->add_option("TEXT", what->text, "What to search for")->required();
+        sub->add_option("--filter", what->filter, "The media source's own way to narrow a search");
+    }
+    if ((takes & TAKES_NODE) != 0) {
+        sub->add_option("NODE", what->text,
+                        "Track or folder: its path of names, as in Artist/Album/Song, or its "
+                        "media node id")
+            ->required();
+        sub->add_option("--key", what->keys, "Show the value of this key; may be given again")
+            ->allow_extra_args(false);
+    }
+    if ((takes & TAKES_TRACK) != 0) {
+        sub->add_option("TRACK", what->number, "Number of the track, from 1")
+            ->required()
+            ->check(CLI::Range(1, INT32_MAX));
+    }
+    if ((takes & TAKES_POSITION) != 0) {
+        sub->add_option("POSITION", what->text,
+                        "Seconds, or minutes and seconds as in 1:30; +10 and -10 from here")
+            ->required();
+    }
+    if ((takes & TAKES_RATE) != 0) {
+        sub->add_option("RATE", what->rate, "1 is the normal rate")->required();
+    }
+    if ((takes & (TAKES_ON_OFF | TAKES_REPEAT)) != 0) {
+        const std::vector<std::string> modes = (takes & TAKES_REPEAT) != 0
+                                                   ? std::vector<std::string>{"off", "all", "one"}
+                                                   : std::vector<std::string>{"on", "off"};
+        sub->add_option("MODE", what->mode, "The mode")->required()->check(CLI::IsMember(modes));
+    }
+}
+
 void declare_operands(CLI::App* sub, uint32_t takes, arguments* what) {
+    declare_object(sub, takes, what);
     if ((takes & TAKES_SOURCE) != 0) {
         sub->add_option("SOURCE", what->source,
                         "Media source: its id, uid or name; default: the only one");

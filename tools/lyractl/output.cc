@@ -78,6 +78,19 @@ std::string output_repeat(int32_t mode) {
     return word_for(std::begin(REPEAT_WORDS), std::end(REPEAT_WORDS), mode);
 }
 
+int32_t output_shuffle_mode(const std::string& text) {
+    return text == "on" ? LYR_SHUFFLE_ON : text == "off" ? LYR_SHUFFLE_OFF : -1;
+}
+
+int32_t output_repeat_mode(const std::string& text) {
+    for (const word& known : REPEAT_WORDS) {
+        if (text == known.text) {
+            return known.number;
+        }
+    }
+    return -1;
+}
+
 std::string output_node_type(int32_t type) {
     return word_for(std::begin(NODE_WORDS), std::end(NODE_WORDS), type);
 }

@@ -23,6 +23,9 @@ std::string output_tracks(int32_t count); /* "1 track", "2 tracks" */
 std::string output_status(int32_t status);
 std::string output_shuffle(int32_t mode);
 std::string output_repeat(int32_t mode);
+/* Their numbers; -1 for any other word. */
+int32_t output_shuffle_mode(const std::string& text);
+int32_t output_repeat_mode(const std::string& text);
 std::string output_node_type(int32_t type);
 std::vector<std::string> output_source_types(int32_t types);
 

@@ -108,16 +108,11 @@ bool request_sources(connection* to, std::vector<request_source>* sources) {
     return true;
 }
 
-bool request_children(connection* to, int32_t source, const std::string& folder, int32_t offset,
-                      int32_t limit, std::vector<request_node>* children) {
-    std::string fields;
-    pack_i32(&fields, source);
-    pack_i32(&fields, offset);
-    pack_i32(&fields, limit);
-    pack_text(&fields, folder);
+/* A request that answers a count and that many nodes. */
+static bool ask_nodes(connection* to, uint16_t type, const std::string& fields, const char* why,
+                      std::vector<request_node>* nodes) {
     connection_reply reply;
-    if (!send_expecting_success(to, LYR_MSG_BROWSE, fields, &reply,
-                                "the media source does not list this folder")) {
+    if (!send_expecting_success(to, type, fields, &reply, why)) {
         return false;
     }
     int32_t count = 0;
@@ -125,10 +120,43 @@ bool request_children(connection* to, int32_t source, const std::string& folder,
         return no_sense(to);
     }
     const size_t size = reply.body.size() - sizeof count;
-    if (count != 0 && !decode_nodes(reply.body.data() + sizeof count, size, count, children)) {
+    if (count != 0 && !decode_nodes(reply.body.data() + sizeof count, size, count, nodes)) {
         return no_sense(to);
     }
     return true;
+}
+
+bool request_children(connection* to, int32_t source, const std::string& folder, int32_t offset,
+                      int32_t limit, std::vector<request_node>* children) {
+    std::string fields;
+    pack_i32(&fields, source);
+    pack_i32(&fields, offset);
+    pack_i32(&fields, limit);
+    pack_text(&fields, folder);
+    return ask_nodes(to, LYR_MSG_BROWSE, fields, "the media source does not list this folder",
+                     children);
+}
+
+bool request_search(connection* to, int32_t source, const std::string& filter,
+                    const std::string& text, int32_t offset, int32_t limit,
+                    std::vector<request_node>* found) {
+    std::string fields;
+    pack_i32(&fields, source);
+    pack_i32(&fields, offset);
+    pack_i32(&fields, limit);
+    pack_text(&fields, filter);
+    pack_text(&fields, text);
+    return ask_nodes(to, LYR_MSG_SEARCH, fields, "the media source cannot be searched", found);
+}
+
+bool request_tracks(connection* to, uint64_t session, int32_t offset, int32_t limit,
+                    std::vector<request_node>* tracks) {
+    std::string fields;
+    pack_u64(&fields, session);
+    pack_i32(&fields, offset);
+    pack_i32(&fields, limit);
+    return ask_nodes(to, LYR_MSG_GET_TRKSESSION_TRACKS, fields,
+                     "the service does not list the tracks", tracks);
 }
 
 bool request_make_session(connection* to, int32_t source, const std::string& folder,
@@ -214,11 +242,77 @@ bool request_current(connection* to, request_track* track) {
     return true;
 }
 
-bool request_command(connection* to, uint16_t type, int32_t* result) {
+bool request_describe(connection* to, int32_t source, const std::string& node, bool* described,
+                      request_metadata* known) {
+    std::string fields;
+    pack_i32(&fields, source);
+    pack_text(&fields, node);
     connection_reply reply;
-    if (!connection_send(to, type, {}, &reply)) {
+    if (!send_expecting_success(to, LYR_MSG_GET_METADATA, fields, &reply,
+                                "the media source does not describe this")) {
+        return false;
+    }
+    *described = !reply.body.empty();
+    return !*described || decode_metadata(reply.body.data(), reply.body.size(), known) ||
+           no_sense(to);
+}
+
+bool request_values(connection* to, int32_t source, const std::string& node,
+                    const std::vector<std::string>& keys, std::vector<std::string>* values) {
+    std::string fields;
+    pack_i32(&fields, source);
+    pack_text(&fields, node);
+    pack_i32(&fields, static_cast<int32_t>(keys.size()));
+    for (const std::string& key : keys) {
+        pack_text(&fields, key);
+    }
+    connection_reply reply;
+    if (!send_expecting_success(to, LYR_MSG_GET_EXTENDED_METADATA, fields, &reply,
+                                "the media source does not tell values of this")) {
+        return false;
+    }
+    size_t at = 0;
+    while (values->size() < keys.size()) {
+        uint32_t length = 0;
+        if (!read_value(reply, at, &length, sizeof length) ||
+            length > reply.body.size() - at - sizeof length) {
+            return no_sense(to);
+        }
+        at += sizeof length;
+        values->emplace_back(reinterpret_cast<const char*>(reply.body.data()) + at, length);
+        at += length;
+    }
+    return true;
+}
+
+static bool command(connection* to, uint16_t type, const std::string& fields, int32_t* result) {
+    connection_reply reply;
+    if (!connection_send(to, type, fields, &reply)) {
         return false;
     }
     *result = reply.result;
     return true;
+}
+
+bool request_command(connection* to, uint16_t type, int32_t* result) {
+    return command(to, type, {}, result);
+}
+
+bool request_number(connection* to, uint16_t type, int32_t number, int32_t* result) {
+    std::string fields;
+    pack_i32(&fields, number);
+    return command(to, type, fields, result);
+}
+
+bool request_rate(connection* to, float rate, int32_t* result) {
+    int32_t bits = 0;
+    static_assert(sizeof bits == sizeof rate);
+    std::memcpy(&bits, &rate, sizeof bits);
+    return request_number(to, LYR_MSG_SET_SPEED, bits, result);
+}
+
+bool request_destroy(connection* to, uint64_t session, int32_t* result) {
+    std::string fields;
+    pack_u64(&fields, session);
+    return command(to, LYR_MSG_DESTROY_TRKSESSION, fields, result);
 }

@@ -63,6 +63,24 @@ bool request_sources(connection* to, std::vector<request_source>* sources);
 bool request_children(connection* to, int32_t source, const std::string& folder, int32_t offset,
                       int32_t limit, std::vector<request_node>* children);
 
+/* The same for what a media source finds for a text; the filter, which may be empty, is the
+ * plug-in's own. */
+bool request_search(connection* to, int32_t source, const std::string& filter,
+                    const std::string& text, int32_t offset, int32_t limit,
+                    std::vector<request_node>* found);
+
+/* The same for the tracks of the player's session. */
+bool request_tracks(connection* to, uint64_t session, int32_t offset, int32_t limit,
+                    std::vector<request_node>* tracks);
+
+/* Metadata of a node; *described is false when it has none. */
+bool request_describe(connection* to, int32_t source, const std::string& node, bool* described,
+                      request_metadata* known);
+
+/* Extended metadata: a value for each key, empty when there is none. */
+bool request_values(connection* to, int32_t source, const std::string& node,
+                    const std::vector<std::string>& keys, std::vector<std::string>* values);
+
 /* Makes a track session of a folder and what is below it. */
 bool request_make_session(connection* to, int32_t source, const std::string& folder,
                           int32_t expected, int32_t start, uint64_t* id);
@@ -78,5 +96,10 @@ bool request_current(connection* to, request_track* track);
 
 /* A command without fields: play, pause, stop, next, previous. *result is what it returned. */
 bool request_command(connection* to, uint16_t type, int32_t* result);
+
+/* A command with one number (jump, seek, shuffle, repeat), with a rate, with a track session. */
+bool request_number(connection* to, uint16_t type, int32_t number, int32_t* result);
+bool request_rate(connection* to, float rate, int32_t* result);
+bool request_destroy(connection* to, uint64_t session, int32_t* result);
 
 #endif

@@ -182,3 +182,26 @@ bool text_number(std::string_view text, int64_t* number) {
     const auto result = std::from_chars(text.data(), text.data() + text.size(), *number);
     return result.ec == std::errc() && result.ptr == text.data() + text.size() && !text.empty();
 }
+
+bool text_position(std::string_view text, int64_t* milliseconds, bool* relative) {
+    *relative = !text.empty() && (text[0] == '+' || text[0] == '-');
+    const bool back = !text.empty() && text[0] == '-';
+    if (*relative) {
+        text.remove_prefix(1);
+    }
+    int64_t seconds = 0;
+    for (int parts = 0;; ++parts) {
+        const std::string_view part = text.substr(0, text.find(':'));
+        int64_t number = 0;
+        const bool digits = !part.empty() && part[0] != '-' && text_number(part, &number);
+        if (!digits || parts > 2 || number > INT32_MAX || (parts > 0 && number > 59)) {
+            return false;
+        }
+        seconds = seconds * 60 + number;
+        if (part.size() == text.size()) {
+            *milliseconds = (back ? -1 : 1) * seconds * 1000;
+            return true;
+        }
+        text.remove_prefix(part.size() + 1);
+    }
+}

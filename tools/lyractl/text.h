@@ -26,6 +26,10 @@ std::string text_pad(std::string_view printable, int32_t width, bool right);
 /* Milliseconds as minutes and seconds, "3:07", or "1:02:03"; "-:--" below 0. */
 std::string text_clock(int64_t milliseconds);
 
+/* A time in seconds, "90", or with colons, "1:30", "1:02:03", as milliseconds; behind + or - it is
+ * relative. False when it is none. */
+bool text_position(std::string_view text, int64_t* milliseconds, bool* relative);
+
 /* Whether two texts are equal, letter case of ASCII aside. */
 bool text_same(std::string_view left, std::string_view right);
 
