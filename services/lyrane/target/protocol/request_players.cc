@@ -47,6 +47,10 @@ void handle_close(request_call* call) noexcept {
 
 /* Answers while another thread holds the player lock, so it takes none. */
 void handle_get_current_state(request_call* call) noexcept {
+    if (call->player->closed != 0) {
+        request_reply(call, -1);
+        return;
+    }
     int32_t repeat = call->player->repeat_mode;
     int32_t shuffle = call->player->shuffle_mode;
     int32_t status = call->player->status;

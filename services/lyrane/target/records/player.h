@@ -26,6 +26,7 @@ struct player {
     std::atomic<int32_t> shuffle_mode;
     std::atomic<int32_t> repeat_mode;
     std::atomic<float> playback_rate;
+    std::atomic<int32_t> closed; /* 1: torn down; leave at once */
 
     /* Changed under the player lock and the hold lock; without the player lock it is read through
      * trksession_hold, and by the build thread through trksession_of_builder. */
@@ -53,7 +54,6 @@ struct player {
 
     control_block* control;                             /* constant */
     int32_t pins VEL_GUARDED_BY(control->players_lock); /* see player_pin.h */
-    int32_t closed VEL_GUARDED_BY(lock);                /* 1: torn down; leave at once */
     int32_t error_run VEL_GUARDED_BY(lock); /* skips in a row without a track that played */
 };
 
