@@ -1,7 +1,6 @@
-/* The decoders: the layouts byte by byte, and bytes that lie. */
+/* The decoders on bytes that are too few or lie; what they read is told in tests/protocol. */
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -117,53 +116,8 @@ void expect_borders(const bytes& record, auto* none, size_t last_text) {
 
 } // namespace
 
-TEST(Decode, MediaSource) {
-    const bytes two = twice(SOURCE);
-    lyr_ms* sources;
-    ASSERT_EQ(unpack_media_source(two.data(), static_cast<int32_t>(two.size()), 2, &sources), 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(sources[i].id, 5);
-        EXPECT_EQ(sources[i].type, LYR_MS_TYPE_USB);
-        EXPECT_EQ(sources[i].status, -1);
-        EXPECT_EQ(sources[i].capabilities, UINT64_C(0x8000000200040001));
-        EXPECT_STREQ(sources[i].uid, "uid");
-        EXPECT_EQ(sources[i].name, nullptr);
-        EXPECT_STREQ(sources[i].view_name, "\xC3\x28");
-    }
-    release(sources, 2);
-    expect_borders(SOURCE, sources = nullptr, 31);
-}
-
-TEST(Decode, MediaNode) {
-    const bytes two = twice(NODE);
-    lyr_ms_node* nodes;
-    ASSERT_EQ(unpack_media_node(two.data(), static_cast<int32_t>(two.size()), 2, &nodes), 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(nodes[i].type, LYR_NODE_FOLDER);
-        EXPECT_EQ(nodes[i].count, 10000);
-        EXPECT_EQ(nodes[i].ms_id, 7);
-        EXPECT_EQ(nodes[i].ms_type, LYR_MS_TYPE_DLNA);
-        EXPECT_STREQ(nodes[i].id, "/");
-        EXPECT_EQ(nodes[i].name, nullptr);
-    }
-    release(nodes, 2);
-    expect_borders(NODE, nodes = nullptr, 21);
-}
-
-TEST(Decode, Metadata) {
-    lyr_ms_node_metadata* data;
-    const bytes two = twice(METADATA);
-    ASSERT_EQ(unpack_metadata(two.data(), static_cast<int32_t>(two.size()), 2, &data), 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(data[i].duration, 10000);
-        EXPECT_EQ(data[i].width, 640);
-        EXPECT_EQ(data[i].height, 480);
-        EXPECT_EQ(data[i].disc, 2);
-        EXPECT_EQ(data[i].track, 9);
-        EXPECT_EQ(std::string(data[i].title) + data[i].artwork + data[i].artist + data[i].album +
-                      data[i].genre + data[i].year + data[i].extra,
-                  "twalgyx");
-    }
-    release(data, 2);
-    expect_borders(METADATA, data = nullptr, 50);
+TEST(Decode, NothingBehindTheBytesIsRead) {
+    expect_borders(SOURCE, static_cast<lyr_ms*>(nullptr), 31);
+    expect_borders(NODE, static_cast<lyr_ms_node*>(nullptr), 21);
+    expect_borders(METADATA, static_cast<lyr_ms_node_metadata*>(nullptr), 50);
 }
