@@ -110,6 +110,15 @@ void message_unpin(message_channel* channel, message_connection* connection) noe
 /* Frees a connection that nobody can reach. */
 void message_connection_free(message_channel* channel, message_connection* connection) noexcept;
 
+/* Names (message_name.cc). */
+
+/* Serves a name whose lock the caller has claimed, and hands over, with success or without. False
+ * with errno set; *name is to be removed in either case. */
+bool message_name_listen(message_name* name, const char* path, int lock, mode_t mode, uid_t uid,
+                         gid_t gid) noexcept;
+/* Removes the files that are still ours and closes everything. */
+void message_name_remove(message_name* name) noexcept;
+
 /* Accepting (message_accept.cc). */
 
 /* Connections that the process's descriptor limit allows; raises the soft limit first. */

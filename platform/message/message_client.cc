@@ -19,15 +19,10 @@
 #include <veloran/lock.h>
 #include <veloran/paths.h>
 
-namespace {
+#include "message_connect.h"
 
-/* Events that a client has not read yet: room for some thousands. */
-constexpr int EVENT_BUFFER_SIZE = 1024 * 1024;
-constexpr size_t PIECES_ON_STACK = 16;
-constexpr size_t SHORT_PACKET = 512;
-
-/* Connects by a path of any length: a long one goes through a descriptor of its folder. */
-int connect_path(int fd, const char* real) {
+/* A long path goes through a descriptor of its folder. */
+int message_connect_path(int fd, const char* real) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     vel_fd folder;
@@ -56,6 +51,13 @@ int connect_path(int fd, const char* real) {
     } while (result != 0 && errno == EINTR);
     return result;
 }
+
+namespace {
+
+/* Events that a client has not read yet: room for some thousands. */
+constexpr int EVENT_BUFFER_SIZE = 1024 * 1024;
+constexpr size_t PIECES_ON_STACK = 16;
+constexpr size_t SHORT_PACKET = 512;
 
 ssize_t send_looped(int fd, const msghdr* packet) {
     ssize_t sent;
@@ -227,7 +229,7 @@ int32_t message_connect(message_client* client, const char* path) noexcept {
         return -1;
     }
     vel_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (fd.value < 0 || connect_path(fd.value, real) != 0) {
+    if (fd.value < 0 || message_connect_path(fd.value, real) != 0) {
         return -1;
     }
     *client = message_client{fd.release(), 0, false};

@@ -131,8 +131,16 @@ int open_listener(message_name* name, mode_t mode, uid_t uid, gid_t gid) {
     return fd.release();
 }
 
-/* Removes the files that are still ours and closes everything. */
-void remove_name(message_name* name) {
+bool watch(message_channel* channel, int fd, int32_t index) {
+    epoll_event entry{};
+    entry.events = EPOLLIN;
+    entry.data.u64 = MESSAGE_ENTRY_NAME | static_cast<uint32_t>(index);
+    return epoll_ctl(channel->epoll_fd, EPOLL_CTL_ADD, fd, &entry) == 0;
+}
+
+} // namespace
+
+void message_name_remove(message_name* name) noexcept {
     struct stat present;
     if (name->listen_fd >= 0) {
         if (fstatat(name->dir_fd, name->leaf, &present, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -153,14 +161,18 @@ void remove_name(message_name* name) {
     *name = message_name{};
 }
 
-bool watch(message_channel* channel, int fd, int32_t index) {
-    epoll_event entry{};
-    entry.events = EPOLLIN;
-    entry.data.u64 = MESSAGE_ENTRY_NAME | static_cast<uint32_t>(index);
-    return epoll_ctl(channel->epoll_fd, EPOLL_CTL_ADD, fd, &entry) == 0;
+bool message_name_listen(message_name* name, const char* path, int lock, mode_t mode, uid_t uid,
+                         gid_t gid) noexcept {
+    char leaf[LEAF_MAX + 1];
+    name->lock_fd = lock;
+    name->dir_fd = open_folder(path, leaf, false);
+    if (name->dir_fd < 0) {
+        return false;
+    }
+    memcpy(name->leaf, leaf, strlen(leaf) + 1);
+    name->listen_fd = open_listener(name, mode, uid, gid);
+    return name->listen_fd >= 0;
 }
-
-} // namespace
 
 extern "C" {
 
@@ -185,15 +197,9 @@ int32_t message_name_claim(const char* path) noexcept {
 int32_t message_name_attach(message_channel* channel, const char* path, int32_t lock, mode_t mode,
                             uid_t uid, gid_t gid) noexcept {
     message_name name;
-    name.lock_fd = lock;
-    char leaf[LEAF_MAX + 1];
-    name.dir_fd = open_folder(path, leaf, false);
-    if (name.dir_fd >= 0) {
-        memcpy(name.leaf, leaf, strlen(leaf) + 1);
-        name.listen_fd = open_listener(&name, mode, uid, gid);
-    }
-    int error = name.listen_fd < 0 ? errno : ENOSPC;
-    if (name.listen_fd >= 0) {
+    const bool listening = message_name_listen(&name, path, lock, mode, uid, gid);
+    int error = listening ? ENOSPC : errno;
+    if (listening) {
         vel_lock_guard guard(channel->lock);
         for (int32_t i = 0; i < MESSAGE_NAMES_MAX; ++i) {
             if (channel->names[i].listen_fd < 0) {
@@ -206,7 +212,7 @@ int32_t message_name_attach(message_channel* channel, const char* path, int32_t 
             }
         }
     }
-    remove_name(&name);
+    message_name_remove(&name);
     errno = error;
     return -1;
 }
@@ -216,7 +222,7 @@ void message_name_detach_all(message_channel* channel) noexcept {
     for (message_name& name : channel->names) {
         if (name.listen_fd >= 0) {
             (void)epoll_ctl(channel->epoll_fd, EPOLL_CTL_DEL, name.listen_fd, nullptr);
-            remove_name(&name);
+            message_name_remove(&name);
         }
     }
 }
