@@ -59,10 +59,32 @@ static void set_position(json_tree* tree, std::string_view text, size_t position
     tree->column = static_cast<int32_t>(before.size() - line_start + 1);
 }
 
+/* Where the container begins that is one too deep. The parser does not say where it is, but what it
+ * has taken so far is well-formed, so brackets outside strings can be counted. */
+static size_t too_deep_at(std::string_view text) {
+    int32_t depth = 0;
+    bool in_string = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (in_string) {
+            i += c == '\\' ? 1 : 0;
+            in_string = c != '"';
+            continue;
+        }
+        in_string = c == '"';
+        depth += c == '[' || c == '{' ? 1 : c == ']' || c == '}' ? -1 : 0;
+        if (depth > PPS_JSON_DEPTH_MAX) {
+            return i;
+        }
+    }
+    return text.size();
+}
+
 static bool begin_container(build_state* state, int32_t type) {
     if (state->open.size() == static_cast<size_t>(PPS_JSON_DEPTH_MAX)) {
         state->tree->error = PPS_JSON_DEPTH;
         state->tree->reason = "nested too deeply";
+        set_position(state->tree, state->text, too_deep_at(state->text));
         return false;
     }
     add_node(state, type);

@@ -173,6 +173,15 @@ TEST_F(json_decoder, bounds_the_depth) {
               PPS_JSON_DEPTH);
     EXPECT_EQ(pps_decoder_parse_json_str(&decoder, std::string(2 << 20, '[').c_str()),
               PPS_JSON_DEPTH);
+    /* Brackets in strings and containers that have ended do not count for the place. */
+    const std::string front = "[{},\"[\\\"[\",\n ";
+    EXPECT_EQ(pps_decoder_parse_json_str(&decoder, (front + nested(PPS_JSON_DEPTH_MAX)).c_str()),
+              PPS_JSON_DEPTH);
+    int32_t line = 0;
+    int32_t column = 0;
+    pps_decoder_error(&decoder, &line, &column, nullptr);
+    EXPECT_EQ(line, 2);
+    EXPECT_EQ(column, 1 + PPS_JSON_DEPTH_MAX);
     ASSERT_EQ(pps_decoder_parse_json_str(&decoder, nested(PPS_JSON_DEPTH_MAX).c_str()),
               PPS_JSON_OK);
     int32_t depth = 0;
