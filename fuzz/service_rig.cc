@@ -1,0 +1,229 @@
+#include "service_rig.h"
+
+#include <vector>
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <fake.h>
+#include <lyrane/client.h>
+#include <veloran/dict.h>
+#include <veloran/process.h>
+
+#include "control.h"
+#include "input.h"
+#include "msglog.h"
+#include "player_registry.h"
+#include "plugin_load.h"
+#include "ppsdir.h"
+#include "service.h"
+#include "trksession.h"
+#include "trksession_hold.h"
+
+namespace {
+
+const fake_api_table* fake;
+msgserver server; /* the reply functions and the control block are all that the worker uses */
+osb connections[RIG_CONNECTIONS];
+player_cfg settings;
+int descriptors;
+bool changed = true; /* the plug-in is not as rig_begin leaves it */
+
+rig_reply reply;
+int replies;
+
+/* The nodes of every source: folders in folders, many tracks, names of any bytes, a video, a node
+ * that is neither, one without name and address. */
+constexpr const char* TREE = "tree\n"
+                             "/a|F\n/a/1.mp3|A\n/a/2.mp3|A\n/a/b/3.mp3|A\n/a/b/c/4.mp3|A\n"
+                             "/a/film|V|Film||7\n/a/other|9|-|-\n"
+                             "/odd\\xFF\\x01|A|\\xC3\\x28 \"q\"\n"
+                             "/empty|F\n/many|tracks:70\n/deep|tree:3,2,2\n/z|A";
+
+constexpr const char* META = "meta /a/1.mp3 title=\"One \\xFF\" artist=Two album=Three genre=Four "
+                             "year=1999 extra=\"x\\ny\" artwork=\"file:/p\" duration=1000 width=3 "
+                             "height=4 disc=1 track=9";
+
+/* Everything; browsing alone; a device that lists itself and plays everything. */
+constexpr const char* SOURCES[RIG_SOURCES] = {"u0 auto=0", "u1 auto=0 noname=1 caps=0x40000",
+                                              "u2 auto=0 type=2 view=\"a view\" caps=0x100F045F"};
+
+/* What an input may take out of the plug-in's tables. */
+constexpr const char* REMOVABLE[] = {"browse", "metadata", "play",
+                                     "attach", "play_api", "browse_api"};
+
+int next_descriptor(void) {
+    const int fd = dup(0);
+    close(fd);
+    return fd;
+}
+
+int32_t take_replyv(osb*, recv_context*, int32_t status, const iovec* pieces, int32_t count) {
+    replies += 1;
+    reply.status = status;
+    for (int32_t i = 0; i < count; ++i) {
+        if (pieces[i].iov_len > 0) {
+            reply.body.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
+        }
+    }
+    return 0;
+}
+
+int32_t take_reply(osb* connection, recv_context* context, int32_t status, const void* data,
+                   int32_t length) {
+    const iovec piece = {const_cast<void*>(data), static_cast<size_t>(length)};
+    return take_replyv(connection, context, status, &piece, 1);
+}
+
+/* Waits for the build thread of the connection's player, if there is one. */
+void await_build(player* owner) {
+    trksession* session = owner == nullptr ? nullptr : trksession_hold(owner);
+    if (session != nullptr) {
+        vel_lock_guard guard(session->lock);
+        while (session->build_started != 0 && session->build_done == 0) {
+            pthread_cond_wait(&session->build_over, &session->lock.native);
+        }
+    }
+    trksession_release(session);
+}
+
+/* Player directories below the service's. */
+int player_directories(void) {
+    DIR* folder = opendir((fuzz_root() + "/run/pps/services/lyrane").c_str());
+    int count = 0;
+    while (const dirent* entry = folder == nullptr ? nullptr : readdir(folder)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    if (folder != nullptr) {
+        closedir(folder);
+    }
+    return count;
+}
+
+std::string tell(const std::string& command) {
+    char* text = nullptr;
+    (void)fake->command(command.c_str(), &text);
+    std::string answer = text;
+    free(text);
+    return answer;
+}
+
+void connect_sources(void) {
+    for (int i = 0; i < RIG_SOURCES; ++i) {
+        tell(std::string("source ") + SOURCES[i]);
+        const std::string uid = "u" + std::to_string(i);
+        require(tell("event connected uid=" + uid) == std::to_string(i), "a media source");
+    }
+}
+
+/* As an input finds it; the commands cost more than most inputs, so they are not given in vain. */
+void put_plugin_back(void) {
+    tell("reset");
+    if (changed) {
+        tell("device off");
+        connect_sources();
+        changed = false;
+    }
+}
+
+/* Gives the tables their entries again, and waits for events that the plug-in has posted itself. */
+void calm_plugin(void) {
+    for (const char* entry : REMOVABLE) {
+        tell(std::string("restore ") + entry);
+    }
+    tell("event finished");
+}
+
+} // namespace
+
+/* Ending the process is what no request may bring about; the linker puts this in its place. */
+extern "C" [[noreturn]] void __wrap_process_end(int32_t) noexcept {
+    require(false, "the service goes on");
+    abort();
+}
+
+std::string rig_command(const std::string& command) {
+    changed = true;
+    return tell(command);
+}
+
+void rig_start(void) {
+    (void)fuzz_root();
+    vel_mutex_init(&mmcontrol.players_lock);
+    vel_mutex_init(&mmcontrol.mediasources_lock);
+    vel_mutex_init(&mmcontrol.registry_leaf);
+    mmcontrol.player_cfg = &settings;
+    mmcontrol.lastmode_max_try = 5;
+    require(ppsdir_initialize(&mmcontrol) == 0, "the published tree");
+    strm_dict* none = strm_dict_new();
+    require(plugin_load(&mmcontrol, FAKE_LIBRARY, none) == 0, "the scripted plug-in");
+    strm_dict_destroy(none);
+    void* library = dlopen(FAKE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    fake = static_cast<const fake_api_table*>(dlsym(library, "fake_api"));
+    server.user_data = &mmcontrol;
+    server.reply = take_reply;
+    server.replyv = take_replyv;
+    tell(TREE);
+    tell(META);
+    tell("ext /a/1.mp3 key value");
+}
+
+void rig_begin(unsigned bits) {
+    static constexpr int32_t depths[] = {-1, 1, 2, 4};
+    msglog_set_level((bits & 1) != 0 ? MSGLOG_LEVEL_MAX : 4);
+    mmcontrol.verbosity = (bits & 2) != 0 ? MSGLOG_LEVEL_MAX : 0;
+    settings = {nullptr, nullptr, 250, static_cast<int32_t>(bits >> 2 & 1), depths[bits >> 3 & 3]};
+    put_plugin_back();
+    descriptors = next_descriptor();
+    for (osb& connection : connections) {
+        connection = {};
+        connection.server = &server;
+        require(service_connect(&connection, nullptr, nullptr) == 0, "everybody may connect");
+    }
+}
+
+void rig_end(void) {
+    for (osb& connection : connections) {
+        service_disconnect(&connection, nullptr, nullptr);
+    }
+    require(mmcontrol.client_count == 0, "clients are counted");
+    (void)players_force_close(&mmcontrol);
+    if (changed) {
+        calm_plugin();
+    }
+    require(tell("sessions").empty(), "no session of the plug-in is left");
+    const std::string violations = tell("violations");
+    require(violations.empty(), violations.c_str());
+    require(player_directories() == 0, "no player is published any more");
+    /* A player's threads may still be closing theirs. What stays open ends as a time-out. */
+    while (next_descriptor() != descriptors) {
+        sched_yield();
+    }
+}
+
+void rig_reconnect(int connection) {
+    service_disconnect(&connections[connection], nullptr, nullptr);
+    (void)service_connect(&connections[connection], nullptr, nullptr);
+}
+
+rig_reply rig_request(int connection, const std::string& payload, bool await) {
+    osb* sender = &connections[connection];
+    std::vector<unsigned char> exact(payload.begin(), payload.end()); /* reads behind it are seen */
+    msg_header header = {};
+    header.type = CSM_PUTGET;
+    header.length = static_cast<int32_t>(exact.size());
+    recv_context context = {};
+    context.buffer = reinterpret_cast<unsigned char*>(&header);
+    context.payload = exact.data();
+    context.payload_size = header.length;
+    replies = 0;
+    reply = {};
+    service_worker(sender, &context, nullptr);
+    require(replies == 1, "a request has one reply");
+    if (await) {
+        await_build(static_cast<player*>(sender->user_data));
+    }
+    return reply;
+}

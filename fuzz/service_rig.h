@@ -1,0 +1,38 @@
+/* The service in the process of a fuzz target: players, media sources of the scripted plug-in, and
+ * two connections whose requests go straight to the service's worker and whose replies come back
+ * here. */
+#ifndef FUZZ_SERVICE_RIG_H
+#define FUZZ_SERVICE_RIG_H
+
+#include <cstdint>
+#include <string>
+
+constexpr int RIG_CONNECTIONS = 2;
+constexpr int RIG_SOURCES = 3;
+
+/* The reply to a request. */
+struct rig_reply {
+    int32_t status = 0;
+    std::string body;
+};
+
+/* Sets everything up, once. */
+void rig_start(void);
+
+/* Puts the plug-in and the settings back, and connects. `settings`: the log level, the progression
+ * mode and the recursion depth, a few bits each. */
+void rig_begin(unsigned settings);
+
+/* Disconnects and closes all players. Whatever is left then is a finding. */
+void rig_end(void);
+
+/* One request, to its one reply. `await`: until the track session is built. */
+rig_reply rig_request(int connection, const std::string& payload, bool await);
+
+/* The client leaves without a word, and another one comes. */
+void rig_reconnect(int connection);
+
+/* A command of the scripted plug-in, whose refusals do not matter; its answer. */
+std::string rig_command(const std::string& command);
+
+#endif
