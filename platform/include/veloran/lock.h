@@ -41,6 +41,9 @@ inline void vel_mutex_destroy(vel_mutex* mutex) noexcept {
 inline void vel_mutex_lock(vel_mutex* mutex) noexcept VEL_ACQUIRE(mutex) VEL_NO_TSA {
     pthread_mutex_lock(&mutex->native);
 }
+inline bool vel_mutex_try_lock(vel_mutex* mutex) noexcept VEL_TRY_ACQUIRE(true, mutex) VEL_NO_TSA {
+    return pthread_mutex_trylock(&mutex->native) == 0;
+}
 inline void vel_mutex_unlock(vel_mutex* mutex) noexcept VEL_RELEASE(mutex) VEL_NO_TSA {
     pthread_mutex_unlock(&mutex->native);
 }

@@ -7,45 +7,58 @@
 
 #include <unistd.h>
 
+#include <veloran/json.h>
 #include <veloran/process.h>
+#include <veloran/server_object.h>
 
 #include "msglog.h"
 
-/* Longest wait for the arbiter's answer; the waiting command holds the player lock on the thread
- * that serves all clients. */
-static constexpr time_t ANSWER_WAIT_SECONDS = 1;
+/* Longest wait for the arbiter's answer, and for the end of a player's thread. The main thread
+ * waits, and with it every client. */
+static constexpr time_t WAIT_SECONDS = 1;
 
 static void send_message(player* player, const char* text) noexcept VEL_REQUIRES(player->np_lock) {
     if (player->np_fd == -1) {
         return;
     }
     const size_t length = strlen(text);
-    ssize_t written = 0;
-    do {
-        written = write(player->np_fd, text, length);
-    } while (written < 0 && errno == EINTR);
-    const int error = written < 0 ? errno : EAGAIN;
-    const int32_t thread = process_thread_id();
-    if (written == static_cast<ssize_t>(length)) {
+    const int32_t thread = player->np_thread;
+    if (server_object_write(player->np_fd, text, length) == 0) {
         msglog(7, "fd#%d Thread#%d for player:%s sending msg to NowPlaying: %s, msglength: %d",
                player->np_fd, thread, player->name, text, static_cast<int>(length));
     } else {
         msglog(3,
                "Thread#%d for player:%s failed to write message to NowPlaying control file, %s\n",
-               thread, player->name, msglog_error_text(error));
+               thread, player->name, msglog_error_text(errno));
     }
 }
 
-/* Waits until the grant is there or the time has passed. */
-static void await_grant(player* player) noexcept VEL_REQUIRES(player->np_lock) VEL_NO_TSA
-/* a condition variable waits with the lock */ {
+static timespec deadline_from_now(void) noexcept {
     timespec deadline = {};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += ANSWER_WAIT_SECONDS;
-    while (player->np_acquired == 0 && player->np_fd != -1 &&
-           pthread_cond_clockwait(&player->np_cond, &player->np_lock.native, CLOCK_MONOTONIC,
-                                  &deadline) == 0) {
+    deadline.tv_sec += WAIT_SECONDS;
+    return deadline;
+}
+
+/* Waits while *flag is set; false when the time has passed. */
+static bool await_clear(player* player, const int32_t* flag) noexcept
+    VEL_REQUIRES(player->np_lock) VEL_NO_TSA /* a condition variable waits with the lock */ {
+    const timespec deadline = deadline_from_now();
+    while (__atomic_load_n(flag, __ATOMIC_RELAXED) != 0) {
+        if (pthread_cond_clockwait(&player->np_cond, &player->np_lock.native, CLOCK_MONOTONIC,
+                                   &deadline) != 0) {
+            return *flag == 0;
+        }
     }
+    return true;
+}
+
+/* Asks the arbiter and waits for what it says, whatever that is. */
+static void ask(player* player) noexcept VEL_REQUIRES(player->np_lock) {
+    player->np_waiting = 1;
+    send_message(player, "msg::acquire\nid::1");
+    (void)await_clear(player, &player->np_waiting);
+    player->np_waiting = 0;
 }
 
 extern "C" {
@@ -53,6 +66,27 @@ extern "C" {
 void nowplaying_msg(player* player, const char* text) noexcept {
     vel_lock_guard guard(player->np_lock);
     send_message(player, text);
+}
+
+void nowplaying_register(player* player, const char* name, const char* prio, const char* audio,
+                         const char* overlay) noexcept {
+    pps_encoder encoder;
+    pps_encoder_initialize(&encoder);
+    pps_encoder_start_object(&encoder, "dat");
+    pps_encoder_add_string(&encoder, "name", name);
+    pps_encoder_add_string(&encoder, "prio", prio);
+    pps_encoder_add_string(&encoder, "audio", audio);
+    pps_encoder_add_string(&encoder, "overlay", overlay);
+    pps_encoder_end_object(&encoder);
+    const char* data = pps_encoder_buffer(&encoder);
+    char* text = nullptr;
+    if (data == nullptr || asprintf(&text, "msg::register\nid::1\n%s", data) < 0) {
+        msglog(1, "Cannot allocate memory");
+        return;
+    }
+    pps_encoder_cleanup(&encoder);
+    nowplaying_msg(player, text);
+    free(text);
 }
 
 int32_t nowplaying_acquire(player* player) noexcept {
@@ -70,8 +104,7 @@ int32_t nowplaying_acquire(player* player) noexcept {
         player->np_acquired = 0;
         return 1;
     }
-    send_message(player, "msg::acquire\nid::1");
-    await_grant(player);
+    ask(player);
     if (player->np_fd == -1) {
         return 1; /* the arbiter went away meanwhile */
     }
@@ -95,4 +128,28 @@ void nowplaying_state(player* player, const char* state) noexcept {
     snprintf(text, sizeof text, "msg::state\nid::1\ndat::%s", state);
     nowplaying_msg(player, text);
 }
+}
+
+void nowplaying_start(player* player, const nowplaying_commands* commands) noexcept {
+    {
+        vel_lock_guard guard(player->np_lock);
+        player->np_running = 1;
+    }
+    player->np_commands = commands;
+    const int32_t error =
+        process_thread_start("nowplaying", 1, monitor_nowplaying_pps, player, nullptr);
+    if (error != 0) {
+        msglog(2,
+               "Unable to create thread to check if NowPlaying service is available for "
+               "playing:%s - Error: %s",
+               player->name, msglog_error_text(error));
+    }
+}
+
+void nowplaying_end(player* player) noexcept {
+    const uint64_t one = 1;
+    vel_lock_guard guard(player->np_lock);
+    player->np_ending = 1;
+    (void)!write(player->np_wake, &one, sizeof one);
+    (void)await_clear(player, &player->np_running);
 }

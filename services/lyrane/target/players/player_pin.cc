@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include <unistd.h>
+
 #include "msglog.h"
 
 /* Nobody else knows the player any more, so its lock is not taken. */
@@ -11,6 +13,9 @@ void player_free(player* player) noexcept VEL_NO_TSA {
     vel_mutex_destroy(&player->lock);
     vel_mutex_destroy(&player->np_lock);
     pthread_cond_destroy(&player->np_cond);
+    if (player->np_wake >= 0) {
+        close(player->np_wake);
+    }
     free(player);
 }
 

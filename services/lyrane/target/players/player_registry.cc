@@ -6,6 +6,8 @@
 #include <ctime>
 #include <new>
 
+#include <sys/eventfd.h>
+
 #include "mediasource.h"
 #include "msglog.h"
 #include "nowplaying.h"
@@ -45,6 +47,7 @@ static player* player_make(control_block* control, const char* name) noexcept {
     vel_mutex_init(&made->lock);
     vel_mutex_init(&made->np_lock);
     pthread_cond_init(&made->np_cond, nullptr);
+    made->np_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     made->name = own_name;
     made->control = control;
     made->config = control->player_cfg;
@@ -58,6 +61,10 @@ static player* player_make(control_block* control, const char* name) noexcept {
     }
     return made;
 }
+
+/* What the player's thread does when the arbiter of the audio focus tells it. */
+static const nowplaying_commands focus_commands = {player_play, player_pause,    player_stop,
+                                                   player_next, player_previous, player_unpin};
 
 /* The writers that every player has, in the order in which they are made and closed. */
 struct writer_entry {
@@ -113,7 +120,7 @@ static player* player_add(control_block* control, const char* name) noexcept
         return nullptr;
     }
     player* made = player_make(control, name);
-    if (made == nullptr || publish_objects(control, made) != 0) {
+    if (made == nullptr || made->np_wake < 0 || publish_objects(control, made) != 0) {
         const int error = errno;
         if (made != nullptr) {
             player_free(made);
@@ -126,7 +133,8 @@ static player* player_add(control_block* control, const char* name) noexcept
         return nullptr;
     }
     player_of(made, control);
-    made->pins = 1; /* the registry's */
+    made->pins = 2; /* the registry's, and the one of the player's thread */
+    nowplaying_start(made, &focus_commands);
     return made;
 }
 
@@ -203,6 +211,7 @@ int32_t player_close(control_block* control, const char* name) noexcept {
         player_tear_down(last);
     }
     nowplaying_release(last);
+    nowplaying_end(last);
     player_unpin(last);
     return 0;
 }
@@ -245,6 +254,7 @@ int32_t players_force_close(control_block* control) noexcept {
             continue;
         }
         nowplaying_release(last);
+        nowplaying_end(last);
         player_unpin(last);
     }
 }

@@ -13,6 +13,7 @@
 #include "array.h"
 #include "control.h"
 
+struct nowplaying_commands;
 struct trksession;
 
 constexpr int32_t PLAYER_CLIENTS_MAX = 32;
@@ -45,12 +46,17 @@ struct player {
     lyr_ppswriter* trksession_writer;
 
     /* The audio focus; see nowplaying.h. */
-    pthread_t np_thread;
-    int32_t np_fd VEL_GUARDED_BY(np_lock); /* -1 while there is no arbiter */
-    int32_t np_acquired VEL_GUARDED_BY(np_lock);
-    std::atomic<int32_t> np_state;
-    vel_mutex np_lock; /* inside the player lock */
-    pthread_cond_t np_cond;
+    std::atomic<int32_t> np_thread;              /* kernel id of the thread; 0 before it runs */
+    int32_t np_fd VEL_GUARDED_BY(np_lock);       /* -1 while there is no arbiter */
+    int32_t np_acquired VEL_GUARDED_BY(np_lock); /* 1: granted and not used yet */
+    std::atomic<int32_t> np_state;               /* NOWPLAYING_*; the arbiter's last word */
+    vel_mutex np_lock;                           /* inside the player lock */
+    pthread_cond_t np_cond;                      /* with np_lock: something below changed */
+    int32_t np_waiting VEL_GUARDED_BY(np_lock);  /* 1: a command waits for the arbiter's answer */
+    int32_t np_ending VEL_GUARDED_BY(np_lock);   /* 1: the thread is to end */
+    int32_t np_running VEL_GUARDED_BY(np_lock);  /* 1: the thread has not ended */
+    const nowplaying_commands* np_commands;      /* constant once the thread runs */
+    int32_t np_wake;                             /* eventfd that wakes the thread; constant */
 
     control_block* control;                             /* constant */
     int32_t pins VEL_GUARDED_BY(control->players_lock); /* see player_pin.h */

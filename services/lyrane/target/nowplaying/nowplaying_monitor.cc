@@ -1,0 +1,308 @@
+/* The thread of a player that speaks with the arbiter. */
+#include "nowplaying.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <veloran/process.h>
+#include <veloran/server_object.h>
+
+#include "media.h"
+#include "msglog.h"
+#include "nowplaying_text.h"
+#include "trksession.h"
+
+static constexpr int CONNECT_AGAIN_MS = 1000; /* between two looks for the arbiter */
+static constexpr int READ_AGAIN_MS = 100;     /* after a failed read */
+static constexpr int LOCK_AGAIN_MS = 10;      /* between two tries to get the player lock */
+static constexpr int32_t COMMANDS_MAX = 64;   /* that wait for the player lock */
+static constexpr int32_t READS_MAX = 32;      /* before commands get their turn */
+
+/* A command of the queue that only notes a grant, behind the commands that came before it. */
+static constexpr int32_t NOTE_GRANT = -1;
+
+struct monitor {
+    player* owner;
+    int32_t thread;
+    int32_t fd; /* the same as np_fd, which nobody else changes */
+    int32_t queue[COMMANDS_MAX];
+    int32_t queued;
+    bool failed; /* the last read did; wait before the next one */
+};
+
+/* Waits for the arbiter, for nowplaying_end or for the time. False when the player is closed. */
+static bool wait_for(const player* player, int32_t fd, int timeout) noexcept {
+    pollfd waiting[] = {{player->np_wake, POLLIN, 0}, {fd, POLLIN, 0}};
+    const nfds_t count = fd >= 0 ? 2 : 1;
+    return poll(waiting, count, timeout) <= 0 || waiting[0].revents == 0;
+}
+
+static void set_connection(player* player, int32_t fd) noexcept {
+    vel_lock_guard guard(player->np_lock);
+    if (player->np_fd >= 0) {
+        close(player->np_fd);
+    }
+    player->np_fd = fd;
+    player->np_acquired = 0;
+    player->np_waiting = 0; /* whoever waits asks nobody any more */
+    pthread_cond_broadcast(&player->np_cond);
+}
+
+/* The answer to an acquire. A player that plays already has no use for a grant. */
+static void take_answer(monitor* self, bool refused) noexcept {
+    player* player = self->owner;
+    vel_lock_guard guard(player->np_lock);
+    player->np_waiting = 0;
+    if (!refused) {
+        msglog(7, "monitorNowPlayingPPS: received an Acquire cmd from nowplaying");
+        const bool playing = player->status == LYR_STATUS_PLAYING;
+        player->np_acquired = playing ? 0 : 1;
+        if (playing) {
+            msglog(7,
+                   "monitorNowPlayingPPS: set DISALLOW_ACQUIRE state since player:%s already in "
+                   "play state",
+                   player->name);
+        } else {
+            msglog(7,
+                   "monitorNowPlayingPPS: set ALLOW_ACQUIRE state since player:%s not in play "
+                   "state",
+                   player->name);
+        }
+        if (self->queued == 0) {
+            player->np_state = NOWPLAYING_ACQUIRED;
+        }
+    }
+    pthread_cond_broadcast(&player->np_cond);
+}
+
+static void take_revoke(player* player) noexcept {
+    msglog(7, "monitorNowPlayingPPS: received a Revoke cmd from nowplaying");
+    vel_lock_guard guard(player->np_lock);
+    player->np_acquired = 0;
+    player->np_state = NOWPLAYING_REVOKED;
+    player->np_waiting = 0;
+    pthread_cond_broadcast(&player->np_cond);
+}
+
+static void enqueue(monitor* self, int32_t command) noexcept {
+    if (self->queued == COMMANDS_MAX) {
+        msglog(3, "NowPlaying commands faster than player:%s can follow; one is dropped",
+               self->owner->name);
+        return;
+    }
+    self->queue[self->queued++] = command;
+}
+
+/* Takes what must not wait at once, and puts the rest into the queue. True when the control object
+ * is gone. */
+static bool take_message(monitor* self, const nowplaying_message& message) noexcept {
+    if (message.command == NOWPLAYING_DO_REVOKE) {
+        take_revoke(self->owner);
+    }
+    if (message.command != NOWPLAYING_DO_NOTHING) {
+        enqueue(self, message.command);
+    }
+    if (message.answer) {
+        take_answer(self, message.refused);
+        if (!message.refused && self->queued > 0) {
+            enqueue(self, NOTE_GRANT);
+        }
+    }
+    return message.lost;
+}
+
+static bool take_text(monitor* self, const char* text) noexcept {
+    bool lost = false;
+    while (text != nullptr) {
+        nowplaying_message message;
+        text = nowplaying_read(text, &message);
+        lost = take_message(self, message) || lost;
+    }
+    return lost;
+}
+
+/* Reads what has come. True when the connection is at its end. */
+static bool read_messages(monitor* self) noexcept {
+    const char* name = self->owner->name;
+    for (int32_t i = 0; i < READS_MAX; ++i) {
+        char* text = nullptr;
+        const int64_t length = server_object_read(self->fd, &text);
+        if (length < 0) {
+            if (errno == EAGAIN || errno == ECONNRESET || errno == EBADF) {
+                return errno != EAGAIN;
+            }
+            msglog(3,
+                   "fd#%d Thread#%d for player:%s monitorNowPlayingPPS: failed to read NowPlaying "
+                   "control file %s",
+                   self->fd, self->thread, name, msglog_error_text(errno));
+            self->failed = true;
+            return false;
+        }
+        msglog(7,
+               "fd#%d Thread#%d for player:%s monitorNowPlayingPPS: read %s in %d bytes from "
+               "control file",
+               self->fd, self->thread, name, text, static_cast<int>(length));
+        const bool lost = take_text(self, text);
+        free(text);
+        if (lost) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* The arbiter's play brings its own grant, which only the play can use. */
+static void play(player* player) noexcept VEL_REQUIRES(player->lock) {
+    {
+        vel_lock_guard guard(player->np_lock);
+        player->np_acquired = 1;
+    }
+    player->np_state = NOWPLAYING_PLAY;
+    (void)player->np_commands->play(player);
+    vel_lock_guard guard(player->np_lock);
+    player->np_acquired = 0;
+}
+
+/* Silences the player by what its source can do; when that fails, by the other. */
+static void revoke(player* player) noexcept VEL_REQUIRES(player->lock) {
+    const trksession* session = player->trksession;
+    if (session == nullptr) {
+        return;
+    }
+    player->np_state = NOWPLAYING_REVOKED;
+    const uint64_t can = session->ms_session->capabilities;
+    const nowplaying_commands* commands = player->np_commands;
+    const bool pauses = (can & LYR_CAP_PAUSE) != 0;
+    if (pauses || (can & LYR_CAP_STOP) != 0) {
+        auto* first = pauses ? commands->pause : commands->stop;
+        auto* second = pauses ? commands->stop : commands->pause;
+        if (first(player) == 0 || second(player) == 0) {
+            return;
+        }
+    }
+    msglog(
+        3,
+        "monitorNowPlayingPPS: Cannot Pause/Stop since player:%s does not have either capability",
+        player->name);
+}
+
+static void execute(player* player, int32_t command) noexcept VEL_REQUIRES(player->lock) {
+    switch (command) {
+    case NOWPLAYING_DO_PLAY:
+        play(player);
+        break;
+    case NOWPLAYING_DO_PAUSE:
+        player->np_state = NOWPLAYING_PAUSE;
+        (void)player->np_commands->pause(player);
+        break;
+    case NOWPLAYING_DO_NEXT:
+        (void)player->np_commands->next(player);
+        break;
+    case NOWPLAYING_DO_PREVIOUS:
+        (void)player->np_commands->previous(player);
+        break;
+    case NOWPLAYING_DO_REVOKE:
+        revoke(player);
+        break;
+    default: /* NOTE_GRANT */
+        player->np_state = NOWPLAYING_ACQUIRED;
+        break;
+    }
+}
+
+/* Does what is queued as long as the player lock is free. */
+static void work_off(monitor* self) noexcept {
+    player* player = self->owner;
+    int32_t done = 0;
+    while (done < self->queued && vel_mutex_try_lock(&player->lock)) {
+        if (player->closed == 0) {
+            execute(player, self->queue[done]);
+        }
+        ++done;
+        vel_mutex_unlock(&player->lock);
+    }
+    self->queued -= done;
+    for (int32_t i = 0; i < self->queued; ++i) {
+        self->queue[i] = self->queue[i + done];
+    }
+}
+
+/* Speaks with one arbiter until it goes; false when the player is closed. */
+static bool monitor_connection(monitor* self) noexcept {
+    for (;;) {
+        int timeout = self->queued > 0 ? LOCK_AGAIN_MS : -1;
+        if (self->failed) {
+            timeout = READ_AGAIN_MS;
+        }
+        if (!wait_for(self->owner, self->failed ? -1 : self->fd, timeout)) {
+            return false;
+        }
+        self->failed = false;
+        const bool lost = read_messages(self);
+        work_off(self);
+        if (lost) {
+            msglog(3,
+                   "Thread#%d for player:%s monitorNowPlayingPPS: lost NowPlaying control file; "
+                   "terminating",
+                   self->thread, self->owner->name);
+            return true;
+        }
+    }
+}
+
+extern "C" {
+
+int32_t config_nowplaying(player* player) noexcept {
+    set_connection(player, -1);
+    int32_t fd = server_object_open(NOWPLAYING_CONTROL);
+    while (fd < 0) {
+        if (!wait_for(player, -1, CONNECT_AGAIN_MS)) {
+            return -1;
+        }
+        fd = server_object_open(NOWPLAYING_CONTROL);
+    }
+    set_connection(player, fd);
+    const int32_t thread = player->np_thread;
+    msglog(4, "fd#%d Thread#%d - NowPlaying service now available for player:%s", fd, thread,
+           player->name);
+    nowplaying_register(player, player->name, "low", "general", "plain");
+    if (player->status == LYR_STATUS_PLAYING) {
+        msglog(7, "fd#%d Thread#%d - Sending Acquire request since player:%s is already playing",
+               fd, thread, player->name);
+        nowplaying_msg(player, "msg::acquire\nid::1");
+        nowplaying_state(player, "playing");
+    }
+    return 0;
+}
+
+void* monitor_nowplaying_pps(void* argument) noexcept {
+    monitor self = {};
+    self.owner = static_cast<player*>(argument);
+    self.thread = process_thread_id();
+    player* player = self.owner;
+    player->np_thread = self.thread;
+    while (config_nowplaying(player) == 0) {
+        {
+            vel_lock_guard guard(player->np_lock);
+            self.fd = player->np_fd;
+        }
+        msglog(4, "fd#%d Thread#%d for player:%s monitorNowPlayingPPS: starting", self.fd,
+               self.thread, player->name);
+        if (!monitor_connection(&self)) {
+            break;
+        }
+    }
+    set_connection(player, -1);
+    const nowplaying_commands* commands = player->np_commands;
+    {
+        vel_lock_guard guard(player->np_lock);
+        player->np_running = 0;
+        pthread_cond_broadcast(&player->np_cond);
+    }
+    commands->unpin(player);
+    return nullptr;
+}
+}
