@@ -1,8 +1,14 @@
 /* The audio focus: what players tell an arbiter, and what they make of its answers. */
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -68,6 +74,10 @@ void await_log(const player_rig& rig, const std::string& text) {
 
 void await_calls(player_rig& rig, const char* entry, int count) {
     fake_do(rig.fake, "await %s %d", entry, count);
+}
+
+std::ptrdiff_t entries(const char* folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
 /* A player with three tracks that an arbiter knows. */
@@ -294,10 +304,7 @@ TEST(nowplaying, connects_again_and_leaves_nothing) {
     begin(s);
     say(s.known, "msg::track\ndat::play");
     EXPECT_EQ(hear(s.known), PLAYING);
-    const auto descriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
-    const auto before = descriptors();
+    const auto before = entries("/proc/self/fd");
     for (int i = 0; i < 50; ++i) {
         if (i % 2 == 0) {
             say(s.known, "-@control\n");
@@ -308,7 +315,7 @@ TEST(nowplaying, connects_again_and_leaves_nothing) {
         EXPECT_EQ(hear(s.known), ASKED);
         EXPECT_EQ(hear(s.known), PLAYING);
     }
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(entries("/proc/self/fd"), before);
     EXPECT_EQ(s.player->status, LYR_STATUS_PLAYING);
     end(s);
 }
@@ -328,4 +335,111 @@ TEST(nowplaying, registers_any_name) {
     player_close(&mmcontrol, name.c_str());
     EXPECT_EQ(hear(known), "msg::release\nid::1");
     EXPECT_EQ(hear(known), "gone");
+}
+
+namespace {
+
+/* An arbiter without any sense: whatever it hears, it says something else to somebody. */
+void speak_at_random(server_object* object, const std::atomic<bool>& over) {
+    static const char* const words[] = {GRANT,
+                                        REFUSAL,
+                                        "msg::revoke\nid::1",
+                                        "msg::track\ndat::play",
+                                        "msg::track\ndat::pause",
+                                        "msg::track\ndat::next\n@control\nres::acquire",
+                                        "-@phone\nx",
+                                        "\x01\xff no message"};
+    std::mt19937 random(7);
+    std::vector<int> clients;
+    while (!over) {
+        pollfd waiting = {server_object_descriptor(object), POLLIN, 0};
+        (void)poll(&waiting, 1, 1);
+        for (int fd = server_object_accept(object); fd >= 0; fd = server_object_accept(object)) {
+            clients.push_back(fd);
+        }
+        for (size_t i = 0; i < clients.size(); ++i) {
+            char* text = nullptr;
+            while (server_object_read(clients[i], &text) >= 0) {
+                free(text);
+                for (int n = 0; n < 4; ++n) {
+                    const char* word = words[random() % std::size(words)];
+                    (void)server_object_write(clients[i], word, strlen(word));
+                }
+            }
+            if (errno == ECONNRESET || random() % 50 == 0) {
+                close(clients[i]);
+                clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(i));
+                --i;
+            }
+        }
+    }
+    for (const int fd : clients) {
+        close(fd);
+    }
+}
+
+/* Threads of players that have not ended. */
+int player_threads() {
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm") >> std::ws, name);
+        count += name == "nowplaying" ? 1 : 0;
+    }
+    return count;
+}
+
+void live_and_play(int number, int32_t source, int rounds) {
+    const std::string name = "player" + std::to_string(number);
+    std::mt19937 random(static_cast<unsigned>(number));
+    int32_t (*const commands[])(player*) = {player_play, player_pause, player_stop, player_next,
+                                            player_play};
+    for (int round = 0; round < rounds; ++round) {
+        player* player = player_open(&mmcontrol, name.c_str());
+        int32_t expected = 3;
+        bool connected = random() % 4 == 0; /* or not waited for */
+        while (!connected) {
+            vel_lock_guard guard(player->np_lock);
+            connected = player->np_fd >= 0;
+        }
+        (void)rig_create(player, source, "/", 0, &expected);
+        for (unsigned i = random() % 8; i > 0; --i) {
+            (void)rig_do(player, commands[random() % std::size(commands)]);
+        }
+        player_close(&mmcontrol, name.c_str());
+    }
+}
+
+} // namespace
+
+TEST(nowplaying, outlives_an_arbiter_without_sense) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "focus", ALL, "/|tracks:3");
+    const char* wanted = std::getenv("LYRANE_ROUNDS");
+    const int rounds = wanted != nullptr ? std::atoi(wanted) : 3;
+    arbiter known;
+    known.object = server_object_create(CONTROL, 0666);
+    std::atomic<bool> over = false;
+    std::thread speaker([&] { speak_at_random(known.object, over); });
+    live_and_play(0, source, 1); /* what is opened once, at the first use, stays */
+    over = true;
+    speaker.join();
+    const auto descriptors = entries("/proc/self/fd");
+    over = false;
+    speaker = std::thread([&] { speak_at_random(known.object, over); });
+    std::vector<std::thread> players;
+    for (int i = 0; i < 8; ++i) {
+        players.emplace_back([=] { live_and_play(i, source, rounds); });
+    }
+    for (std::thread& player : players) {
+        player.join();
+    }
+    over = true;
+    speaker.join();
+    while (player_threads() > 0) {
+        std::this_thread::yield(); /* threads that were late for their close */
+    }
+    EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+    EXPECT_EQ(fake_do(rig.fake, "violations"), "");
 }
