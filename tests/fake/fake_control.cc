@@ -115,7 +115,6 @@ answer_text change(fake_state& state, const fake_words& words, std::string& faul
         fault = fake_table_set(first, verb == "restore") ? "" : "no such entry: " + first;
     } else if (verb == "reset") {
         state.violations.clear();
-        std::erase_if(state.sessions, [](const auto& entry) { return !entry.second.alive; });
         calls_reset(state);
     } else {
         return std::nullopt;

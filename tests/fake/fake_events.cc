@@ -232,7 +232,7 @@ void* worker_body(void* argument) {
             vel_lock_guard guard(state.lock);
             std::deque<std::shared_ptr<fake_job>>& jobs = state.workers[number].jobs;
             while (jobs.empty() && !state.stopping) {
-                fake_wait(state, fake_after(60000));
+                pthread_cond_wait(&state.work, &state.lock.native);
             }
             if (state.stopping) {
                 return nullptr;
@@ -262,7 +262,7 @@ void enqueue(fake_state& state, const std::shared_ptr<fake_job>& job) VEL_REQUIR
     if (missing && pthread_create(&worker.thread, nullptr, worker_body, argument) != 0) {
         std::abort();
     }
-    fake_wake(state);
+    pthread_cond_broadcast(&state.work);
 }
 
 std::optional<std::string> wait_for(const std::shared_ptr<fake_job>& job, std::string& fault) {

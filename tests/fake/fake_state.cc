@@ -16,6 +16,7 @@ struct image_state {
         pthread_condattr_init(&attributes);
         pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
         pthread_cond_init(&state.changed, &attributes);
+        pthread_cond_init(&state.work, &attributes);
         pthread_condattr_destroy(&attributes);
         tree_parse(state.trees[""], "");
     }

@@ -100,6 +100,7 @@ struct fake_connection {
 struct fake_state {
     vel_mutex lock = {};
     pthread_cond_t changed = {}; /* signalled after every change of what anybody waits for */
+    pthread_cond_t work = {};    /* for the event threads alone: each call would wake them */
 
     int32_t plugin_id VEL_GUARDED_BY(lock) = -1;
     const lyrane_internal_callbacks_table* callbacks VEL_GUARDED_BY(lock) = nullptr;

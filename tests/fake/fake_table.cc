@@ -103,6 +103,7 @@ static int32_t fake_cleanup(void) noexcept {
         }
         state.stopping = true;
         fake_wake(state);
+        pthread_cond_broadcast(&state.work);
     }
     events_end_threads();
     control_end();
