@@ -156,5 +156,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         use(client, choice);
         require(msgclient_close(client) == 0, "a client can be closed");
     }
+    std::lock_guard<std::mutex> guard(lock);
+    script.clear();
     return 0;
 }

@@ -3,8 +3,9 @@
  * layout that belongs to it; after each input nothing is left.
  *
  * An input: a byte of settings, then steps. The first byte of a step says what it is: bits 0 to 4
- * a request number, bit 5 the connection, bits 6 and 7 the form: 0 fields as they are, 1 fields
- * made from a byte or two each, 2 a payload as it is, 3 something that is no request. */
+ * a request number, bit 5 the connection or the plug-in, bits 6 and 7 the form: 0 fields as they
+ * are, 1 fields made from a byte or two each, 2 a payload as it is, 3 something that is no request.
+ */
 #include <cmath>
 #include <iterator>
 
@@ -181,13 +182,13 @@ constexpr const char* HAPPENINGS[] = {
     "null browse_api",
 };
 
-void happen(fuzz_input* input) {
+void happen(fuzz_input* input, int plugin) {
     const char* format = HAPPENINGS[input_u8(input) % std::size(HAPPENINGS)];
     std::string command;
     for (const char* c = format; *c != '\0'; ++c) {
         command += *c == '#' ? std::to_string(number(input)) : std::string(1, *c);
     }
-    rig_command(command);
+    rig_command(plugin, command);
 }
 
 /* --- Steps -------------------------------------------------------------------------------------
@@ -210,7 +211,7 @@ void step(fuzz_input* input) {
         return;
     }
     if (form == 3 && type < 24) {
-        happen(input);
+        happen(input, connection);
         return;
     }
     /* Otherwise a request again, whose session is built while the next ones are served. */

@@ -1,5 +1,6 @@
 #include "service_rig.h"
 
+#include <filesystem>
 #include <vector>
 
 #include <dirent.h>
@@ -24,7 +25,12 @@
 
 namespace {
 
-const fake_api_table* fake;
+/* The scripted plug-in twice: one whose tracks the service walks, and a device that walks them
+ * itself, a copy of the file. */
+constexpr int PLUGINS = 2;
+constexpr const char* MODES[PLUGINS] = {"service", "device"};
+const fake_api_table* fakes[PLUGINS];
+
 msgserver server; /* the reply functions and the control block are all that the worker uses */
 osb connections[RIG_CONNECTIONS];
 player_cfg settings;
@@ -47,8 +53,12 @@ constexpr const char* META = "meta /a/1.mp3 title=\"One \\xFF\" artist=Two album
                              "height=4 disc=1 track=9";
 
 /* Everything; browsing alone; a device that lists itself and plays everything. */
-constexpr const char* SOURCES[RIG_SOURCES] = {"u0 auto=0", "u1 auto=0 noname=1 caps=0x40000",
-                                              "u2 auto=0 type=2 view=\"a view\" caps=0x100F045F"};
+constexpr struct {
+    int plugin;
+    const char* arguments;
+} SOURCES[RIG_SOURCES] = {{0, "u0 auto=0"},
+                          {0, "u1 auto=0 noname=1 caps=0x40000"},
+                          {1, "u2 auto=0 type=2 view=\"a view\" caps=0x100F045F"}};
 
 /* What an input may take out of the plug-in's tables. */
 constexpr const char* REMOVABLE[] = {"browse", "metadata", "play",
@@ -102,9 +112,9 @@ int player_directories(void) {
     return count;
 }
 
-std::string tell(const std::string& command) {
+std::string tell(int plugin, const std::string& command) {
     char* text = nullptr;
-    (void)fake->command(command.c_str(), &text);
+    (void)fakes[plugin]->command(command.c_str(), &text);
     std::string answer = text;
     free(text);
     return answer;
@@ -112,28 +122,45 @@ std::string tell(const std::string& command) {
 
 void connect_sources(void) {
     for (int i = 0; i < RIG_SOURCES; ++i) {
-        tell(std::string("source ") + SOURCES[i]);
         const std::string uid = "u" + std::to_string(i);
-        require(tell("event connected uid=" + uid) == std::to_string(i), "a media source");
+        tell(SOURCES[i].plugin, std::string("source ") + SOURCES[i].arguments);
+        require(tell(SOURCES[i].plugin, "event connected uid=" + uid) == std::to_string(i),
+                "a media source");
     }
 }
 
-/* As an input finds it; the commands cost more than most inputs, so they are not given in vain. */
-void put_plugin_back(void) {
-    tell("reset");
+/* As an input finds them; the commands cost more than most inputs, so they are not given in vain.
+ */
+void put_plugins_back(void) {
+    for (int i = 0; i < PLUGINS; ++i) {
+        tell(i, "reset");
+    }
     if (changed) {
-        tell("device off");
+        tell(0, "device off");
+        tell(1, "device on");
         connect_sources();
         changed = false;
     }
 }
 
-/* Gives the tables their entries again, and waits for events that the plug-in has posted itself. */
-void calm_plugin(void) {
+/* Gives the tables their entries again, and waits for events that a plug-in has posted itself. */
+void calm_plugin(int plugin) {
     for (const char* entry : REMOVABLE) {
-        tell(std::string("restore ") + entry);
+        tell(plugin, std::string("restore ") + entry);
     }
-    tell("event finished");
+    tell(plugin, "event finished");
+}
+
+void load_plugin(int number, const std::string& path) {
+    strm_dict* plugin_settings = strm_dict_new();
+    (void)strm_dict_set(plugin_settings, "mode", MODES[number]);
+    require(plugin_load(&mmcontrol, path.c_str(), plugin_settings) == 0, "the scripted plug-in");
+    strm_dict_destroy(plugin_settings);
+    void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    fakes[number] = static_cast<const fake_api_table*>(dlsym(library, "fake_api"));
+    tell(number, TREE);
+    tell(number, META);
+    tell(number, "ext /a/1.mp3 key value");
 }
 
 } // namespace
@@ -144,9 +171,9 @@ extern "C" [[noreturn]] void __wrap_process_end(int32_t) noexcept {
     abort();
 }
 
-std::string rig_command(const std::string& command) {
+std::string rig_command(int plugin, const std::string& command) {
     changed = true;
-    return tell(command);
+    return tell(plugin, command);
 }
 
 void rig_start(void) {
@@ -157,17 +184,15 @@ void rig_start(void) {
     mmcontrol.player_cfg = &settings;
     mmcontrol.lastmode_max_try = 5;
     require(ppsdir_initialize(&mmcontrol) == 0, "the published tree");
-    strm_dict* none = strm_dict_new();
-    require(plugin_load(&mmcontrol, FAKE_LIBRARY, none) == 0, "the scripted plug-in");
-    strm_dict_destroy(none);
-    void* library = dlopen(FAKE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    fake = static_cast<const fake_api_table*>(dlsym(library, "fake_api"));
+    const std::string device = fuzz_root() + "/device.so";
+    std::filesystem::copy_file(FAKE_LIBRARY, device);
+    load_plugin(0, FAKE_LIBRARY);
+    load_plugin(1, device);
     server.user_data = &mmcontrol;
     server.reply = take_reply;
     server.replyv = take_replyv;
-    tell(TREE);
-    tell(META);
-    tell("ext /a/1.mp3 key value");
+    /* Ends the plug-ins' threads, ahead of what they use. */
+    (void)atexit([] { plugins_unload(&mmcontrol); });
 }
 
 void rig_begin(unsigned bits) {
@@ -175,7 +200,7 @@ void rig_begin(unsigned bits) {
     msglog_set_level((bits & 1) != 0 ? MSGLOG_LEVEL_MAX : 4);
     mmcontrol.verbosity = (bits & 2) != 0 ? MSGLOG_LEVEL_MAX : 0;
     settings = {nullptr, nullptr, 250, static_cast<int32_t>(bits >> 2 & 1), depths[bits >> 3 & 3]};
-    put_plugin_back();
+    put_plugins_back();
     descriptors = next_descriptor();
     for (osb& connection : connections) {
         connection = {};
@@ -190,12 +215,14 @@ void rig_end(void) {
     }
     require(mmcontrol.client_count == 0, "clients are counted");
     (void)players_force_close(&mmcontrol);
-    if (changed) {
-        calm_plugin();
+    for (int i = 0; i < PLUGINS; ++i) {
+        if (changed) {
+            calm_plugin(i);
+        }
+        require(tell(i, "sessions").empty(), "no session of a plug-in is left");
+        const std::string violations = tell(i, "violations");
+        require(violations.empty(), violations.c_str());
     }
-    require(tell("sessions").empty(), "no session of the plug-in is left");
-    const std::string violations = tell("violations");
-    require(violations.empty(), violations.c_str());
     require(player_directories() == 0, "no player is published any more");
     /* A player's threads may still be closing theirs. What stays open ends as a time-out. */
     while (next_descriptor() != descriptors) {

@@ -32,7 +32,8 @@ rig_reply rig_request(int connection, const std::string& payload, bool await);
 /* The client leaves without a word, and another one comes. */
 void rig_reconnect(int connection);
 
-/* A command of the scripted plug-in, whose refusals do not matter; its answer. */
-std::string rig_command(const std::string& command);
+/* A command to the scripted plug-in, 0, or to the one that plays the device, 1. Refusals do not
+ * matter; its answer. */
+std::string rig_command(int plugin, const std::string& command);
 
 #endif
