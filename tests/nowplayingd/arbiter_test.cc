@@ -19,13 +19,15 @@ struct script {
     std::vector<step> steps;
 };
 
-/* a, b and c rank the same, h has a higher priority, n another kind; "take" makes outsiders. */
+/* a, b and c rank the same, h has a higher priority, n and x are of other kinds; "take" makes
+ * outsiders. */
 void populate(arbiter* arbiter) {
     arbiter_join(arbiter, 'a', {"a", "general", "low", ""});
     arbiter_join(arbiter, 'b', {"b", "no such kind", "no such priority", ""});
     arbiter_join(arbiter, 'c', {"c", "general", "low", ""});
     arbiter_join(arbiter, 'h', {"h", "general", "high", ""});
     arbiter_join(arbiter, 'n', {"n", "navigation", "low", ""});
+    arbiter_join(arbiter, 'x', {"x", "phone", "high", ""});
 }
 
 bool play(arbiter* arbiter, const std::string& event, uint64_t id, arbiter_messages* out) {
@@ -154,6 +156,16 @@ const script SCRIPTS[] = {
       {"leave p", "play n"},
       {"release n", "play h"},
       {"release h", ""}}},
+    {"who asks anew in vain and plays all the same is revoked",
+     "{}",
+     {{"acquire a", "grant a"},
+      {"take p", "revoke a"},
+      {"acquire a", "refuse a"},
+      {"playing a", "revoke a"},
+      {"leave p", "play a"}}},
+    {"an outsider ranks above all clients of its kind",
+     "{}",
+     {{"acquire x", "grant x"}, {"take p", "revoke x"}, {"acquire x", "refuse x"}}},
     {"outsiders interrupt each other without a word",
      "{}",
      {{"take p", ""},

@@ -54,7 +54,7 @@ void revoke(arbiter* arbiter, uint64_t id, arbiter_member* member, const policy_
         policy_compare(member->rank, winner) == 0 ? arbiter->rules.resume_equal : winner.resume;
     member->revoked = true;
     member->excused = false;
-    member->state = ARBITER_PAUSED;
+    member->state = member->outside ? ARBITER_PLAYING : ARBITER_PAUSED;
     member->since = arbiter->now;
     set_turn(arbiter, member,
              playing && member->may_resume ? ARBITER_INTERRUPTED : ARBITER_NO_TURN);

@@ -23,9 +23,8 @@ std::string error_text(int32_t error) {
 std::string title(const exchange& exchange, uint64_t id) {
     const auto member = exchange.focus.members.find(id);
     const std::string number = "#" + std::to_string(id);
-    return member == exchange.focus.members.end()
-               ? number
-               : member->second.words.name + " (" + number + ")";
+    return member == exchange.focus.members.end() ? number
+                                                  : member->second.words.name + " (" + number + ")";
 }
 
 void log_order(const exchange& exchange, const arbiter_message& message) {

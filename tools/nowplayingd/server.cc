@@ -98,8 +98,8 @@ void serve_event(server* server, const epoll_event& event) {
 /* Milliseconds to sleep at the most; without end, unless something was put off. */
 int patience(const server& server) {
     return server.traffic.peers.muted > 0 ? static_cast<int>(PEER_REFILL_MS)
-           : server.accepting              ? -1
-                                           : ACCEPT_PAUSE_MS;
+           : server.accepting             ? -1
+                                          : ACCEPT_PAUSE_MS;
 }
 
 bool serve(server* server, std::string* why) {
