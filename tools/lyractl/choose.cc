@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <veloran/paths.h>
 
@@ -16,6 +17,7 @@
 namespace {
 
 constexpr const char* PLAYERS_PATH = "/pps/services/lyrane";
+constexpr const char* ARBITER_PATH = "/pps/services/multimedia/mediaplayer/control";
 constexpr const char* TOP_FOLDER = "/"; /* media node id of a source's top folder */
 constexpr int32_t PAGE = 500;           /* children asked for at once */
 
@@ -114,6 +116,11 @@ std::vector<std::string> choose_players(void) {
     }
     std::sort(players.begin(), players.end());
     return players;
+}
+
+bool choose_arbiter_runs(void) {
+    char path[PATH_MAX];
+    return paths_resolve_existing(ARBITER_PATH, path, sizeof path) >= 0 && access(path, F_OK) == 0;
 }
 
 const std::string* choose_player(const std::string& wanted, const std::vector<std::string>& players,

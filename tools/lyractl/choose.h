@@ -12,6 +12,9 @@
 /* The players that exist, sorted: the directories below the service's own in the name space. */
 std::vector<std::string> choose_players(void);
 
+/* Whether there is an arbiter of the audio focus, which may refuse to let a player play. */
+bool choose_arbiter_runs(void);
+
 /* The player that is wanted; without a wish (empty) the only one there is. Null with the reason in
  * *why. Points into `wanted` or `players`. */
 const std::string* choose_player(const std::string& wanted, const std::vector<std::string>& players,

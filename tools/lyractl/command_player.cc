@@ -36,7 +36,11 @@ std::string refusal(connection* to, const char* verb, int32_t result) {
     if (session.length == 0) {
         return player + "has an empty track session";
     }
-    return player + "cannot " + verb + " now (result " + std::to_string(result) + ")";
+    std::string text = player + "cannot " + verb + " now (result " + std::to_string(result) + ")";
+    if (verb == std::string_view("play") && choose_arbiter_runs()) {
+        text += "; perhaps another has the audio focus, see \"nowplayingd ctl status\"";
+    }
+    return text;
 }
 
 using player_request = std::function<bool(connection* to, int32_t* result)>;
