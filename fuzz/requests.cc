@@ -27,7 +27,9 @@ void add(std::string* payload, const void* value, size_t size) {
 /* --- Requests whose fields are well-formed -----------------------------------------------------
  */
 
-/* Of each request: i number, s media source, t text, k keys, o name, q session, r rate. */
+/* The places in the tables below are part of the inputs that are kept: new entries go to the end.
+ *
+ * Of each request: i number, s media source, t text, k keys, o name, q session, r rate. */
 constexpr const char* FIELDS[LYR_MSG_REPEAT + 1] = {
     "o", "o", "", "", "", "",  "", "siit", "siitt", "qii", "st", "stk", "siit",
     "",  "q", "", "", "", "i", "", "",     "i",     "r",   "i",  "i"};
