@@ -1,7 +1,7 @@
 # What the scripts of this tree share: the Debian packages they need, and how to do a step without
 # a word unless it fails. To be sourced by a bash script; all of it speaks on the standard error.
 
-packages_build=(g++ cmake ninja-build pkg-config libgstreamer1.0-dev libtag1-dev
+packages_build=(g++ cmake ninja-build pkg-config libgstreamer1.0-dev libtag1-dev libsqlite3-dev
     nlohmann-json3-dev libcli11-dev)
 
 packages_play=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
