@@ -123,7 +123,12 @@ TEST(player_registry, keeps_a_closed_player_for_those_who_wait_for_its_lock) {
     const int64_t result = fake_number(rig.fake, "join %s", ticket.c_str());
     EXPECT_TRUE(result == 0 || result == -1); /* whoever got the lock first */
     EXPECT_EQ(rig_do(player, player_play), -1);
+    /* Only the memory waits for the last pin: the name is free, and its new player stays. */
+    EXPECT_FALSE(std::filesystem::exists(directory(rig, "waiting")));
+    EXPECT_NE(player_open(&mmcontrol, "waiting"), player);
     player_unpin(player);
+    EXPECT_EQ(rig_attribute(rig, "waiting", "state", "status"), "::idle");
+    player_close(&mmcontrol, "waiting");
 }
 
 } // namespace

@@ -1,0 +1,519 @@
+/* Requests, events and builds that meet on one player. Most tests hold the threads at the place
+ * where they would collide, so that what keeps them apart is needed for certain; the others let
+ * them run free, for the thread sanitizer to watch. */
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <lyrane/client.h>
+
+#include "mediasource.h"
+#include "mediasource_events.h"
+#include "msgserver.h"
+#include "player_commands.h"
+#include "player_pin.h"
+#include "player_registry.h"
+#include "player_rig.h"
+#include "service.h"
+#include "trksession.h"
+#include "trksession_build.h"
+#include "trksession_hold.h"
+#include "trksession_shuffle.h"
+
+static constexpr uint64_t ALL = 0xF045F;
+
+namespace {
+
+/* An event on a thread of the plug-in; what join_event takes. */
+std::string start_event(player_rig& rig, const std::string& event) {
+    return fake_do(rig.fake, "event %s nowait=1", event.c_str());
+}
+
+int64_t join_event(player_rig& rig, const std::string& ticket) {
+    return fake_number(rig.fake, "join %s", ticket.c_str());
+}
+
+/* Waits until so many hold on to the player; the registry is one of them. */
+void await_pins(const player* player, int32_t wanted) {
+    for (int32_t pins = 0; pins < wanted;) {
+        vel_lock_guard guard(mmcontrol.players_lock);
+        pins = player->pins;
+    }
+}
+
+/* Waits until the player's session has been told to end. */
+void await_cancelled(player* player) {
+    for (bool cancelled = false; !cancelled;) {
+        trksession* session = trksession_hold(player);
+        cancelled = session == nullptr || session->cancelled != 0;
+        trksession_release(session);
+    }
+}
+
+bool building(player* player) {
+    trksession* session = trksession_hold(player);
+    vel_mutex_lock(&session->lock);
+    const bool done = session->build_done != 0;
+    vel_mutex_unlock(&session->lock);
+    trksession_release(session);
+    return !done;
+}
+
+/* For a player whose lock somebody else has. */
+void await_build(player* player) {
+    trksession* session = trksession_hold(player);
+    vel_mutex_lock(&session->lock);
+    while (session->build_done == 0) {
+        pthread_cond_wait(&session->build_over, &session->lock.native);
+    }
+    vel_mutex_unlock(&session->lock);
+    trksession_release(session);
+}
+
+/* --- Players ---------------------------------------------------------------------------------- */
+
+/* As if each of them had waited for the lock while the player was closed. */
+TEST(player_races, leave_a_closed_player_alone) {
+    player_rig& rig = rig_fresh();
+    player* player =
+        rig_player(rig, "closed", rig_source(rig, "races", ALL, "/|tracks:3"), "/", 0, 3);
+    player->closed = 1;
+    for (const char* event :
+         {"position value=3", "finished", "changed node=/t1", "state status=3", "error value=1"}) {
+        EXPECT_EQ(fake_number(rig.fake, "event %s", event), -1) << event;
+    }
+    EXPECT_EQ(rig_logged(rig, "Invalid callback_data passed in by Plug-in"), 5);
+    for (const char* event : {"status value=7", "caps value=0xf045e", "disconnected"}) {
+        EXPECT_EQ(fake_number(rig.fake, "event %s uid=races", event), 0) << event;
+    }
+    EXPECT_EQ(rig_attribute(rig, "closed", "mediasource", "type"), "");
+    EXPECT_EQ(rig_tracks(player), "/t0 /t1 /t2");
+    player->closed = 0;
+    player_close(&mmcontrol, "closed");
+}
+
+/* The disconnection is held in the middle of its walk over the players. */
+TEST(player_races, build_nothing_on_a_source_that_is_going) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:3");
+    (void)rig_player(rig, "early", source, "/", 0, 3);
+    fake_do(rig.fake, "rule play.destroy block=walk");
+    const std::string ticket = start_event(rig, "disconnected uid=races");
+    fake_do(rig.fake, "blocked walk");
+    player* late = player_open(&mmcontrol, "late");
+    int32_t expected = 3;
+    EXPECT_EQ(rig_create(late, source, "/", 0, &expected), -1);
+    EXPECT_EQ(errno, ENODEV);
+    fake_do(rig.fake, "release walk");
+    EXPECT_EQ(join_event(rig, ticket), 0);
+    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+    player_close(&mmcontrol, "early");
+    player_close(&mmcontrol, "late");
+}
+
+TEST(player_races, end_in_the_midst_of_events_and_a_build) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:100000");
+    fake_do(rig.fake, "rule browse page=1");
+    for (const char* name : {"one", "two"}) {
+        player* player = player_open(&mmcontrol, name);
+        int32_t expected = -1;
+        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+        EXPECT_EQ(rig_do(player, player_play), 0);
+    }
+    std::vector<std::string> tickets;
+    for (const char* event : {"position value=1 thread=1", "finished thread=2",
+                              "changed node=/t0 thread=3", "state status=2 thread=4"}) {
+        tickets.push_back(start_event(rig, std::string(event) + " repeat=500"));
+    }
+    fake_do(rig.fake, "await event.position 20");
+    EXPECT_EQ(players_force_close(&mmcontrol), 0);
+    for (const std::string& ticket : tickets) {
+        (void)join_event(rig, ticket);
+    }
+    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+    EXPECT_EQ(fake_do(rig.fake, "violations"), "");
+}
+
+/* --- Builds ----------------------------------------------------------------------------------- */
+
+/* The flag stops a walk between two pages, where a cancel finds no browse to end: it must be there
+ * before the cancel. */
+TEST(player_races, tell_a_build_to_end_before_its_browse_is_cancelled) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
+    fake_do(rig.fake, "rule browse page=1");
+    fake_do(rig.fake, "rule browse skip=3 times=1 block=page deaf=1");
+    fake_do(rig.fake, "rule cancel block=cancel");
+    player* player = player_open(&mmcontrol, "builder");
+    int32_t expected = -1;
+    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    fake_do(rig.fake, "blocked page");
+    std::thread destroyer([player] { EXPECT_EQ(rig_destroy(player), 0); });
+    fake_do(rig.fake, "blocked cancel");
+    fake_do(rig.fake, "release page");
+    await_build(player);
+    EXPECT_EQ(fake_number(rig.fake, "count browse"), 4);
+    fake_do(rig.fake, "release cancel");
+    destroyer.join();
+    player_close(&mmcontrol, "builder");
+}
+
+/* A browse that is entered only after the first cancel has come and gone. */
+const lyr_browse_api* late_entries;
+fake_client* late_fake;
+std::atomic<bool> late_begun;
+
+int32_t late_browse(void* session, const char* id, int32_t offset, int32_t* count,
+                    medianode** nodes) noexcept {
+    if (*count == -1) { /* the build thread's */
+        late_begun = true;
+        fake_do(*late_fake, "await cancel 2 returned=1");
+        fake_do(*late_fake, "rule browse block=heard");
+    }
+    return late_entries->browse(session, id, offset, count, nodes);
+}
+
+TEST(player_races, cancel_again_what_began_after_the_cancel) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
+    player* player = rig_player(rig, "canceller", source, "/", 0, 1);
+    mediasource_session* session = player->trksession->ms_session;
+    lyr_browse_api late = *session->browse_api;
+    late_fake = &rig.fake;
+    late_entries = session->browse_api;
+    late.browse = late_browse;
+    session->browse_api = &late;
+    int32_t expected = -1;
+    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    while (!late_begun) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(rig_destroy(player), 0);
+    EXPECT_GE(fake_number(rig.fake, "count cancel"), 3);
+    session->browse_api = late_entries;
+    player_close(&mmcontrol, "canceller");
+}
+
+/* The array of tracks moves while the plug-in looks at one of them. */
+TEST(player_races, hand_out_tracks_that_stay) {
+    for (const char* event : {"finished", "error value=0"}) {
+        player_rig& rig = rig_fresh();
+        const int32_t source = rig_source(
+            rig, "races", ALL, "/a|F\n/b|F\n/c|F\n/a|tracks:3\n/b|tracks:9\n/c|tracks:90");
+        fake_do(rig.fake, "rule browse id=/b block=growing");
+        player* player = player_open(&mmcontrol, "grower");
+        int32_t expected = -1;
+        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+        fake_do(rig.fake, "blocked growing");
+        fake_do(rig.fake, "rule attach block=attach");
+        const std::string ticket = start_event(rig, event);
+        fake_do(rig.fake, "blocked attach");
+        fake_do(rig.fake, "release growing");
+        await_build(player);
+        fake_do(rig.fake, "release attach");
+        EXPECT_EQ(join_event(rig, ticket), 0);
+        EXPECT_EQ(rig_current(player), 1);
+        EXPECT_NE(rig_attribute(rig, "grower", "track", "media_node").find("\"id\":\"/a/t1\""),
+                  std::string::npos);
+        player_close(&mmcontrol, "grower");
+    }
+}
+
+TEST(player_races, walk_and_shuffle_a_session_that_grows) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL & ~LYR_CAP_METADATA, "/|tree:1,400,2");
+    player* player = player_open(&mmcontrol, "grower");
+    int32_t expected = -1;
+    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    int32_t turns = 0;
+    for (; building(player); ++turns) {
+        EXPECT_EQ(rig_do(player, player_shuffle, turns % 2), 0);
+        EXPECT_EQ(rig_do(player, player_next), 0);
+        EXPECT_EQ(rig_do(player, player_jump, 0), 0);
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(trksession_shuffle(player->trksession, 0, 1, 0, 0), 0);
+        }
+    }
+    EXPECT_GT(turns, 2);
+    const trksession* session = player->trksession;
+    ASSERT_EQ(session->length, 802);
+    for (int32_t p = 0; p < session->length; ++p) {
+        ASSERT_EQ(session->inverse_order[session->order[p]], p);
+    }
+    player_close(&mmcontrol, "grower");
+}
+
+/* --- Sources and events ----------------------------------------------------------------------- */
+
+/* Whoever works on a source that goes holds the lock which the disconnection waits for. */
+TEST(player_races, give_up_at_once_when_the_source_goes) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:50");
+    player* player = player_open(&mmcontrol, "loser");
+    fake_do(rig.fake, "rule browse page=1 times=1 block=first deaf=1");
+    int32_t expected = -1;
+    std::thread creator([&] {
+        EXPECT_EQ(rig_create(player, source, "/", 9, &expected), -1);
+        EXPECT_GE(fake_number(rig.fake, "count cancel returned=1"), 1);
+    });
+    fake_do(rig.fake, "blocked first");
+    fake_do(rig.fake, "rule cancel times=1 block=cancel");
+    std::string gone = start_event(rig, "disconnected uid=races");
+    fake_do(rig.fake, "blocked cancel");
+    fake_do(rig.fake, "release first");
+    fake_do(rig.fake, "await browse 1 returned=1");
+    EXPECT_EQ(rig_logged(rig, "after minitrk"),
+              0); /* it waits for the cancel to leave the session */
+    fake_do(rig.fake, "release cancel");
+    creator.join();
+    EXPECT_EQ(join_event(rig, gone), 0);
+    EXPECT_EQ(fake_number(rig.fake, "count browse"), 1);
+    EXPECT_EQ(rig_tracks(player), "none");
+    player_close(&mmcontrol, "loser");
+
+    (void)rig_source(rig, "races", ALL, "/|tracks:50");
+    player = rig_player(rig, "loser", source, "/", 0, 50);
+    fake_do(rig.fake, "clear");
+    fake_do(rig.fake, "rule attach result=1");
+    fake_do(rig.fake, "rule attach skip=2 times=1 block=refusing");
+    const std::string finished = start_event(rig, "finished thread=1");
+    fake_do(rig.fake, "blocked refusing");
+    gone = start_event(rig, "disconnected uid=races thread=2");
+    await_cancelled(player);
+    fake_do(rig.fake, "release refusing");
+    EXPECT_EQ(join_event(rig, finished), -1);
+    EXPECT_EQ(join_event(rig, gone), 0);
+    EXPECT_EQ(fake_number(rig.fake, "count attach"), 3);
+    EXPECT_EQ(rig_tracks(player), "none");
+    player_close(&mmcontrol, "loser");
+}
+
+/* Nothing tells the end of one track from the end of the next: each is taken at its word. */
+TEST(player_races, go_on_twice_when_two_threads_report_the_same_end) {
+    player_rig& rig = rig_fresh();
+    player* player =
+        rig_player(rig, "doubled", rig_source(rig, "races", ALL, "/|tracks:5"), "/", 0, 5);
+    EXPECT_EQ(rig_do(player, player_play), 0);
+    vel_mutex_lock(&player->lock);
+    const std::string first = start_event(rig, "finished thread=1");
+    const std::string second = start_event(rig, "finished thread=2");
+    await_pins(player, 3);
+    EXPECT_EQ(fake_number(rig.fake, "count attach"), 1);
+    vel_mutex_unlock(&player->lock);
+    EXPECT_EQ(join_event(rig, first), 0);
+    EXPECT_EQ(join_event(rig, second), 0);
+    EXPECT_EQ(fake_ids(rig.fake, "attach"), (std::vector<std::string>{"/t0", "/t1", "/t2"}));
+    EXPECT_EQ(rig_current(player), 2);
+    EXPECT_EQ(fake_number(rig.fake, "count play"), 3);
+    player_close(&mmcontrol, "doubled");
+}
+
+/* --- Requests --------------------------------------------------------------------------------- */
+
+/* A connection to the dispatcher, without the transport below it. */
+struct request_line {
+    msgserver server = {};
+    osb connection = {};
+};
+
+std::string answer; /* the body of the last one; one thread asks */
+
+int32_t keep_replyv(osb*, recv_context*, int32_t, const iovec* vector, int32_t count) {
+    answer.clear();
+    for (int32_t i = 0; i < count; ++i) {
+        answer.append(static_cast<const char*>(vector[i].iov_base), vector[i].iov_len);
+    }
+    return 0;
+}
+
+int32_t keep_reply(osb*, recv_context*, int32_t, const void* data, int32_t length) {
+    answer.assign(static_cast<const char*>(data), static_cast<size_t>(length));
+    return 0;
+}
+
+std::string i32(int32_t value) {
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+std::string text(const std::string& value) {
+    return i32(static_cast<int32_t>(value.size())) + value;
+}
+
+/* The result of one request. */
+int32_t ask(request_line& line, uint16_t type, const std::string& fields) {
+    const lyr_request request = {type, {}};
+    msg_header header = {};
+    header.length = static_cast<int32_t>(sizeof request + fields.size());
+    std::string message(reinterpret_cast<const char*>(&header), sizeof header);
+    message.append(reinterpret_cast<const char*>(&request), sizeof request);
+    message += fields;
+    recv_context context = {};
+    context.buffer = reinterpret_cast<unsigned char*>(message.data());
+    context.payload = context.buffer + sizeof header;
+    line.server.user_data = &mmcontrol;
+    line.server.reply = keep_reply;
+    line.server.replyv = keep_replyv;
+    line.connection.server = &line.server;
+    service_worker(&line.connection, &context, nullptr);
+    int32_t result = -2;
+    memcpy(&result, answer.data(), std::min(answer.size(), sizeof result));
+    return result;
+}
+
+/* Open or close. */
+int32_t ask_name(request_line& line, uint16_t type, const std::string& name) {
+    return ask(line, type, std::string{static_cast<char>(name.size()), 0, 0, 0} + name);
+}
+
+/* Who owns a player is told without regard to case, which player is closed, with regard to it. */
+TEST(player_races, refuse_requests_on_a_player_that_another_client_closed) {
+    player_rig& rig = rig_fresh();
+    const std::string source = i32(rig_source(rig, "races", ALL, "/|tracks:3"));
+    request_line first;
+    request_line second;
+    EXPECT_EQ(ask_name(first, LYR_MSG_OPEN, "Twin"), 0);
+    EXPECT_EQ(ask_name(second, LYR_MSG_OPEN, "twin"), 0);
+    EXPECT_EQ(ask_name(first, LYR_MSG_CLOSE, "twin"), 0);
+    const struct {
+        uint16_t type;
+        std::string fields;
+    } requests[] = {
+        {LYR_MSG_CREATE_TRKSESSION, source + i32(3) + i32(0) + text("/")},
+        {LYR_MSG_BROWSE, source + i32(0) + i32(-1) + text("/")},
+        {LYR_MSG_SEARCH, source + i32(0) + i32(-1) + text("") + text("Track")},
+        {LYR_MSG_GET_METADATA, source + text("/t0")},
+        {LYR_MSG_GET_EXTENDED_METADATA, source + text("/t0") + i32(0)},
+        {LYR_MSG_GET_CURRENT_STATE, ""},
+        {LYR_MSG_GET_TRKSESSION_INFO, ""},
+        {LYR_MSG_GET_TRKSESSION_TRACKS, std::string(16, 0)},
+        {LYR_MSG_GET_CURRENT_TRACK_INFO, ""},
+        {LYR_MSG_GET_CURRENT_TRACK_POSITION, ""},
+        {LYR_MSG_DESTROY_TRKSESSION, std::string(8, 0)},
+        {LYR_MSG_PLAY, ""},
+        {LYR_MSG_SET_SPEED, std::string(4, 0)},
+        {LYR_MSG_SHUFFLE, i32(1)},
+    };
+    for (const auto& request : requests) {
+        EXPECT_EQ(ask(second, request.type, request.fields), -1) << request.type;
+    }
+    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+    EXPECT_EQ(ask_name(second, LYR_MSG_OPEN, "twin"), 0);
+    EXPECT_EQ(ask_name(second, LYR_MSG_CLOSE, "twin"), 0);
+    (void)player_close(&mmcontrol, "Twin");
+}
+
+/* A reader has found the session, and waits for its lock when the session is destroyed. */
+TEST(player_races, read_a_session_that_is_destroyed_meanwhile) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:3");
+    request_line line;
+    EXPECT_EQ(ask_name(line, LYR_MSG_OPEN, "read"), 0);
+    auto* player = static_cast<struct player*>(line.connection.user_data);
+    for (const uint16_t type :
+         {LYR_MSG_GET_TRKSESSION_INFO, LYR_MSG_GET_CURRENT_TRACK_INFO,
+          LYR_MSG_GET_CURRENT_TRACK_POSITION, LYR_MSG_GET_TRKSESSION_TRACKS}) {
+        int32_t expected = 3;
+        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+        rig_await_build(player);
+        trksession* session = trksession_hold(player);
+        vel_mutex_lock(&session->lock);
+        std::thread reader([&] { (void)ask(line, type, std::string(16, 0)); });
+        for (int32_t holds = 0; holds < 3;) { /* the player's, ours, the reader's */
+            vel_lock_guard guard(trksession_hold_lock);
+            holds = session->holds;
+        }
+        const std::string fatal = start_event(rig, "error value=1");
+        vel_mutex_unlock(&session->lock);
+        trksession_release(session);
+        EXPECT_EQ(join_event(rig, fatal), 0);
+        reader.join();
+        EXPECT_EQ(rig_tracks(player), "none");
+    }
+    EXPECT_EQ(ask_name(line, LYR_MSG_CLOSE, "read"), 0);
+}
+
+/* The request has named the session when somebody else destroys it. */
+TEST(player_races, destroy_no_session_that_is_no_more) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:3");
+    request_line line;
+    EXPECT_EQ(ask_name(line, LYR_MSG_OPEN, "gone"), 0);
+    auto* player = static_cast<struct player*>(line.connection.user_data);
+    int32_t expected = 3;
+    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    const uint64_t ts_id = player->trksession->ts_id;
+    vel_mutex_lock(&player->lock);
+    std::thread asker([&] {
+        EXPECT_EQ(ask(line, LYR_MSG_DESTROY_TRKSESSION,
+                      std::string(reinterpret_cast<const char*>(&ts_id), sizeof ts_id)),
+                  -1);
+    });
+    while (rig_logged(rig, "tsid: " + std::to_string(ts_id)) == 0) {
+    }
+    EXPECT_EQ(player_destroy_trksession(player), 0);
+    vel_mutex_unlock(&player->lock);
+    asker.join();
+    EXPECT_EQ(ask_name(line, LYR_MSG_CLOSE, "gone"), 0);
+}
+
+/* Everything that a client asks for on a player of its own. */
+void ask_everything(request_line& line, const std::string& player, const std::string& source) {
+    EXPECT_EQ(ask_name(line, LYR_MSG_OPEN, player), 0);
+    std::string ts_id(8, 0);
+    if (ask(line, LYR_MSG_CREATE_TRKSESSION, source + i32(-1) + i32(0) + text("/")) == 0) {
+        ts_id = answer.substr(4, 8);
+    }
+    for (const uint16_t type : {LYR_MSG_PLAY, LYR_MSG_GET_TRKSESSION_INFO, LYR_MSG_NEXT,
+                                LYR_MSG_GET_CURRENT_TRACK_INFO, LYR_MSG_GET_CURRENT_TRACK_POSITION,
+                                LYR_MSG_GET_MEDIA_SOURCE, LYR_MSG_GET_CURRENT_STATE}) {
+        (void)ask(line, type, "");
+    }
+    (void)ask(line, LYR_MSG_SHUFFLE, i32(1));
+    (void)ask(line, LYR_MSG_GET_TRKSESSION_TRACKS, ts_id + i32(0) + i32(-1));
+    (void)ask(line, LYR_MSG_BROWSE, source + i32(0) + i32(-1) + text("/"));
+    (void)ask(line, LYR_MSG_DESTROY_TRKSESSION, ts_id);
+    EXPECT_EQ(ask_name(line, LYR_MSG_CLOSE, player), 0);
+}
+
+TEST(player_races, serve_requests_while_sources_and_sessions_come_and_go) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tree:1,5,2");
+    std::atomic<bool> calm = false;
+    std::vector<std::thread> winds;
+    winds.emplace_back([&] {
+        for (int32_t i = 0; !calm; ++i) {
+            (void)lyrane_internal_mediasource_status_changed(source, i);
+        }
+    });
+    winds.emplace_back([&] {
+        while (!calm) {
+            (void)lyrane_internal_mediasource_disconnected(source);
+            (void)lyrane_internal_mediasource_connected(0, "races", "r", nullptr, 1, ALL, 1);
+        }
+    });
+    winds.emplace_back([&] {
+        while (!calm) {
+            fake_do(rig.fake, "event finished repeat=3");
+            fake_do(rig.fake, "event error value=1 repeat=2");
+        }
+    });
+    request_line line;
+    for (int i = 0; i < 60; ++i) {
+        ask_everything(line, "guest" + std::to_string(i % 3), i32(source));
+    }
+    calm = true;
+    for (std::thread& wind : winds) {
+        wind.join();
+    }
+    EXPECT_GT(fake_number(rig.fake, "count play"), 0);
+    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+    EXPECT_EQ(fake_do(rig.fake, "violations"), "");
+}
+
+} // namespace
