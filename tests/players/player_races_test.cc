@@ -117,30 +117,6 @@ TEST(player_races, build_nothing_on_a_source_that_is_going) {
     player_close(&mmcontrol, "late");
 }
 
-TEST(player_races, end_in_the_midst_of_events_and_a_build) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:100000");
-    fake_do(rig.fake, "rule browse page=1");
-    for (const char* name : {"one", "two"}) {
-        player* player = player_open(&mmcontrol, name);
-        int32_t expected = -1;
-        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
-        EXPECT_EQ(rig_do(player, player_play), 0);
-    }
-    std::vector<std::string> tickets;
-    for (const char* event : {"position value=1 thread=1", "finished thread=2",
-                              "changed node=/t0 thread=3", "state status=2 thread=4"}) {
-        tickets.push_back(start_event(rig, std::string(event) + " repeat=500"));
-    }
-    fake_do(rig.fake, "await event.position 20");
-    EXPECT_EQ(players_force_close(&mmcontrol), 0);
-    for (const std::string& ticket : tickets) {
-        (void)join_event(rig, ticket);
-    }
-    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
-    EXPECT_EQ(fake_do(rig.fake, "violations"), "");
-}
-
 /* --- Builds ----------------------------------------------------------------------------------- */
 
 /* The flag stops a walk between two pages, where a cancel finds no browse to end: it must be there
@@ -497,12 +473,15 @@ TEST(player_races, serve_requests_while_sources_and_sessions_come_and_go) {
             (void)lyrane_internal_mediasource_connected(0, "races", "r", nullptr, 1, ALL, 1);
         }
     });
-    winds.emplace_back([&] {
-        while (!calm) {
-            fake_do(rig.fake, "event finished repeat=3");
-            fake_do(rig.fake, "event error value=1 repeat=2");
-        }
-    });
+    for (const char* event : {"finished thread=1 repeat=3", "error value=1 thread=2 repeat=2",
+                              "position value=1 thread=3 repeat=9", "changed thread=4 repeat=9",
+                              "state status=2 thread=5 repeat=9"}) {
+        winds.emplace_back([&rig, &calm, event] {
+            while (!calm) {
+                fake_do(rig.fake, "event %s", event);
+            }
+        });
+    }
     request_line line;
     for (int i = 0; i < 60; ++i) {
         ask_everything(line, "guest" + std::to_string(i % 3), i32(source));
