@@ -127,6 +127,9 @@ static int32_t merge_line(strm_dict* attributes, const pps_line& line) {
 int32_t pps_content_merge(strm_dict* attributes, const char* text, size_t length,
                           pps_strictness strictness) {
     std::string_view rest(text, length);
+    if (!rest.empty() && rest.back() == '\0') {
+        rest.remove_suffix(1); /* writers of C strings send it along */
+    }
     while (!rest.empty()) {
         pps_line line;
         const std::string_view next = take_line(&rest);

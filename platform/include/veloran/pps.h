@@ -82,8 +82,9 @@ pps_object* pps_open(const char* path, int32_t flags, uint32_t mode) noexcept;
 void pps_close(pps_object* object) noexcept;
 
 /* Publishes one update: all of it, or nothing. EINVAL for a line that is none (an attribute is
- * "name:encoding:value"), EFBIG beyond PPS_OBJECT_MAX or PPS_ATTRIBUTES_MAX, EBADF for an object
- * that is open for reading. A directory that somebody took away is made again. */
+ * "name:encoding:value"; a NUL at the end of the whole text is dropped), EFBIG beyond
+ * PPS_OBJECT_MAX or PPS_ATTRIBUTES_MAX, EBADF for an object that is open for reading. A directory
+ * that somebody took away is made again. */
 int32_t pps_write(pps_object* object, const char* text, size_t length) noexcept;
 /* The same, gathered from any number of pieces. */
 int32_t pps_writev(pps_object* object, const struct iovec* pieces, size_t count) noexcept;

@@ -1,0 +1,1 @@
+-- What is run on each new connection to the last-mode database: nothing is needed.

@@ -1,0 +1,1 @@
+-- Rows that a new last-mode database begins with: none. Nothing was saved yet.

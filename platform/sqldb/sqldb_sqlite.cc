@@ -1,0 +1,83 @@
+#include "sqldb_sqlite.h"
+
+#include <cerrno>
+
+#include <veloran/sqldb.h>
+
+int32_t sqldb_sqlite_errno(sqlite3* database, int code) noexcept {
+    const int system = database != nullptr ? sqlite3_system_errno(database) : 0;
+    switch (code & 0xFF) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return EBUSY;
+    case SQLITE_NOMEM:
+        return ENOMEM;
+    case SQLITE_READONLY:
+        return EROFS;
+    case SQLITE_FULL:
+        return ENOSPC;
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+        return EBADMSG;
+    case SQLITE_CONSTRAINT:
+        return EEXIST;
+    case SQLITE_TOOBIG:
+        return EFBIG;
+    case SQLITE_PERM:
+    case SQLITE_AUTH:
+        return EACCES;
+    case SQLITE_CANTOPEN:
+        return system > 0 ? system : ENOENT;
+    case SQLITE_IOERR:
+        return code == SQLITE_IOERR_NOMEM ? ENOMEM : system > 0 ? system : EIO;
+    default:
+        return EINVAL;
+    }
+}
+
+sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept {
+    sqlite3* opened = nullptr;
+    const int code = sqlite3_open_v2(path, &opened,
+                                     flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
+    sqldb_handle database(opened);
+    if (code != SQLITE_OK) {
+        errno = sqldb_sqlite_errno(opened, code);
+        return nullptr;
+    }
+    sqlite3_busy_timeout(opened, SQLDB_BUSY_MS);
+    if (sqldb_sqlite_run(opened, "PRAGMA synchronous=FULL") != 0) {
+        return nullptr;
+    }
+    return database;
+}
+
+int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept {
+    const int code = sqlite3_exec(database, text, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK) {
+        errno = sqldb_sqlite_errno(database, code);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t sqldb_sqlite_text(sqlite3* database, const char* statement, std::string* text) {
+    sqlite3_stmt* prepared = nullptr;
+    int code = sqlite3_prepare_v2(database, statement, -1, &prepared, nullptr);
+    const sqldb_prepared owner(prepared);
+    text->clear();
+    if (code == SQLITE_OK) {
+        code = sqlite3_step(prepared);
+    }
+    if (code == SQLITE_ROW) {
+        const unsigned char* cell = sqlite3_column_text(prepared, 0);
+        for (; cell != nullptr && *cell != '\0'; ++cell) {
+            text->push_back(static_cast<char>(*cell));
+        }
+        return 0;
+    }
+    if (code == SQLITE_DONE) {
+        return 0;
+    }
+    errno = sqldb_sqlite_errno(database, code);
+    return -1;
+}

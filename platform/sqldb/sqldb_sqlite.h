@@ -1,0 +1,34 @@
+/* SQLite's handles with their owners, and its error codes as errno. */
+#ifndef VELORAN_SQLDB_SQLITE_H
+#define VELORAN_SQLDB_SQLITE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <sqlite3.h>
+
+struct sqldb_close {
+    void operator()(sqlite3* database) const noexcept { sqlite3_close_v2(database); }
+};
+using sqldb_handle = std::unique_ptr<sqlite3, sqldb_close>;
+
+struct sqldb_finalize {
+    void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
+};
+using sqldb_prepared = std::unique_ptr<sqlite3_stmt, sqldb_finalize>;
+
+/* The errno that an error code of SQLite stands for; `database` may be null. */
+int32_t sqldb_sqlite_errno(sqlite3* database, int code) noexcept;
+
+/* Opens a database file; `flags` are SQLite's. Commits are synchronised, and others' transactions
+ * waited for. Null with errno set; a file that is no database shows at the first access only. */
+sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept;
+
+/* Runs a text of statements. 0, or -1 with errno set. */
+int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept;
+
+/* The text of the first column of the first row; empty without one. 0, or -1 with errno set. */
+int32_t sqldb_sqlite_text(sqlite3* database, const char* statement, std::string* text);
+
+#endif

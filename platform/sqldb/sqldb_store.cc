@@ -1,0 +1,269 @@
+/* The one rule: a replacement is made aside and proved whole before what it replaces is moved, and
+ * what is moved is kept. */
+#include "sqldb_store.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <veloran/paths.h>
+
+#include "sqldb_copy.h"
+#include "sqldb_layout.h"
+#include "sqldb_sqlite.h"
+
+namespace {
+
+/* Severities; the one of an error ends some programs, and nothing here is worth that. */
+constexpr int32_t WARNING = 3;
+constexpr int32_t NOTICE = 4;
+constexpr int32_t INFO = 5;
+
+constexpr const char* MADE_EMPTY = "made empty";
+constexpr int32_t KEPT_MAX = 9; /* the last number of a damaged file that is kept */
+
+struct schema_texts {
+    std::string tables;
+    std::string data;
+    sqldb_layout layout; /* of the tables */
+};
+
+enum class verdict { whole, missing, damaged, unknown };
+
+std::string because(const std::string& what) {
+    char buffer[128];
+    return what + ": " + strerror_r(errno, buffer, sizeof buffer);
+}
+
+/* Brings a schema file to where it is expected. One that is there stays as it is. */
+int32_t provide(const std::string& path, const sqldb_reporter& reporter) {
+    std::string text;
+    if (access(path.c_str(), F_OK) == 0) {
+        return 0;
+    }
+    const std::string original = reporter.defaults + path.substr(path.rfind('/'));
+    if (sqldb_place_read(original, &text, SQLDB_PLACE_SCHEMA_MAX) != 0 ||
+        paths_make_parents(path.c_str()) != 0) {
+        return -1;
+    }
+    return sqldb_place_write(path, text, true);
+}
+
+int32_t load_schema_file(const std::string& path, const sqldb_reporter& reporter, bool optional,
+                         std::string* text, std::string* reason) {
+    if (path.empty() ||
+        (provide(path, reporter) == 0 &&
+         sqldb_place_read(path, text, SQLDB_PLACE_SCHEMA_MAX) == 0) ||
+        (optional && errno == ENOENT)) {
+        return 0;
+    }
+    *reason = because("the schema file " + path);
+    return -1;
+}
+
+int32_t load_schemas(const sqldb_place& place, const sqldb_reporter& reporter,
+                     schema_texts* schemas, std::string* reason) {
+    std::string unused;
+    if (load_schema_file(place.schema, reporter, false, &schemas->tables, reason) != 0 ||
+        load_schema_file(place.data_schema, reporter, true, &schemas->data, reason) != 0 ||
+        load_schema_file(place.client_schema, reporter, true, &unused, reason) != 0) {
+        return -1;
+    }
+    std::string error;
+    if (sqldb_layout_of_schema(schemas->tables, &schemas->layout, &error) != 0) {
+        *reason = "the schema file " + place.schema + ": " + error;
+        return -1;
+    }
+    return 0;
+}
+
+/* What the errno of an access says of the file itself. */
+verdict judge_error(const std::string& file, std::string* reason) {
+    *reason = because(file);
+    return errno == EBADMSG ? verdict::damaged : verdict::unknown;
+}
+
+/* Looks at a database file; `flags` are SQLite's. The reason is set unless it is whole. */
+verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
+                std::string* reason) {
+    struct stat status;
+    if (stat(file.c_str(), &status) != 0) {
+        *reason = because(file);
+        return errno == ENOENT ? verdict::missing : verdict::unknown;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        *reason = file + ": no regular file";
+        return verdict::damaged;
+    }
+    const sqldb_handle database = sqldb_sqlite_open(file.c_str(), flags);
+    sqldb_layout present;
+    if (database == nullptr || sqldb_copy_check(database.get()) != 0 ||
+        sqldb_layout_of(database.get(), &present) != 0) {
+        return judge_error(file, reason);
+    }
+    const std::string table = sqldb_layout_missing(wanted, present);
+    if (!table.empty()) {
+        *reason = file + ": the table " + table + " is missing or has other columns";
+        return verdict::damaged;
+    }
+    /* Writers beside readers, one synchronisation a commit; kept in the file. Where it cannot be
+     * had, the ordinary journal serves as well. */
+    if ((flags & SQLITE_OPEN_READWRITE) != 0) {
+        sqldb_sqlite_run(database.get(), "PRAGMA journal_mode=WAL");
+    }
+    return verdict::whole;
+}
+
+/* The backups that exist, newest first. */
+std::vector<std::string> find_backups(const sqldb_place& place) {
+    std::vector<std::pair<timespec, std::string>> found;
+    for (const std::string& directory : place.backups) {
+        const std::string path = sqldb_copy_backup_path(directory, place.name);
+        struct stat status;
+        if (stat(path.c_str(), &status) == 0) {
+            found.emplace_back(status.st_mtim, path);
+        }
+    }
+    std::stable_sort(found.begin(), found.end(), [](const auto& one, const auto& other) {
+        return one.first.tv_sec != other.first.tv_sec ? one.first.tv_sec > other.first.tv_sec
+                                                      : one.first.tv_nsec > other.first.tv_nsec;
+    });
+    std::vector<std::string> paths;
+    for (const auto& item : found) {
+        paths.push_back(item.second);
+    }
+    return paths;
+}
+
+int32_t copy_backup(const std::string& backup, const std::string& aside) {
+    const sqldb_handle database = sqldb_sqlite_open(backup.c_str(), SQLITE_OPEN_READONLY);
+    return database == nullptr ? -1 : sqldb_copy_make(database.get(), aside);
+}
+
+/* Makes an empty database aside. 0, or -1 with the reason; then no file is left. */
+int32_t make_empty(const schema_texts& schemas, const std::string& aside, std::string* reason) {
+    sqldb_copy_discard(aside);
+    sqldb_handle database =
+        sqldb_sqlite_open(aside.c_str(), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    bool is_made = database != nullptr;
+    for (const std::string* text : {&schemas.tables, &schemas.data}) {
+        is_made = is_made && sqldb_sqlite_run(database.get(), text->c_str()) == 0;
+    }
+    if (!is_made) {
+        *reason = because(aside);
+    }
+    database.reset(); /* before the file is opened otherwise */
+    if (is_made && sqldb_copy_settle(aside) == 0) {
+        return 0;
+    }
+    *reason = is_made ? because(aside) : *reason;
+    sqldb_copy_discard(aside);
+    return -1;
+}
+
+/* Makes the replacement aside: from the newest backup that is good, else from the schema. */
+int32_t make_replacement(const sqldb_place& place, const schema_texts& schemas,
+                         const sqldb_reporter& reporter, const std::string& aside,
+                         std::string* origin, std::string* reason) {
+    for (const std::string& backup : find_backups(place)) {
+        std::string flaw;
+        if (inspect(backup, SQLITE_OPEN_READONLY, schemas.layout, &flaw) != verdict::whole) {
+            sqldb_report(reporter, WARNING, "backup not used: " + flaw);
+            continue;
+        }
+        if (copy_backup(backup, aside) != 0) {
+            *reason = because("copying " + backup + " to " + aside);
+            return -1; /* the copy is at fault, not the backup: an empty one would hide it */
+        }
+        *origin = "restored from " + backup;
+        return 0;
+    }
+    *origin = MADE_EMPTY;
+    return make_empty(schemas, aside, reason);
+}
+
+/* A name for what is moved aside. */
+std::string kept_name(const std::string& file) {
+    std::string kept = file + ".damaged";
+    for (int32_t number = 1; number <= KEPT_MAX && access(kept.c_str(), F_OK) == 0; ++number) {
+        kept = file + ".damaged." + std::to_string(number);
+    }
+    return kept;
+}
+
+/* Moves the database file aside with its journals, which belong to it and to no other. */
+int32_t set_aside(const std::string& file, const sqldb_reporter& reporter) {
+    const std::string kept = kept_name(file);
+    if (rename(file.c_str(), kept.c_str()) == 0) {
+        sqldb_report(reporter, NOTICE, "kept the damaged database as " + kept);
+    } else if (errno != ENOENT) {
+        return -1;
+    }
+    for (const char* suffix : {"-wal", "-journal"}) {
+        if (rename((file + suffix).c_str(), (kept + suffix).c_str()) != 0 && errno != ENOENT) {
+            return -1;
+        }
+    }
+    return unlink((file + "-shm").c_str()) != 0 && errno != ENOENT ? -1 : 0;
+}
+
+int32_t replace(const sqldb_place& place, const schema_texts& schemas, verdict state,
+                const sqldb_reporter& reporter, std::string* reason) {
+    const std::string aside = place.file + ".new";
+    std::string origin;
+    if (make_replacement(place, schemas, reporter, aside, &origin, reason) != 0) {
+        return -1;
+    }
+    if (set_aside(place.file, reporter) != 0 || rename(aside.c_str(), place.file.c_str()) != 0 ||
+        sqldb_place_sync_directory(place.file) != 0) {
+        *reason = because(place.file);
+        return -1;
+    }
+    const bool is_first = state == verdict::missing && origin == MADE_EMPTY;
+    sqldb_report(reporter, is_first ? INFO : WARNING, "database " + place.name + " " + origin);
+    return 0;
+}
+
+int32_t prepare(const sqldb_place& place, const sqldb_reporter& reporter, std::string* reason) {
+    schema_texts schemas;
+    if (paths_make_parents(place.file.c_str()) != 0) {
+        *reason = because(place.file);
+        return -1;
+    }
+    if (load_schemas(place, reporter, &schemas, reason) != 0) {
+        return -1;
+    }
+    verdict state = inspect(place.file, SQLITE_OPEN_READWRITE, schemas.layout, reason);
+    if (state == verdict::damaged) {
+        sqldb_report(reporter, WARNING, "database " + place.name + " is damaged: " + *reason);
+    }
+    if (state == verdict::damaged || state == verdict::missing) {
+        if (replace(place, schemas, state, reporter, reason) != 0) {
+            return -1;
+        }
+        state = inspect(place.file, SQLITE_OPEN_READWRITE, schemas.layout, reason);
+    }
+    return state == verdict::whole ? 0 : -1;
+}
+
+} // namespace
+
+void sqldb_report(const sqldb_reporter& reporter, int32_t severity, const std::string& text) {
+    if (reporter.say != nullptr) {
+        reporter.say(reporter.user, severity, text.c_str());
+    }
+}
+
+int32_t sqldb_store_prepare(const sqldb_place& place, const sqldb_reporter& reporter,
+                            std::string* reason) {
+    const int32_t result = prepare(place, reporter, reason);
+    if (result != 0) {
+        sqldb_report(reporter, WARNING, "database " + place.name + " cannot be used: " + *reason);
+    }
+    return result;
+}
