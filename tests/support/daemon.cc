@@ -114,6 +114,7 @@ std::vector<std::string> environment_of(const test_daemon& daemon) {
     variables.push_back("VELORAN_RUN=" + daemon.run);
     variables.push_back("VELORAN_STATE=" + daemon.root + "/state");
     variables.push_back("VELORAN_SLOG=file:" + daemon.root + "/log");
+    variables.push_back("VELORAN_SQLDB_DEFAULTS=" SCHEMA_FILES);
     return variables;
 }
 

@@ -111,6 +111,9 @@ void read_lastmode(control_block* control, pps_decoder* decoder) {
     if (pps_decoder_get_string(decoder, "max_try", &value) == PPS_JSON_OK) {
         control->lastmode_max_try = config_number(value);
     }
+    if (pps_decoder_get_string(decoder, "keep_missing", &value) == PPS_JSON_OK) {
+        control->lastmode_keep_missing = config_number(value) != 0 ? 1 : 0;
+    }
     if (enter(decoder, "device_type", PPS_JSON_ARRAY)) {
         control->lastmode_devices = read_device_types(decoder);
         pps_decoder_pop(decoder);

@@ -17,6 +17,7 @@
 
 #include "config.h"
 #include "control.h"
+#include "lastmode.h"
 #include "mediasource.h"
 #include "msglog.h"
 #include "msgserver.h"
@@ -104,13 +105,17 @@ void claim_name() {
 
 void restore_lastmode() {
     if (mmcontrol.lastmode == 1) {
-        /* The place of lastmode_restore. */
-        msglog(3, "last mode is not available in this build");
+        lastmode_database_start();
+        (void)lastmode_restore(&mmcontrol);
     }
 }
 
 void save_lastmode() {
-    /* The place of players_save_state, with mmcontrol.lastmode 1. */
+    if (mmcontrol.lastmode == 1) {
+        lastmode_end();
+        (void)players_save_state(&mmcontrol);
+        lastmode_database_stop();
+    }
 }
 
 void create_service() {

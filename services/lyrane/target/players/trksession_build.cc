@@ -25,6 +25,10 @@ static std::atomic<uint64_t> tsid_counter;
 /* Stop count of a build thread when the client announced no number of tracks. */
 static constexpr int32_t NO_STOP_COUNT = INT32_MAX - 1;
 
+uint64_t trksession_new_id(void) noexcept {
+    return tsid_counter.fetch_add(1);
+}
+
 static constexpr char MINI[] = "build_mini_trksession";
 static constexpr char BUILD[] = "player_build_trksession";
 
@@ -67,9 +71,10 @@ static trksession* add_session(player* player, mediasource* source,
     pthread_cond_init(&session->build_over, nullptr);
     session->mediasource = source;
     session->ms_session = ms_session;
-    session->ts_id = tsid_counter.fetch_add(1);
+    session->ts_id = trksession_new_id();
     session->expected = -1;
     trksession_set(player, session);
+    ++player->sessions_made;
     return session;
 }
 

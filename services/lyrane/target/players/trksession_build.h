@@ -65,6 +65,9 @@ void* player_trksession_thread(void* player) noexcept;
 void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes, int32_t index) noexcept;
 }
 
+/* An id that no other track session of this run has. [any thread] */
+uint64_t trksession_new_id(void) noexcept;
+
 /* Ends the building of the player's session, if any, before it is destroyed. False when the plug-in
  * does not let the build thread go by the deadline, a time of the real-time clock; the session must
  * not be destroyed then. */

@@ -47,6 +47,7 @@ struct control_block {
     int32_t lastmode_timeout; /* seconds */
     uint32_t lastmode_devices;
     int32_t lastmode_max_try;
+    int32_t lastmode_keep_missing; /* 1: what could not be restored is saved again */
 
     msgserver* server; /* set by start-up */
     int32_t service_id;

@@ -60,6 +60,7 @@ struct player {
 
     control_block* control;                             /* constant */
     int32_t pins VEL_GUARDED_BY(control->players_lock); /* see player_pin.h */
+    int32_t sessions_made VEL_GUARDED_BY(lock);         /* track sessions in this run */
     int32_t error_run VEL_GUARDED_BY(lock); /* skips in a row without a track that played */
 };
 

@@ -20,7 +20,7 @@ struct trksession {
     int32_t expected;     /* tracks the client announced; -1 unknown */
     int32_t start_index;  /* child of mn_id at which the session starts */
     int32_t ignore_count; /* tracks that the first step imported */
-    char* mn_id;          /* folder; owned; may be null */
+    char* mn_id; /* folder; owned; may be null; a restored session gets it late, under lock */
 
     int32_t length VEL_GUARDED_BY(lock);         /* tracks in `tracks` */
     int32_t* order VEL_GUARDED_BY(lock);         /* owned; track index at a playback position */
