@@ -52,8 +52,9 @@ TEST_F(sqldb_statement_test, stores_numbers_bit_for_bit) {
     for (const auto& item : integers) {
         ASSERT_EQ(sqldb_statement(music, "INSERT INTO songs(number) VALUES(%llu)", item.given), 0);
         EXPECT_EQ(found("SELECT number AS v FROM songs ORDER BY id DESC LIMIT 1"), item.found);
-        ASSERT_EQ(sqldb_statement(music, "SELECT 0-%llu=0-number, number-%d=number FROM songs "
-                                         "WHERE number=%llu;",
+        ASSERT_EQ(sqldb_statement(music,
+                                  "SELECT 0-%llu=0-number, number-%d=number FROM songs "
+                                  "WHERE number=%llu;",
                                   item.given, 0, item.given),
                   0);
         const result_owner result(sqldb_getresult(music));
@@ -63,8 +64,9 @@ TEST_F(sqldb_statement_test, stores_numbers_bit_for_bit) {
         ASSERT_EQ(sqldb_statement(music, "INSERT INTO songs(rate, number) VALUES(%f, %d)", given,
                                   -2147483647 - 1),
                   0);
-        ASSERT_EQ(sqldb_statement(music, "SELECT rate, number, typeof(%f) FROM songs "
-                                         "ORDER BY id DESC LIMIT 1",
+        ASSERT_EQ(sqldb_statement(music,
+                                  "SELECT rate, number, typeof(%f) FROM songs "
+                                  "ORDER BY id DESC LIMIT 1",
                                   given),
                   0);
         const result_owner result(sqldb_getresult(music));
@@ -80,7 +82,12 @@ TEST_F(sqldb_statement_test, stores_any_text) {
         bytes.push_back(static_cast<char>(byte));
     }
     const std::string texts[] = {
-        "", "'", "''", "it's; DROP TABLE songs; --\n", "100% %q %n", bytes,
+        "",
+        "'",
+        "''",
+        "it's; DROP TABLE songs; --\n",
+        "100% %q %n",
+        bytes,
         std::string(1 << 20, '\''),
     };
     for (const std::string& text : texts) {

@@ -1,0 +1,177 @@
+/* Databases that others have damaged, and the backups that they are restored from. */
+#include <functional>
+
+#include <sys/stat.h>
+
+#include "sqldb_root.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct sqldb_damage_test : sqldb_test {
+    const std::string config = config_text("music", "BackupDir::/var/db/a/,/var/db/b\n");
+    const std::string file = state_path("/db/music.db");
+    const std::string backup_a = state_path("/var/db/a/music.db");
+    const std::string backup_b = state_path("/var/db/b/music.db");
+
+    /* Starts and waits; ends up with a fresh connection or null. */
+    void serve() {
+        configure("music", config);
+        start();
+        ASSERT_TRUE(await_status("music", "Status::Valid"));
+    }
+    /* Adds songs, with a backup or without. */
+    static void save(const std::string& name, bool is_backup) {
+        sqldb_connection* music = connect("music");
+        ASSERT_NE(music, nullptr) << strerror(errno);
+        ASSERT_EQ(add_song(music, name), 0);
+        if (is_backup) {
+            ASSERT_EQ(sqldb_backup(music, SQLDB_SCOPE_ALL), 0) << strerror(errno);
+        }
+        ASSERT_EQ(sqldb_disconnect(music), 0);
+    }
+};
+
+/* Writes `text` over the middle of a file. */
+void scribble(const std::string& path, std::streamoff at, const std::string& text) {
+    std::fstream stream(path, std::ios::in | std::ios::out | std::ios::binary);
+    stream.seekp(at) << text;
+}
+
+} // namespace
+
+TEST_F(sqldb_damage_test, restores_the_newest_good_backup_and_keeps_the_damaged_file) {
+    plant_file(the_root->path + "/defaults/other.sql", "CREATE TABLE songs (name, id);");
+    configure("other", "Filename::/db/other.db\nSchemaFile::/db/other.sql\n");
+    serve();
+    ASSERT_TRUE(await_status("other", "Status::Valid"));
+    ASSERT_EQ(pps_unlink("/pps/veloran/sqldb/config/other"), 0);
+    save("first", true);
+    const std::string first = file_text(backup_a);
+    save("second", true);
+    const std::string second = file_text(backup_b);
+    save("third", false);
+    stop();
+    const std::string good = file_text(file);
+    ASSERT_FALSE(fs::exists(file + "-wal"));
+    const std::string foreign = file_text(state_path("/db/other.db"));
+    const struct {
+        const char* what;
+        std::function<void()> damage;
+        const char* songs;
+        bool is_kept;
+    } cases[] = {
+        {"untouched", [] {}, "first second third", false},
+        {"cut", [&] { fs::resize_file(file, good.size() / 2); }, "first second", true},
+        {"cut inside the header", [&] { fs::resize_file(file, 50); }, "first second", true},
+        {"empty", [&] { fs::resize_file(file, 0); }, "first second", true},
+        {"no database", [&] { plant_file(file, "an ordinary text\n"); }, "first second", true},
+        {"scribbled", [&] { scribble(file, 4096, std::string(4096, '\x55')); }, "first second",
+         true},
+        {"of others", [&] { plant_file(file, foreign); }, "first second", true},
+        {"a folder",
+         [&] {
+             fs::remove(file);
+             plant_file(file + "/inside", "x");
+         },
+         "first second", true},
+        {"a pipe",
+         [&] {
+             fs::remove(file);
+             ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+         },
+         "first second", true},
+        {"missing, with another's journal",
+         [&] {
+             fs::remove(file);
+             plant_file(file + "-wal", foreign);
+         },
+         "first second", false},
+        {"with the newer backup damaged",
+         [&] {
+             plant_file(file, "");
+             plant_file(backup_b, "");
+         },
+         "first", true},
+        {"with both backups damaged",
+         [&] {
+             plant_file(file, "");
+             plant_file(backup_a, second.substr(0, 5000));
+             fs::remove(backup_b);
+             fs::create_directory(backup_b);
+         },
+         "", true},
+    };
+    for (const auto& item : cases) {
+        SCOPED_TRACE(item.what);
+        for (const auto& entry : fs::directory_iterator(state_path("/db"))) {
+            fs::remove_all(entry.path());
+        }
+        fs::remove_all(backup_b);
+        plant_file(file, good);
+        plant_file(backup_a, first);
+        plant_file(backup_b, second);
+        fs::last_write_time(backup_a, fs::last_write_time(backup_b) - std::chrono::hours(1));
+        item.damage();
+        said.clear();
+        serve();
+        EXPECT_EQ(songs_of("music"), item.songs);
+        stop();
+        EXPECT_EQ(fs::exists(file + ".damaged"), item.is_kept);
+        EXPECT_EQ(said.find("is damaged") != std::string::npos, item.is_kept) << said;
+        EXPECT_FALSE(fs::exists(file + ".new"));
+        fs::remove_all(file + ".damaged");
+    }
+}
+
+TEST_F(sqldb_damage_test, keeps_each_damaged_file_up_to_a_bound) {
+    serve();
+    stop();
+    for (int i = 0; i < 12; ++i) {
+        plant_file(file, "damage " + std::to_string(i));
+        serve();
+        stop();
+    }
+    EXPECT_EQ(file_text(file + ".damaged"), "damage 0");
+    EXPECT_EQ(file_text(file + ".damaged.8"), "damage 8");
+    EXPECT_EQ(file_text(file + ".damaged.9"), "damage 11");
+}
+
+/* A directory that takes no backup does not keep the other from getting one, and keeps its own. */
+TEST_F(sqldb_damage_test, an_older_backup_stays_until_the_newer_is_whole) {
+    serve();
+    save("first", true);
+    const std::string older = file_text(backup_a);
+    plant_file(backup_a + ".new/inside", "in the way");
+    sqldb_connection* music = connect("music");
+    ASSERT_NE(music, nullptr);
+    ASSERT_EQ(add_song(music, "second"), 0);
+    EXPECT_EQ(sqldb_backup(music, SQLDB_SCOPE_ALL), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(add_song(music, "third"), 0); /* the commit itself went well */
+    EXPECT_EQ(sqldb_disconnect(music), 0);
+    EXPECT_EQ(file_text(backup_a), older);
+    EXPECT_FALSE(fs::exists(backup_b + ".new"));
+    stop();
+    plant_file(file, "");
+    serve();
+    EXPECT_EQ(songs_of("music"), "first second");
+}
+
+/* A disk that takes no more: every failure has its errno, and all or nothing is there. */
+TEST_F(sqldb_damage_test, a_full_database_loses_no_earlier_state) {
+    serve();
+    save("first", true);
+    sqldb_connection* music = connect("music");
+    ASSERT_NE(music, nullptr);
+    ASSERT_EQ(sqldb_statement(music, "PRAGMA max_page_count=20"), 0);
+    ASSERT_EQ(add_song(music, "second"), 0);
+    errno = 0;
+    EXPECT_EQ(add_song(music, std::string(200000, 'x')), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    const int32_t later = add_song(music, "third");
+    const bool is_saved = sqldb_disconnect(music) == 0;
+    EXPECT_EQ(later == 0, is_saved); /* the long one dropped itself, or all was dropped */
+    EXPECT_EQ(songs_of("music"), is_saved ? "first second third" : "first");
+}
