@@ -19,6 +19,7 @@ namespace {
 constexpr int STEPS = 60;
 
 uint64_t last_session; /* the track session that a reply named last */
+bool has_player[RIG_CONNECTIONS];
 
 void add(std::string* payload, const void* value, size_t size) {
     payload->append(static_cast<const char*>(value), size);
@@ -196,7 +197,27 @@ void happen(fuzz_input* input, int plugin) {
 /* --- Steps -------------------------------------------------------------------------------------
  */
 
-void remember_session(uint16_t type, const rig_reply& reply) {
+bool name_is_whole(const std::string& payload) {
+    constexpr size_t name = sizeof(lyr_request) + 4;
+    return payload.size() >= name && static_cast<signed char>(payload[name - 4]) >= 0 &&
+           static_cast<size_t>(payload[name - 4]) <= payload.size() - name;
+}
+
+/* Keeps track of what later requests build on, and compares it with this reply. */
+void follow(int connection, const std::string& payload, const rig_reply& reply) {
+    uint16_t type = UINT16_MAX;
+    int32_t result = -1;
+    memcpy(&type, payload.data(), std::min(payload.size(), sizeof type));
+    memcpy(&result, reply.body.data(), std::min(reply.body.size(), sizeof result));
+    bool* has = &has_player[connection];
+    if (type > LYR_MSG_GET_MEDIA_SOURCE && type <= LYR_MSG_REPEAT && !*has) {
+        require(result == -1, "without a player there is nothing to ask");
+    }
+    if (type == LYR_MSG_OPEN && name_is_whole(payload)) {
+        *has = result == 0; /* one that is refused lets go of the earlier player, too */
+    } else if (type == LYR_MSG_CLOSE && result == 0) {
+        *has = false;
+    }
     if ((type == LYR_MSG_CREATE_TRKSESSION || type == LYR_MSG_GET_TRKSESSION_INFO) &&
         reply.body.size() >= sizeof(int32_t) + sizeof last_session) {
         memcpy(&last_session, reply.body.data() + sizeof(int32_t), sizeof last_session);
@@ -210,6 +231,7 @@ void step(fuzz_input* input) {
     const int connection = static_cast<int>(op >> 5 & 1);
     if (form == 3 && type == 31) {
         rig_reconnect(connection);
+        has_player[connection] = false;
         return;
     }
     if (form == 3 && type < 24) {
@@ -223,7 +245,7 @@ void step(fuzz_input* input) {
                     : well_formed(form == 3 ? LYR_MSG_CREATE_TRKSESSION : type, input);
     const rig_reply reply = rig_request(connection, payload, form != 3);
     require_reply(payload, reply);
-    remember_session(form == 3 ? LYR_MSG_CREATE_TRKSESSION : type, reply);
+    follow(connection, payload, reply);
 }
 
 } // namespace
@@ -237,6 +259,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz_input input = {data, size};
     rig_begin(input_u8(&input));
     last_session = 0;
+    std::fill(std::begin(has_player), std::end(has_player), false);
     for (int i = 0; i < STEPS && input.left > 0; ++i) {
         step(&input);
     }

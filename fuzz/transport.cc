@@ -18,6 +18,7 @@
 
 #include "input.h"
 #include "msgserver.h"
+#include "reply.h"
 
 namespace {
 
@@ -61,7 +62,9 @@ void reply_pieces(osb* connection, recv_context* context, size_t size, int32_t c
 void worker(osb* connection, recv_context* context, service*) {
     msg_header header;
     memcpy(&header, context->buffer, sizeof header);
-    require(header.length <= context->payload_size, "the payload is there");
+    require(header.length <= context->payload_size &&
+                header.length <= context->info.msglen - MSG_HEADER_SIZE,
+            "the payload came with the message");
     const std::string request(context->payload, context->payload + header.length);
     fuzz_input rest = {reinterpret_cast<const uint8_t*>(request.data()), request.size()};
     switch (input_u8(&rest)) {
@@ -78,9 +81,7 @@ void worker(osb* connection, recv_context* context, service*) {
         (void)server->reply(connection, context, 0, "one", 3);
         require(server->reply(connection, context, 0, "two", 3) == -1, "a second reply is refused");
         break;
-    case 'n':
-        break;
-    case 'l':
+    case 'l': /* no reply; what is no CSM_PUT cannot have it later */
         if (header.type == CSM_PUT) {
             late.push_back({connection, context->rcvid, header.tag});
         }
@@ -310,8 +311,45 @@ int next_descriptor(void) {
     return fd;
 }
 
+/* Shows every connection record. */
+void for_each_connection(void (*look)(const osb*)) {
+    vel_lock_guard guard(server->lock);
+    for (int32_t i = 0; i < server->services.count; ++i) {
+        auto* one = static_cast<service*>(_array_get(&server->services, i));
+        for (int32_t k = 0; one != nullptr && k < one->connections.count; ++k) {
+            const auto* connection = static_cast<const osb*>(_array_get(&one->connections, k));
+            if (connection != nullptr) {
+                look(connection);
+            }
+        }
+    }
+}
+
+void require_counts(const osb* connection) {
+    int32_t owed = 0;
+    for (const late_reply& entry : late) {
+        owed += entry.connection == connection ? 1 : 0;
+    }
+    int32_t queued = 0;
+    for (const reply_entry* entry = connection->queue; entry != nullptr; entry = entry->next) {
+        ++queued;
+    }
+    require(connection->puts_owed == owed, "the replies that are owed are counted");
+    require(connection->queue_length == queued, "the replies in the queue are counted");
+}
+
+void require_idle(void) {
+    vel_lock_guard guard(server->lock);
+    require(server->queued_bytes == 0, "no reply is left in a queue");
+    for (int32_t i = 0; i < server->services.count; ++i) {
+        const auto* one = static_cast<const service*>(_array_get(&server->services, i));
+        require(one == nullptr || one->connections_open == 0, "no connection is open");
+    }
+}
+
 void finish(void) {
     serve();
+    for_each_connection(require_counts);
     for (client& c : clients) {
         read_replies(&c);
         require(c.halved || c.answered == c.sent, "every packet is answered");
@@ -322,15 +360,8 @@ void finish(void) {
         answer_late(0);
     }
     require(message_channel_connections(server->dispatch) == 0, "clients that go are gone");
-    vel_lock_guard guard(server->lock);
-    require(server->queued_bytes == 0, "no reply is left in a queue");
-    for (int32_t i = 0; i < server->services.count; ++i) {
-        auto* one = static_cast<service*>(_array_get(&server->services, i));
-        require(one == nullptr || one->connections_open == 0, "no connection is open");
-        for (int32_t k = 0; one != nullptr && k < one->connections.count; ++k) {
-            require(_array_get(&one->connections, k) == nullptr, "no connection record is left");
-        }
-    }
+    for_each_connection([](const osb*) { require(false, "no connection record is left"); });
+    require_idle();
     destructer(msgserver_context(server)); /* the next input begins with a small payload area */
     (void)pthread_setspecific(server->context_key, nullptr);
 }
