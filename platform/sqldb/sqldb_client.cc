@@ -2,6 +2,7 @@
 #include <veloran/sqldb.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdarg>
 #include <cstring>
 #include <exception>
@@ -14,9 +15,18 @@
 #include "sqldb_result.h"
 #include "sqldb_sqlite.h"
 
+/* A format that is compiled once and takes its values as they are: a save repeats one of them for
+ * each of its rows. */
+struct compiled {
+    std::string format;
+    std::string kinds; /* of the values, as sqldb_format_template tells them */
+    sqldb_prepared statement;
+};
+
 struct sqldb_connection {
     sqldb_place place;
     sqldb_handle database;
+    compiled last;             /* released before the database */
     std::string text;          /* of the present statement; kept for its memory */
     sqldb_result_owner result; /* of the last statement, until it is taken */
     int32_t lost = 0;          /* errno of the loss of the transaction */
@@ -50,8 +60,9 @@ bool in_transaction(const sqldb_connection* connection) {
     return sqlite3_get_autocommit(connection->database.get()) == 0;
 }
 
-/* One statement from the text; null with errno set. */
-sqldb_prepared prepare(sqldb_connection* connection) {
+/* One statement from the text, for use again and again with SQLITE_PREPARE_PERSISTENT in `flags`;
+ * null with errno set. */
+sqldb_prepared prepare(sqldb_connection* connection, uint32_t flags) {
     const std::string& text = connection->text;
     if (text.size() > INT32_MAX) {
         errno = EFBIG;
@@ -59,8 +70,9 @@ sqldb_prepared prepare(sqldb_connection* connection) {
     }
     sqlite3_stmt* statement = nullptr;
     const char* rest = nullptr;
-    const int code = sqlite3_prepare_v2(connection->database.get(), text.c_str(),
-                                        static_cast<int>(text.size() + 1), &statement, &rest);
+    const int code =
+        sqlite3_prepare_v3(connection->database.get(), text.c_str(),
+                           static_cast<int>(text.size() + 1), flags, &statement, &rest);
     sqldb_prepared owner(statement);
     if (code != SQLITE_OK) {
         errno = sqldb_sqlite_errno(connection->database.get(), code);
@@ -88,23 +100,88 @@ int32_t gather(sqldb_connection* connection, sqlite3_stmt* statement) {
     return 0;
 }
 
-int32_t execute(sqldb_connection* connection) {
-    const sqldb_prepared statement = prepare(connection);
-    if (statement == nullptr) {
-        return -1;
-    }
-    if (sqlite3_stmt_readonly(statement.get()) == 0 && !in_transaction(connection) &&
+int32_t execute(sqldb_connection* connection, sqlite3_stmt* statement) {
+    if (sqlite3_stmt_readonly(statement) == 0 && !in_transaction(connection) &&
         run_inside(connection, "BEGIN IMMEDIATE") != 0) {
         return -1;
     }
     const bool was_inside = in_transaction(connection);
-    if (gather(connection, statement.get()) == 0) {
+    if (gather(connection, statement) == 0) {
         return 0;
     }
     if (was_inside && !in_transaction(connection)) {
         connection->lost = errno;
     }
     return -1;
+}
+
+/* Gives the compiled statement its values. */
+int32_t bind_values(sqldb_connection* connection, va_list arguments) {
+    sqlite3_stmt* statement = connection->last.statement.get();
+    int code = SQLITE_OK;
+    int place = 0;
+    for (const char kind : connection->last.kinds) {
+        ++place;
+        if (kind == 'q') {
+            const char* text = va_arg(arguments, const char*);
+            text = text == nullptr ? "" : text;
+            code = sqlite3_bind_text(statement, place, text, -1, SQLITE_STATIC);
+        } else if (kind == 'u') {
+            const auto value = static_cast<int64_t>(va_arg(arguments, unsigned long long));
+            code = sqlite3_bind_int64(statement, place, value);
+        } else if (kind == 'd') {
+            code = sqlite3_bind_int64(statement, place, va_arg(arguments, int));
+        } else {
+            const double value = va_arg(arguments, double);
+            code = std::isfinite(value) ? sqlite3_bind_double(statement, place, value)
+                                        : SQLITE_MISUSE; /* EINVAL */
+        }
+        if (code != SQLITE_OK) {
+            return fail(sqldb_sqlite_errno(connection->database.get(), code));
+        }
+    }
+    return 0;
+}
+
+/* Compiles a format unless it is the last one. 1 when it can take values, 0 when it has to be
+ * formatted, -1 with errno set. */
+int32_t compile(sqldb_connection* connection, const char* format) {
+    compiled* last = &connection->last;
+    if (last->statement != nullptr && last->format == format) {
+        return 1;
+    }
+    last->statement.reset();
+    if (!sqldb_format_template(&connection->text, &last->kinds, format)) {
+        return 0;
+    }
+    last->format = format;
+    last->statement = prepare(connection, SQLITE_PREPARE_PERSISTENT);
+    return last->statement == nullptr ? -1 : 1;
+}
+
+int32_t execute_compiled(sqldb_connection* connection, va_list arguments) {
+    sqlite3_stmt* statement = connection->last.statement.get();
+    int32_t result = bind_values(connection, arguments);
+    if (result == 0) {
+        result = execute(connection, statement);
+    }
+    const int32_t error = errno;
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement); /* the values are the caller's */
+    errno = error;
+    return result;
+}
+
+int32_t execute_format(sqldb_connection* connection, const char* format, va_list arguments) {
+    const int32_t is_compiled = compile(connection, format);
+    if (is_compiled != 0) {
+        return is_compiled < 0 ? -1 : execute_compiled(connection, arguments);
+    }
+    if (sqldb_format(&connection->text, format, arguments) != 0) {
+        return -1;
+    }
+    const sqldb_prepared statement = prepare(connection, 0);
+    return statement == nullptr ? -1 : execute(connection, statement.get());
 }
 
 /* Commits, or drops all and remembers why. */
@@ -209,11 +286,9 @@ int32_t sqldb_statement(sqldb_connection* connection, const char* format, ...) n
     va_list arguments;
     va_start(arguments, format);
     try {
-        result = sqldb_format(&connection->text, format, arguments);
-        if (result == 0) {
-            result = execute(connection);
-        }
+        result = execute_format(connection, format, arguments);
     } catch (const std::exception&) {
+        connection->last.statement.reset(); /* it may stand on a row */
         result = fail(ENOMEM);
     }
     va_end(arguments);

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -53,7 +54,50 @@ void append_quoted(std::string* text, const char* value) {
     text->append(value);
 }
 
+/* The directive at the start of a text, quotes included, and how long it is; 0 for none that stands
+ * for a value. */
+char value_directive(const char* text, size_t* length) {
+    static constexpr struct {
+        std::string_view text;
+        char kind;
+    } DIRECTIVES[] = {{"'%q'", 'q'}, {"%llu", 'u'}, {"%d", 'd'}, {"%f", 'f'}};
+    for (const auto& directive : DIRECTIVES) {
+        if (strncmp(text, directive.text.data(), directive.text.size()) == 0) {
+            *length = directive.text.size();
+            return directive.kind;
+        }
+    }
+    return '\0';
+}
+
+bool is_one_of(char letter, const char* letters) {
+    return letter != '\0' && strchr(letters, letter) != nullptr;
+}
+
 } // namespace
+
+bool sqldb_format_template(std::string* text, std::string* kinds, const char* format) {
+    text->clear();
+    kinds->clear();
+    if (strncmp(format, "INSERT ", 7) != 0 || strcasestr(format, "SELECT") != nullptr) {
+        return false;
+    }
+    while (*format != '\0') {
+        if (!is_one_of(*format, "'%\"`[-/?:@$#")) {
+            text->push_back(*format++);
+            continue;
+        }
+        size_t length = 0;
+        const char kind = value_directive(format, &length);
+        if (kind == '\0' || !is_one_of(text->back(), " ,(") || !is_one_of(format[length], " ,)")) {
+            return false;
+        }
+        kinds->push_back(kind);
+        text->push_back('?');
+        format += length;
+    }
+    return true;
+}
 
 int32_t sqldb_format(std::string* text, const char* format, va_list arguments) {
     text->clear();

@@ -141,6 +141,40 @@ TEST_F(sqldb_statement_test, refuses_what_is_no_statement) {
     EXPECT_EQ(songs(music), "kept");
 }
 
+/* Formats that are compiled, and formats that only look like one of them. */
+TEST_F(sqldb_statement_test, takes_values_where_they_stand) {
+    static const struct {
+        const char* format;
+        const char* found; /* name, number and rate of the row */
+    } cases[] = {
+        {"INSERT INTO songs(name, number, rate) VALUES('%q',%d,%f);", "it's|7|1.5"},
+        {"INSERT INTO songs(name, number, rate) VALUES( '%q', %d , %f )", "it's|7|1.5"},
+        {"INSERT INTO songs(name, number, rate) VALUES('x%q', 1%d, -%f)", "xit's|17|-1.5"},
+        {"INSERT INTO songs(name, number, rate) VALUES('%q'||' %d', NULL, %f)", "it's 7||1.5"},
+        {"INSERT INTO songs(name, number, rate) SELECT '%q', %d, %f", "it's|7|1.5"},
+        {"INSERT INTO songs(name, number, rate) VALUES('%q' /* , %d */, 0, %f)", "it's|0|1.5"},
+    };
+    for (const auto& item : cases) {
+        for (int times = 0; times < 2; ++times) {
+            ASSERT_EQ(sqldb_statement(music, item.format, "it's", 7, 1.5), 0) << item.format;
+            EXPECT_EQ(found("SELECT name||'|'||ifnull(number,'')||'|'||rate AS v FROM songs"),
+                      std::string("text ") + item.found);
+            ASSERT_EQ(sqldb_statement(music, "DELETE FROM songs"), 0);
+        }
+    }
+    /* A failure of one use is none of the next. */
+    const char* const format = "INSERT INTO songs(name, rate) VALUES('%q', %f)";
+    ASSERT_EQ(sqldb_statement(music, format, "a", 1.0), 0);
+    EXPECT_EQ(sqldb_statement(music, format, "a", 1.0), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(sqldb_statement(music, format, "b", std::nan("")), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(sqldb_statement(music, format, "c", 1.0), 0);
+    ASSERT_EQ(sqldb_backup(music, SQLDB_SCOPE_ALL), 0);
+    ASSERT_EQ(sqldb_statement(music, format, "d", 1.0), 0);
+    EXPECT_EQ(songs(music), "a c d");
+}
+
 TEST_F(sqldb_statement_test, reads_cells_by_their_kind) {
     ASSERT_EQ(sqldb_statement(music, "SELECT 4294967299, 1.5, '7', NULL, x'41' UNION ALL "
                                      "SELECT -1, 2, 'a', 'b', 'c'"),
