@@ -146,6 +146,8 @@ TEST(player_races, tell_a_build_to_end_before_its_browse_is_cancelled) {
     EXPECT_EQ(fake_number(rig.fake, "count browse"), 4);
     fake_do(rig.fake, "release cancel");
     destroyer.join();
+    EXPECT_EQ(rig_attribute(rig, "builder", "state", "status"), "::idle");
+    EXPECT_EQ(rig_attribute(rig, "builder", "trksession", "type"), ":n:1");
     player_close(&mmcontrol, "builder");
 }
 

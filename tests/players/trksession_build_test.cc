@@ -7,7 +7,6 @@
 
 #include "player_registry.h"
 #include "player_rig.h"
-#include "trksession_build.h"
 
 static constexpr uint64_t ALL = 0xF045F;
 
@@ -198,24 +197,6 @@ TEST(trksession_build, walks_deep_and_looping_trees) {
     const std::string tracks = rig_tracks(player);
     EXPECT_EQ(std::count(tracks.begin(), tracks.end(), ' '), 200);
     player_close(&mmcontrol, "deep");
-}
-
-/* The cancel may fall between two pages, and a plug-in may not hear it at all. */
-TEST(trksession_build, ends_a_build_at_any_moment) {
-    for (const char* rule :
-         {"rule browse skip=2 block=page times=1", "rule browse page=1 delay=1"}) {
-        player_rig& rig = rig_fresh();
-        const int32_t source = rig_source(rig, "build", ALL, "/|tracks:100000");
-        fake_do(rig.fake, "%s", rule);
-        player* player = player_open(&mmcontrol, "ender");
-        int32_t expected = -1;
-        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
-        fake_do(rig.fake, "await browse 3");
-        EXPECT_EQ(rig_destroy(player), 0);
-        EXPECT_EQ(rig_attribute(rig, "ender", "state", "status"), "::idle");
-        EXPECT_EQ(rig_attribute(rig, "ender", "trksession", "type"), ":n:1");
-        player_close(&mmcontrol, "ender");
-    }
 }
 
 } // namespace
