@@ -97,7 +97,7 @@ TEST(mediasource_events, end_what_is_browsed_on_a_lost_source) {
     fake_do(rig.fake, "blocked gone");
     EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"), 0);
     creator.join();
-    EXPECT_EQ(fake_number(rig.fake, "count cancel"), 2); /* for the browse, at the destruction */
+    EXPECT_GE(fake_number(rig.fake, "count cancel"), 2); /* for the browse, at the destruction */
     EXPECT_EQ(rig_tracks(player), "none");
     player_close(&mmcontrol, "browser");
 }

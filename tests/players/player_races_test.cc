@@ -187,6 +187,38 @@ TEST(player_races, cancel_again_what_began_after_the_cancel) {
     player_close(&mmcontrol, "canceller");
 }
 
+/* The same when a source goes: the disconnection waits for the lock that the browse holds. */
+static int32_t lost_browse(void* session, const char* id, int32_t offset, int32_t* count,
+                           medianode** nodes) noexcept {
+    late_begun = true;
+    fake_do(*late_fake, "await cancel 2 returned=1"); /* the first was for the earlier session */
+    fake_do(*late_fake, "rule browse block=heard");
+    return late_entries->browse(session, id, offset, count, nodes);
+}
+
+TEST(player_races, cancel_again_for_a_source_that_goes) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
+    player* player = rig_player(rig, "canceller", source, "/", 0, 1);
+    mediasource_session* session = player->trksession->ms_session;
+    lyr_browse_api late = *session->browse_api;
+    late_fake = &rig.fake;
+    late_entries = session->browse_api;
+    late.browse = lost_browse;
+    session->browse_api = &late;
+    late_begun = false;
+    std::thread creator([&] {
+        int32_t expected = -1;
+        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), -1);
+    });
+    while (!late_begun) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=races"), 0);
+    creator.join();
+    player_close(&mmcontrol, "canceller");
+}
+
 /* The array of tracks moves while the plug-in looks at one of them. */
 TEST(player_races, hand_out_tracks_that_stay) {
     for (const char* event : {"finished", "error value=0"}) {

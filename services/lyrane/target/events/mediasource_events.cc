@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "control.h"
 #include "mediasource.h"
@@ -25,6 +26,9 @@ static bool from_inside_a_call(const char* event) noexcept {
     return true;
 }
 
+static constexpr long NS_PER_SECOND = 1000L * 1000 * 1000;
+static constexpr long CANCEL_AGAIN_NS = 20L * 1000 * 1000;
+
 /* A copy of a text, null for null; without memory the process ends. */
 static char* copy_text(const char* text) noexcept {
     if (text == nullptr) {
@@ -37,16 +41,41 @@ static char* copy_text(const char* text) noexcept {
     return copy;
 }
 
+/* Takes a player's lock although a request that browses a lost source may hold it: as long as it
+ * does not come free, what is browsed is cancelled again, since a cancel that comes just before the
+ * plug-in is reached finds nothing to end. */
+static void lock_against_browsing(player* player, int32_t ms_id) noexcept
+    VEL_ACQUIRE(player->lock) VEL_NO_TSA /* clang does not know the native call */ {
+    for (;;) {
+        timespec deadline = {};
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_nsec += CANCEL_AGAIN_NS;
+        if (deadline.tv_nsec >= NS_PER_SECOND) {
+            deadline.tv_nsec -= NS_PER_SECOND;
+            ++deadline.tv_sec;
+        }
+        if (pthread_mutex_timedlock(&player->lock.native, &deadline) == 0) {
+            return;
+        }
+        plugin_browsing_cancel(ms_id);
+    }
+}
+
 /* Does `act` to every open player, under its lock. */
 static void for_each_player(mediasource* source, int32_t type,
                             void (*act)(player*, mediasource*, int32_t)) noexcept {
     int32_t count = 0;
     player** players = players_pin_all(&mmcontrol, &count);
     for (int32_t i = 0; i < count; ++i) {
-        vel_lock_guard guard(players[i]->lock);
+        if (mediasource_active(source) != 0) {
+            vel_mutex_lock(&players[i]->lock);
+        } else {
+            lock_against_browsing(players[i], source->id);
+        }
         if (players[i]->closed == 0) {
             act(players[i], source, type);
         }
+        vel_mutex_unlock(&players[i]->lock);
     }
     players_unpin(players, count);
 }

@@ -13,16 +13,17 @@
 struct browse_in_progress {
     const mediasource_session* session;
     browse_in_progress* next;
-    int32_t cancelled; /* by a sweep; once is enough */
-    int32_t cancelling;
+    uint32_t swept;     /* the last sweep that cancelled it */
+    int32_t cancelling; /* sweeps that are just doing so */
 };
 
 /* Around the call. Leaving waits until nobody is cancelling it. */
 void plugin_browsing_enter(browse_in_progress* call) noexcept;
 void plugin_browsing_leave(browse_in_progress* call) noexcept;
 
-/* Calls cancel_browse for every call in progress on the media source. [any thread, no player lock
- * needed] */
+/* Calls cancel_browse for every call in progress on the media source. A call that has been entered
+ * here but has not reached the plug-in yet is not ended by that; who waits for one calls this
+ * again. [any thread, no player lock needed] */
 void plugin_browsing_cancel(int32_t ms_id) noexcept;
 
 #endif
