@@ -53,12 +53,15 @@ static bool await_clear(player* player, const int32_t* flag) noexcept
     return true;
 }
 
-/* Asks the arbiter and waits for what it says, whatever that is. */
-static void ask(player* player) noexcept VEL_REQUIRES(player->np_lock) {
+/* Asks the arbiter and waits for what it says, whatever that is. False when it went away meanwhile;
+ * by now there may be another one, which was not asked. */
+static bool ask(player* player) noexcept VEL_REQUIRES(player->np_lock) {
     player->np_waiting = 1;
+    player->np_lost = 0;
     send_message(player, "msg::acquire\nid::1");
     (void)await_clear(player, &player->np_waiting);
     player->np_waiting = 0;
+    return player->np_lost == 0;
 }
 
 extern "C" {
@@ -104,9 +107,8 @@ int32_t nowplaying_acquire(player* player) noexcept {
         player->np_acquired = 0;
         return 1;
     }
-    ask(player);
-    if (player->np_fd == -1) {
-        return 1; /* the arbiter went away meanwhile */
+    if (!ask(player)) {
+        return 1; /* as without an arbiter */
     }
     if (player->np_acquired == 0) {
         msglog(7, "Player:%s did not acquire handle", player->name);

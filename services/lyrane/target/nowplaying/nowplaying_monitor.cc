@@ -47,6 +47,7 @@ static void set_connection(player* player, int32_t fd) noexcept {
     }
     player->np_fd = fd;
     player->np_acquired = 0;
+    player->np_lost = 1;
     player->np_waiting = 0; /* whoever waits asks nobody any more */
     pthread_cond_broadcast(&player->np_cond);
 }

@@ -53,6 +53,7 @@ struct player {
     vel_mutex np_lock;                           /* inside the player lock */
     pthread_cond_t np_cond;                      /* with np_lock: something below changed */
     int32_t np_waiting VEL_GUARDED_BY(np_lock);  /* 1: a command waits for the arbiter's answer */
+    int32_t np_lost VEL_GUARDED_BY(np_lock);     /* 1: the arbiter has changed since it was asked */
     int32_t np_ending VEL_GUARDED_BY(np_lock);   /* 1: the thread is to end */
     int32_t np_running VEL_GUARDED_BY(np_lock);  /* 1: the thread has not ended */
     const nowplaying_commands* np_commands;      /* constant once the thread runs */
