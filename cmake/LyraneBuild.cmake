@@ -2,6 +2,7 @@
 
 option(LYRANE_WERROR "Treat warnings as errors" ON)
 option(LYRANE_BENCH "Build the benchmarks" OFF)
+option(LYRANE_COVERAGE "Count what runs, for tests/coverage" OFF)
 set(LYRANE_SANITIZE "" CACHE STRING "Sanitizers to build with, for instance address,undefined")
 
 set(CMAKE_CXX_STANDARD 20)
@@ -33,6 +34,12 @@ else()
   add_compile_options($<$<CONFIG:Release>:-U_FORTIFY_SOURCE> $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
 endif()
 add_link_options(-Wl,-z,relro -Wl,-z,now)
+if(LYRANE_COVERAGE)
+  add_library(lyrane_coverage_exit STATIC "${CMAKE_CURRENT_LIST_DIR}/coverage_exit.c")
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage -Wl,--wrap=_exit,-u,__wrap__exit)
+  link_libraries($<BUILD_INTERFACE:lyrane_coverage_exit>)
+endif()
 
 # lyrane_library(NAME SOURCES ... LINKS ... [PRIVATE_LINKS ...])
 #
@@ -47,16 +54,20 @@ endfunction()
 
 # lyrane_test(NAME SOURCES ... LINKS ... [TIMEOUT seconds])
 #
-# One GoogleTest program, registered with CTest as one test.
+# One GoogleTest program, registered with CTest as one test. Those that may take long begin first, so
+# that none is left running alone at the end.
 function(lyrane_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINKS" ${ARGN})
   if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 120)
+    set(ARG_TIMEOUT 200)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} GTest::gtest GTest::gtest_main)
+  if(TARGET lyrane_test_headers)
+    target_precompile_headers(${name} REUSE_FROM lyrane_test_headers)
+  endif()
   add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} COST ${ARG_TIMEOUT})
 endfunction()
 
 # lyrane_compile_quickly()

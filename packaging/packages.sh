@@ -1,8 +1,8 @@
 # What the scripts of this tree share: the Debian packages they need, and how to do a step without
 # a word unless it fails. To be sourced by a bash script; all of it speaks on the standard error.
 
-packages_build=(g++ cmake ninja-build pkg-config libgstreamer1.0-dev libtag1-dev libsqlite3-dev
-    nlohmann-json3-dev libcli11-dev)
+packages_build=(g++ cmake ninja-build pkg-config libgstreamer1.0-dev libtag1-dev libmount-dev
+    libblkid-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev)
 
 packages_play=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
     gstreamer1.0-tools)
@@ -10,7 +10,8 @@ packages_play=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-
 # Only where there is a sound card.
 packages_sound=(gstreamer1.0-alsa)
 
-packages_test=(libgtest-dev libbenchmark-dev flac lame vorbis-tools ffmpeg)
+packages_test=(libgtest-dev valgrind flac lame vorbis-tools ffmpeg dosfstools e2fsprogs
+    mount ntfs-3g sqlite3)
 
 packages_clang=(clang libclang-rt-14-dev)
 

@@ -46,7 +46,7 @@ extern "C" {
  * msgclient_putget. */
 #define LYR_STATUS_QUEUED 240
 
-/* --- Transport --------------------------------------------------------------------------------- */
+/* --- Transport -------------------------------------------------------------------------------- */
 
 #define MSGCLIENT_NAME_SIZE 32 /* bytes of a service name with its NUL */
 
@@ -58,7 +58,7 @@ typedef struct msgclient {
     int32_t notify_chid;      /* the private notification channel, or -1 */
     int32_t notify_coid;      /* its sending end, which the server has a copy of, or -1 */
     char name[MSGCLIENT_NAME_SIZE];
-    int32_t by_path; /* 1: opened by path, 0: by the name space */
+    int32_t by_path;                     /* 1: opened by path, 0: by the name space */
     struct msgclient_internal* internal; /* the library's own */
 } msgclient_t;
 
@@ -92,8 +92,8 @@ int32_t msgclient_close(msgclient_t* client) LYR_NOEXCEPT;
 /* Sends a request and waits for the reply, which is stored in `reply` (`capacity` bytes); its
  * length goes to *reply_length (may be null). */
 int32_t msgclient_putget(msgclient_t* client, const void* request, int32_t request_length,
-                         void* reply, int32_t capacity, int32_t* reply_length,
-                         int16_t code) LYR_NOEXCEPT;
+                         void* reply, int32_t capacity, int32_t* reply_length, int16_t code)
+    LYR_NOEXCEPT;
 
 /* The same, gathered from `request_count` pieces and scattered into `reply_count` pieces. */
 int32_t msgclient_putgetv(msgclient_t* client, const struct iovec* request, int32_t request_count,
@@ -122,8 +122,8 @@ int32_t msgclient_getv(msgclient_t* client, uint32_t tag, const struct iovec* re
  * service grants at least 1 and at most its own limit. With kind MSGCLIENT_EVENT_PULSE a duplicate
  * of `coid` is handed to the service. Events that find the channel full are lost; the replies are
  * not. */
-int32_t msgclient_notify(msgclient_t* client, int32_t depth,
-                         const msgclient_event* event) LYR_NOEXCEPT;
+int32_t msgclient_notify(msgclient_t* client, int32_t depth, const msgclient_event* event)
+    LYR_NOEXCEPT;
 
 /* Makes a private channel (an earlier one is closed, threads waiting on it return 0) and registers
  * a pulse to it. -1 with errno set when it cannot be made. */
@@ -142,44 +142,56 @@ uint32_t msgclient_wait_pulse(msgclient_t* client) LYR_NOEXCEPT;
  *
  *   number                        request fields                         reply after the result
  */
-#define LYR_MSG_OPEN 0            /* i8 name length, 3 unused, name       - */
-#define LYR_MSG_CLOSE 1           /* as OPEN                              - */
-#define LYR_MSG_GET_MEDIA_SOURCE 2 /* -                                   i32 n, n media sources */
-#define LYR_MSG_GET_CURRENT_STATE 3 /* -                                  i32 shuffle, i32 repeat,
-                                                                          i32 status, f32 rate */
-#define LYR_MSG_GET_TRKSESSION_INFO 4 /* -                                u64 ts_id, i32 tracks,
-                                                                          4 unused */
-#define LYR_MSG_GET_CURRENT_TRACK_INFO 5 /* -                             i32 index, u64 ts_id,
-                                                                          u32 n, u32 m, media node
-                                                                          (n bytes), metadata (m) */
+/* clang-format off: a table */
+#define LYR_MSG_OPEN 0  /* i8 name length, 3 unused, name       - */
+#define LYR_MSG_CLOSE 1 /* as OPEN                              - */
+#define LYR_MSG_GET_MEDIA_SOURCE                                                                   \
+    2 /* -                                   i32 n, n media sources                                \
+       */
+#define LYR_MSG_GET_CURRENT_STATE                                                                  \
+    3 /* -                                  i32 shuffle, i32 repeat,                               \
+                                            i32 status, f32 rate */
+#define LYR_MSG_GET_TRKSESSION_INFO                                                                \
+    4 /* -                                u64 ts_id, i32 tracks,                                   \
+                                          4 unused */
+#define LYR_MSG_GET_CURRENT_TRACK_INFO                                                             \
+    5 /* -                             i32 index, u64 ts_id,                                       \
+                                       u32 n, u32 m, media node                                    \
+                                       (n bytes), metadata (m) */
 #define LYR_MSG_GET_CURRENT_TRACK_POSITION 6 /* -                         i32 position */
-#define LYR_MSG_BROWSE 7          /* i32 ms_id, i32 offset, i32 limit,
-                                     u32 id length, node id               i32 n, n media nodes */
-#define LYR_MSG_SEARCH 8          /* i32 ms_id, i32 offset, i32 limit,
-                                     i32 filter length, filter,
-                                     i32 text length, text                i32 n, n media nodes */
-#define LYR_MSG_GET_TRKSESSION_TRACKS 9 /* u64 ts_id, i32 offset,
-                                     i32 limit                            i32 n, n media nodes */
-#define LYR_MSG_GET_METADATA 10   /* i32 ms_id, u32 id length, node id    metadata, or nothing */
-#define LYR_MSG_GET_EXTENDED_METADATA 11 /* i32 ms_id, u32 id length,
-                                     node id, u32 n, n times: u32 key
-                                     length, key                          n times: u32 value length,
-                                                                          value */
-#define LYR_MSG_CREATE_TRKSESSION 12 /* i32 ms_id, i32 tracks expected
-                                     (-1 unknown), i32 start index,
-                                     u32 id length, node id               u64 ts_id */
+#define LYR_MSG_BROWSE                                                                             \
+    7 /* i32 ms_id, i32 offset, i32 limit,                                                         \
+         u32 id length, node id               i32 n, n media nodes */
+#define LYR_MSG_SEARCH                                                                             \
+    8 /* i32 ms_id, i32 offset, i32 limit,                                                         \
+         i32 filter length, filter,                                                                \
+         i32 text length, text                i32 n, n media nodes */
+#define LYR_MSG_GET_TRKSESSION_TRACKS                                                              \
+    9                           /* u64 ts_id, i32 offset,                                          \
+                             i32 limit                            i32 n, n media nodes */
+#define LYR_MSG_GET_METADATA 10 /* i32 ms_id, u32 id length, node id    metadata, or nothing */
+#define LYR_MSG_GET_EXTENDED_METADATA                                                              \
+    11 /* i32 ms_id, u32 id length,                                                                \
+   node id, u32 n, n times: u32 key                                                                \
+   length, key                          n times: u32 value length,                                 \
+                                        value */
+#define LYR_MSG_CREATE_TRKSESSION                                                                  \
+    12                                /* i32 ms_id, i32 tracks expected                            \
+                                      (-1 unknown), i32 start index,                               \
+                                      u32 id length, node id               u64 ts_id */
 #define LYR_MSG_CREATE_TRKSESSIONV 13 /* not served: status ENOTSUP       no body at all */
 #define LYR_MSG_DESTROY_TRKSESSION 14 /* u64 ts_id                        - */
-#define LYR_MSG_PLAY 15           /* -                                    - */
-#define LYR_MSG_STOP 16           /* -                                    - */
-#define LYR_MSG_PAUSE 17          /* -                                    - */
-#define LYR_MSG_JUMP 18           /* i32 index                            - */
-#define LYR_MSG_NEXT 19           /* -                                    - */
-#define LYR_MSG_PREVIOUS 20       /* -                                    - */
-#define LYR_MSG_SEEK 21           /* i32 position                         - */
-#define LYR_MSG_SET_SPEED 22      /* f32 rate                             - */
-#define LYR_MSG_SHUFFLE 23        /* i32 LYR_SHUFFLE_*                    - */
-#define LYR_MSG_REPEAT 24         /* i32 LYR_REPEAT_*                     - */
+#define LYR_MSG_PLAY 15               /* -                                    - */
+#define LYR_MSG_STOP 16               /* -                                    - */
+#define LYR_MSG_PAUSE 17              /* -                                    - */
+#define LYR_MSG_JUMP 18               /* i32 index                            - */
+#define LYR_MSG_NEXT 19               /* -                                    - */
+#define LYR_MSG_PREVIOUS 20           /* -                                    - */
+#define LYR_MSG_SEEK 21               /* i32 position                         - */
+#define LYR_MSG_SET_SPEED 22          /* f32 rate                             - */
+#define LYR_MSG_SHUFFLE 23            /* i32 LYR_SHUFFLE_*                    - */
+#define LYR_MSG_REPEAT 24             /* i32 LYR_REPEAT_*                     - */
+/* clang-format on */
 
 /* In front of every request. A number above LYR_MSG_REPEAT is answered with status ENOMSG. */
 typedef struct lyr_request {
@@ -207,10 +219,10 @@ typedef struct lyr_state_reply {
  * An absent and an empty string both become null. Bytes behind the last record are ignored. Returns
  * 0; -1, with *records null and nothing allocated, when the buffer is null, size or count are below
  * 1, the bytes end before the records do, or memory runs out. [any thread] */
-int32_t unpack_media_source(const void* buffer, int32_t size, int32_t count,
-                            lyr_ms** records) LYR_NOEXCEPT;
-int32_t unpack_media_node(const void* buffer, int32_t size, int32_t count,
-                          lyr_ms_node** records) LYR_NOEXCEPT;
+int32_t unpack_media_source(const void* buffer, int32_t size, int32_t count, lyr_ms** records)
+    LYR_NOEXCEPT;
+int32_t unpack_media_node(const void* buffer, int32_t size, int32_t count, lyr_ms_node** records)
+    LYR_NOEXCEPT;
 int32_t unpack_metadata(const void* buffer, int32_t size, int32_t count,
                         lyr_ms_node_metadata** records) LYR_NOEXCEPT;
 

@@ -15,7 +15,11 @@
  * Rules for plug-in authors:
  *   - A callback is made from the plug-in's own threads only, never from inside a call that the
  *     service made into the plug-in with the player lock held: such a callback is refused, logged,
- *     and returns -1. Calls from `init`, `set_mediasource_detection` and `cleanup` are allowed.
+ *     and returns -1. The four of media sources may also be made by the thread that is inside
+ *     `set_mediasource_detection` or `cleanup` (there none can be connected any more). `init` is
+ *     too early, on any thread: the plug-in's id is valid when it has returned.
+ *   - A thread that reports again and again lets others have the player lock in between: it waits
+ *     for something (time, the device) after each report.
  *   - No lock of the plug-in may be held while it makes a callback that one of its entries needs:
  *     the callback waits for the player lock, whose holder may be waiting for that entry.
  *   - No entry may wait for a callback in flight (for instance by joining the event thread inside
@@ -55,7 +59,8 @@ typedef struct lyr_playback_state {
 #define LYR_PLAY_ERROR_SKIP 0  /* this track cannot be played: go on with the next that can */
 #define LYR_PLAY_ERROR_FATAL 1 /* nothing can be played: the track session is destroyed */
 
-/* The callbacks. [plug-in], and, for the four mediasource_* callbacks, also [start] and [main].
+/* The callbacks. [plug-in], and, for the four mediasource_* callbacks, also [main] from inside
+ * set_mediasource_detection and cleanup.
  * `play_session` and `callback_data` are the handle that `create` returned and the pointer that it
  * was given. Results: 0 or the documented value, -1 when the event was refused (stale session,
  * unknown id, a player that has been closed). Strings are copied. */
@@ -95,7 +100,8 @@ typedef struct lyr_play_api {
     /* [player lock] Opens a play session on a media source. `callback_data` comes back with each
      * playback callback. Null on failure. */
     void* (*create)(int32_t ms_id, void* callback_data)LYR_NOEXCEPT;
-    /* [player lock] Ends the session; no callback may be begun for it after this returned. */
+    /* [player lock] Ends the session; no callback may be begun for it after this returned. One that
+     * a thread was on its way to make is refused. */
     int32_t (*destroy)(void* play_session) LYR_NOEXCEPT;
     void (*reserved)(void) LYR_NOEXCEPT; /* not called */
     /* [player lock] Makes `node` the one that `play` plays; stops an earlier one. Non-zero: this

@@ -40,6 +40,8 @@ struct message_connection {
     uint32_t sequence = 0; /* of that message */
     uint32_t interest = 0; /* present epoll events; 0: not in the set */
 
+    bool over_share = false; /* its user may leave no more unread; who answers, for that answer */
+
     /* The busy receiver's. */
     int offered = -1;     /* descriptor that came with the message in hand, or -1 */
     void* user = nullptr; /* message_info::user points here */
@@ -49,6 +51,7 @@ struct message_connection {
     int event_fd VEL_GUARDED_BY(send_lock) = -1;                /* -1: none */
     bool failed VEL_GUARDED_BY(send_lock) = false;              /* nothing more can be sent */
     std::atomic<bool> output_pending{false};                    /* output is not null */
+    std::atomic<size_t> output_size{0};                         /* bytes of its data */
 };
 
 /* Bytes of a name's last part: with the longest prefix, dot and suffix it still fits into a socket

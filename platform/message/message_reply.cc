@@ -12,31 +12,23 @@
 namespace {
 
 /* Pieces that are gathered without an allocation; workers use a handful. */
+constexpr uid_t ROOT = 0;
 constexpr int32_t PIECES_MAX = 16;
 /* A reply is a header and a body of at most INT32_MAX bytes. */
 constexpr size_t REPLY_MAX = size_t{INT32_MAX} + 28;
 
-/* A short packet is put together first: one plain send costs the system less than a gathered one.
- */
+/* A short reply is put together first, on the stack: one plain send costs the system less than a
+ * gathered one. Frame included. */
 constexpr size_t SHORT_PACKET = 512;
 
-/* Sends one packet of `size` bytes. True when it has gone; false with errno. */
-bool send_packet(int fd, iovec* pieces, size_t count, size_t size) {
-    unsigned char packet[SHORT_PACKET];
-    msghdr gathered{};
-    gathered.msg_iov = pieces;
-    gathered.msg_iovlen = count;
-    if (size <= sizeof packet) {
-        unsigned char* end = packet;
-        for (size_t i = 0; i < count; ++i) {
-            memcpy(end, pieces[i].iov_base, pieces[i].iov_len);
-            end += pieces[i].iov_len;
-        }
-    }
+/* Sends one packet. True when it has gone; false with errno. */
+bool send_packet(int fd, iovec* pieces, size_t count) {
+    msghdr packet{};
+    packet.msg_iov = pieces;
+    packet.msg_iovlen = count;
     ssize_t sent;
     do {
-        sent = size <= sizeof packet ? send(fd, packet, size, MSG_DONTWAIT | MSG_NOSIGNAL)
-                                     : sendmsg(fd, &gathered, MSG_DONTWAIT | MSG_NOSIGNAL);
+        sent = sendmsg(fd, &packet, MSG_DONTWAIT | MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
     return sent >= 0;
 }
@@ -96,7 +88,8 @@ int32_t keep_output(message_channel* channel, message_connection* connection,
                     const message_frame& frame, const iovec* vector, int32_t count, size_t sent)
     VEL_REQUIRES(connection->send_lock) {
     const size_t size = frame.length - sent;
-    if (channel->output_bytes.load(std::memory_order_relaxed) > MESSAGE_OUTPUT_MAX) {
+    if (connection->over_share ||
+        channel->output_bytes.load(std::memory_order_relaxed) > MESSAGE_OUTPUT_MAX) {
         return ENOBUFS;
     }
     auto* output = static_cast<message_output*>(std::malloc(sizeof(message_output) + size));
@@ -106,44 +99,85 @@ int32_t keep_output(message_channel* channel, message_connection* connection,
     *output = message_output{frame, size, 0};
     copy_tail(vector, count, sent, output_data(output));
     connection->output = output;
+    connection->output_size.store(size, std::memory_order_relaxed);
     connection->output_pending.store(true, std::memory_order_release);
     channel->output_bytes.fetch_add(size, std::memory_order_relaxed);
     return 0;
 }
 
+/* Sends a reply that fits into one short packet. True when it has gone; false with errno. */
+bool send_short(const message_connection* connection, const message_frame& frame,
+                const iovec* vector, int32_t count) {
+    unsigned char packet[SHORT_PACKET];
+    memcpy(packet, &frame, sizeof frame);
+    copy_tail(vector, count, 0, packet + sizeof frame);
+    ssize_t sent;
+    do {
+        sent =
+            send(connection->fd, packet, sizeof frame + frame.length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent >= 0;
+}
+
+/* Sends the next packet of a longer one. True when it has gone, with its bytes in *part; false with
+ * errno, E2BIG when the pieces are too many. */
+bool send_part(const message_connection* connection, const message_frame& frame,
+               const iovec* vector, int32_t count, size_t sent, size_t* part) {
+    *part = std::min(frame.length - sent, data_per_packet(connection));
+    message_frame head = frame;
+    head.flags |= sent + *part == frame.length ? 0 : MESSAGE_FRAME_MORE;
+    iovec pieces[1 + PIECES_MAX];
+    pieces[0] = {&head, sizeof head};
+    const size_t used = gather(vector, count, sent, *part, pieces + 1);
+    if (used == 0 && *part > 0) {
+        errno = E2BIG;
+        return false;
+    }
+    return send_packet(connection->fd, pieces, 1 + used);
+}
+
 /* Sends a reply as far as it goes and keeps the rest. 0, or the error number. */
-int32_t send_reply(message_channel* channel, message_connection* connection, message_frame frame,
-                   const iovec* vector, int32_t count) VEL_REQUIRES(connection->send_lock) {
+int32_t send_reply(message_channel* channel, message_connection* connection,
+                   const message_frame& frame, const iovec* vector, int32_t count)
+    VEL_REQUIRES(connection->send_lock) {
     if (connection->failed || connection->output != nullptr) {
         return EPIPE;
     }
+    const bool is_short = sizeof frame + frame.length <= SHORT_PACKET;
     size_t sent = 0;
-    bool whole = false;
-    while (!whole) {
-        const size_t part = std::min(frame.length - sent, data_per_packet(connection));
-        message_frame head = frame;
-        whole = sent + part == frame.length;
-        head.flags |= whole ? 0 : MESSAGE_FRAME_MORE;
-        iovec pieces[1 + PIECES_MAX];
-        pieces[0] = {&head, sizeof head};
-        const size_t used = gather(vector, count, sent, part, pieces + 1);
-        int32_t error = 0;
-        if (used == 0 && part > 0) {
-            /* Too many small pieces: make one of them all. It goes out the usual way. */
-            error = keep_output(channel, connection, frame, vector, count, sent);
-            whole = true;
-        } else if (!send_packet(connection->fd, pieces, 1 + used, sizeof head + part)) {
-            error = errno == EAGAIN ? keep_output(channel, connection, frame, vector, count, sent)
-                                    : errno;
-            whole = true;
-        }
-        if (error != 0) {
-            give_up(channel, connection);
+    do {
+        size_t part = frame.length;
+        if (is_short ? !send_short(connection, frame, vector, count)
+                     : !send_part(connection, frame, vector, count, sent, &part)) {
+            /* Too many small pieces become one that goes out the usual way. */
+            const int32_t error = errno == EAGAIN || errno == E2BIG
+                                      ? keep_output(channel, connection, frame, vector, count, sent)
+                                      : errno;
+            if (error != 0) {
+                give_up(channel, connection);
+            }
             return error;
         }
         sent += part;
-    }
+    } while (sent < frame.length);
     return 0;
+}
+
+/* Whether the user has as much unread as one may have. Only when there is that much at all the
+ * connections are gone through. */
+bool is_over_share(message_channel* channel, uid_t user) VEL_REQUIRES(channel->lock) {
+    if (user == ROOT ||
+        channel->output_bytes.load(std::memory_order_relaxed) <= MESSAGE_OUTPUT_USER_MAX) {
+        return false;
+    }
+    size_t of_user = 0;
+    for (const message_connection* bucket : channel->buckets) {
+        for (; bucket != nullptr; bucket = bucket->next) {
+            of_user +=
+                bucket->uid == user ? bucket->output_size.load(std::memory_order_relaxed) : 0;
+        }
+    }
+    return of_user > MESSAGE_OUTPUT_USER_MAX;
 }
 
 /* Finds the message of a receive id, marks it as answered and pins its connection. */
@@ -155,6 +189,7 @@ message_connection* claim_answer(message_channel* channel, int64_t rcvid) {
         return nullptr;
     }
     connection->answered = true;
+    connection->over_share = is_over_share(channel, connection->uid);
     connection->pins += 1;
     return connection;
 }
@@ -191,6 +226,7 @@ void message_output_drop(message_channel* channel, message_connection* connectio
         channel->output_bytes.fetch_sub(connection->output->size, std::memory_order_relaxed);
         std::free(connection->output);
         connection->output = nullptr;
+        connection->output_size.store(0, std::memory_order_relaxed);
         connection->output_pending.store(false, std::memory_order_release);
     }
 }
@@ -198,19 +234,22 @@ void message_output_drop(message_channel* channel, message_connection* connectio
 void message_flush(message_channel* channel, message_connection* connection) noexcept {
     vel_lock_guard guard(connection->send_lock);
     message_output* output = connection->output;
-    while (output != nullptr && output->sent < output->size) {
+    if (output == nullptr) {
+        return;
+    }
+    do { /* a reply without data is a packet, too */
         const size_t part = std::min(output->size - output->sent, data_per_packet(connection));
         message_frame head = output->frame;
         head.flags |= output->sent + part < output->size ? MESSAGE_FRAME_MORE : 0;
         iovec pieces[2] = {{&head, sizeof head}, {output_data(output) + output->sent, part}};
-        if (!send_packet(connection->fd, pieces, 2, sizeof head + part)) {
+        if (!send_packet(connection->fd, pieces, 2)) {
             if (errno != EAGAIN) {
                 give_up(channel, connection);
             }
             return;
         }
         output->sent += part;
-    }
+    } while (output->sent < output->size);
     message_output_drop(channel, connection);
 }
 

@@ -47,6 +47,37 @@ int32_t give(int parent, const char* name) {
     return fchownat(parent, name, owner.uid, owner.gid, AT_SYMLINK_NOFOLLOW);
 }
 
+/* Gives what a descriptor of O_PATH stands for, if it is root's. 0, or -1 with errno set. */
+int32_t give_own(int fd, const struct stat& status) {
+    const bool is_due = owner.set && status.st_uid == geteuid() &&
+                        (status.st_uid != owner.uid || status.st_gid != owner.gid);
+    return is_due ? fchownat(fd, "", owner.uid, owner.gid, AT_EMPTY_PATH) : 0;
+}
+
+/* Gives a directory that was there already. False when it is reached through a link: what lies
+ * behind it is nobody's to give. One that cannot be given shows when it is used. */
+bool give_existing(int parent, const char* name) {
+    const vel_fd directory(openat(parent, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    if (directory.value < 0 || fstat(directory.value, &status) != 0) {
+        return false;
+    }
+    (void)give_own(directory.value, status);
+    return true;
+}
+
+/* Whether the first `length` bytes of a path name something below one of the roots. */
+bool is_below_root(const char* path, size_t length) {
+    for (const char* root : {paths_runtime_root(), paths_state_root()}) {
+        const size_t root_length = strlen(root);
+        if (root_length > 0 && length > root_length + 1 && strncmp(path, root, root_length) == 0 &&
+            path[root_length] == '/') {
+            return true;
+        }
+    }
+    return false;
+}
+
 /* Opens the directory that holds the last component of `path`, making what is missing on the way,
  * and stores where that component begins. -1 with errno set. */
 int open_parent(const char* path, const char** last) {
@@ -56,6 +87,7 @@ int open_parent(const char* path, const char** last) {
     }
     vel_fd directory(open(path[0] == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     const char* begin = path + strspn(path, "/");
+    bool is_ours = owner.set;
     while (directory.value >= 0) {
         const size_t length = strcspn(begin, "/");
         if (begin[length + strspn(begin + length, "/")] == '\0') {
@@ -73,6 +105,9 @@ int open_parent(const char* path, const char** last) {
         vel_fd next(open_or_make(directory.value, name, PARENT_MODE, 0, &made));
         if (next.value < 0 || (made && give(directory.value, name) != 0)) {
             return -1;
+        }
+        if (is_ours && !made && is_below_root(path, static_cast<size_t>(begin + length - path))) {
+            is_ours = give_existing(directory.value, name);
         }
         const int old = directory.value;
         directory.value = next.release();
@@ -102,11 +137,13 @@ int32_t make_root(const char* path, mode_t mode) {
         errno = errno == ELOOP ? ENOTDIR : errno;
         return -1;
     }
-    if (status.st_uid != geteuid() && !(owner.set && status.st_uid == owner.uid)) {
+    const bool is_ours = status.st_uid == geteuid() || (owner.set && status.st_uid == owner.uid);
+    if (!is_ours || (status.st_mode & S_IWOTH) != 0) {
         errno = EPERM;
         return -1;
     }
-    return give(parent.value, last);
+    const bool is_given = status.st_uid == owner.uid && status.st_gid == owner.gid;
+    return is_given ? 0 : give(parent.value, last);
 }
 
 } // namespace
@@ -119,6 +156,26 @@ void paths_set_owner(uid_t uid, gid_t gid) noexcept {
 
 int32_t paths_hand_over(int fd) noexcept {
     return owner.set ? fchown(fd, owner.uid, owner.gid) : 0;
+}
+
+int32_t paths_hand_over_file(const char* real_path) noexcept {
+    if (!owner.set) {
+        return 0;
+    }
+    const char* last = nullptr;
+    const vel_fd parent(open_parent(real_path, &last));
+    struct stat directory;
+    if (parent.value < 0 || fstat(parent.value, &directory) != 0) {
+        return -1;
+    }
+    const vel_fd file(openat(parent.value, last, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    if (file.value < 0 || fstat(file.value, &status) != 0) {
+        return -1;
+    }
+    const bool may_be_given =
+        S_ISREG(status.st_mode) && status.st_nlink == 1 && directory.st_uid == owner.uid;
+    return may_be_given ? give_own(file.value, status) : 0;
 }
 
 int32_t paths_make_parents(const char* real_path) noexcept {

@@ -20,7 +20,8 @@ bool pps_identity_equal(const pps_identity& one, const pps_identity& other) noex
            one.written.tv_nsec == other.written.tv_nsec;
 }
 
-/* Reads to the end of the file; somebody may be writing to it. */
+/* Reads to the end of the file, which is where a read gives less than there is room for; somebody
+ * may be writing to it. */
 static int32_t read_all(int32_t fd, std::string* text, size_t expected) {
     size_t length = 0;
     text->resize(expected + 1); /* one more, to meet the end without growing */
@@ -29,17 +30,19 @@ static int32_t read_all(int32_t fd, std::string* text, size_t expected) {
         if (count < 0 && errno == EINTR) {
             continue;
         }
-        if (count <= 0) {
+        if (count < 0) {
             text->resize(length);
-            return count == 0 ? 0 : -1;
+            return -1;
         }
         length += static_cast<size_t>(count);
         if (length > PPS_OBJECT_MAX) {
             return fail(EFBIG);
         }
-        if (length == text->size()) {
-            text->resize(length * 2);
+        if (length < text->size()) {
+            text->resize(length);
+            return 0;
         }
+        text->resize(length * 2);
     }
 }
 
@@ -97,14 +100,20 @@ static std::string_view take_line(std::string_view* text) {
     return line;
 }
 
+/* A whole text; writers of C strings send the NUL along. */
+static std::string_view without_nul(const char* text, size_t length) {
+    return {text, length > 0 && text[length - 1] == '\0' ? length - 1 : length};
+}
+
 int32_t pps_next_line(const char** text, size_t* length, pps_line* line) noexcept {
-    std::string_view rest(*text, *length);
+    const char* end = *text + *length;
+    std::string_view rest = without_nul(*text, *length);
     bool is_line = false;
     while (!is_line && !rest.empty()) {
         is_line = parse_line(take_line(&rest), line);
     }
-    *text += *length - rest.size();
-    *length = rest.size();
+    *text = rest.empty() ? end : rest.data();
+    *length = static_cast<size_t>(end - *text);
     return is_line ? 1 : 0;
 }
 
@@ -126,10 +135,7 @@ static int32_t merge_line(strm_dict* attributes, const pps_line& line) {
 
 int32_t pps_content_merge(strm_dict* attributes, const char* text, size_t length,
                           pps_strictness strictness) {
-    std::string_view rest(text, length);
-    if (!rest.empty() && rest.back() == '\0') {
-        rest.remove_suffix(1); /* writers of C strings send it along */
-    }
+    std::string_view rest = without_nul(text, length);
     while (!rest.empty()) {
         pps_line line;
         const std::string_view next = take_line(&rest);

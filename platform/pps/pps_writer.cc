@@ -106,10 +106,13 @@ static int32_t reopen_place(pps_writer* writer) {
     return 0;
 }
 
-static int32_t write_all(int32_t fd, const std::string& text) {
+/* Closes the file in any case. It must be closed before it gets its name: closing a file that was
+ * written is news to whoever watches its directory, and would wake every watcher a second time. */
+static int32_t write_and_close(int32_t fd, const std::string& text) {
+    const vel_fd file(fd);
     size_t written = 0;
     while (written < text.size()) {
-        const ssize_t count = write(fd, text.data() + written, text.size() - written);
+        const ssize_t count = write(file.value, text.data() + written, text.size() - written);
         if (count < 0 && errno != EINTR) {
             return -1;
         }
@@ -142,11 +145,11 @@ static int32_t publish(pps_writer* writer, const std::string& text) {
         return -1;
     }
     char staged[PPS_STAGE_NAME];
-    const vel_fd file(pps_stage_create(writer->stage, staged, writer->mode));
-    if (file.value < 0) {
+    const int32_t file = pps_stage_create(writer->stage, staged, writer->mode);
+    if (file < 0) {
         return -1;
     }
-    if (write_all(file.value, text) == 0 && rename_into_place(writer, staged) == 0) {
+    if (write_and_close(file, text) == 0 && rename_into_place(writer, staged) == 0) {
         return 0;
     }
     const int32_t error = errno;

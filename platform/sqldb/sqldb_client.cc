@@ -318,6 +318,10 @@ int32_t sqldb_backup(sqldb_connection* connection, int32_t scope) noexcept {
     }
 }
 
+int32_t sqldb_commit(sqldb_connection* connection) noexcept {
+    return connection == nullptr ? fail(EINVAL) : commit(connection);
+}
+
 int32_t sqldb_rollback(sqldb_connection* connection) noexcept {
     if (connection == nullptr) {
         return fail(EINVAL);

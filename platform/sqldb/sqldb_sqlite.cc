@@ -1,8 +1,32 @@
 #include "sqldb_sqlite.h"
 
 #include <cerrno>
+#include <cstring>
+
+#include <unistd.h>
 
 #include <veloran/sqldb.h>
+
+/* What could not be opened was tried again without writing, and what is told is that it is missing
+ * then. The reason lies with the directory when the database itself is there. */
+static int32_t opening_errno(sqlite3* database, int system) noexcept {
+    const char* file = database != nullptr ? sqlite3_db_filename(database, "main") : nullptr;
+    if (system > 0 && system != ENOENT) {
+        return system;
+    }
+    if (file == nullptr || file[0] == '\0' || access(file, F_OK) != 0) {
+        return ENOENT;
+    }
+    char directory[SQLDB_PATH_MAX + 1];
+    const char* slash = strrchr(file, '/');
+    const size_t length = slash == nullptr ? 0 : static_cast<size_t>(slash - file) + 1;
+    if (length == 0 || length >= sizeof directory) {
+        return ENOENT;
+    }
+    memcpy(directory, file, length);
+    directory[length] = '\0';
+    return access(directory, W_OK) == 0 ? ENOENT : errno;
+}
 
 int32_t sqldb_sqlite_errno(sqlite3* database, int code) noexcept {
     const int system = database != nullptr ? sqlite3_system_errno(database) : 0;
@@ -27,7 +51,7 @@ int32_t sqldb_sqlite_errno(sqlite3* database, int code) noexcept {
     case SQLITE_AUTH:
         return EACCES;
     case SQLITE_CANTOPEN:
-        return system > 0 ? system : ENOENT;
+        return opening_errno(database, system);
     case SQLITE_IOERR:
         return code == SQLITE_IOERR_NOMEM ? ENOMEM : system > 0 ? system : EIO;
     default:

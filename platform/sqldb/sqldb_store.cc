@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -88,6 +89,32 @@ verdict judge_error(const std::string& file, std::string* reason) {
     return errno == EBADMSG ? verdict::damaged : verdict::unknown;
 }
 
+/* Checks that a file is as long as its database: a missing end of the last page shows nowhere else.
+ * 0, or -1 with errno set, EBADMSG when it is shorter. */
+int32_t check_length(sqlite3* database, const std::string& file) {
+    int in_journal = -1;
+    int copied = -1; /* of them, into the file */
+    if (sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_PASSIVE, &in_journal,
+                                  &copied) != SQLITE_OK ||
+        in_journal != copied) {
+        return 0; /* somebody else is at work; the rest is in the journal */
+    }
+    std::string length;
+    struct stat status;
+    if (sqldb_sqlite_text(database,
+                          "SELECT page_count * page_size FROM pragma_page_count, "
+                          "pragma_page_size",
+                          &length) != 0 ||
+        stat(file.c_str(), &status) != 0) {
+        return -1;
+    }
+    if (status.st_size < strtoll(length.c_str(), nullptr, 10)) {
+        errno = EBADMSG;
+        return -1;
+    }
+    return 0;
+}
+
 /* Looks at a database file; `flags` are SQLite's. The reason is set unless it is whole. */
 verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
                 std::string* reason) {
@@ -103,7 +130,7 @@ verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
     const sqldb_handle database = sqldb_sqlite_open(file.c_str(), flags);
     sqldb_layout present;
     if (database == nullptr || sqldb_copy_check(database.get()) != 0 ||
-        sqldb_layout_of(database.get(), &present) != 0) {
+        check_length(database.get(), file) != 0 || sqldb_layout_of(database.get(), &present) != 0) {
         return judge_error(file, reason);
     }
     const std::string table = sqldb_layout_missing(wanted, present);
@@ -209,7 +236,11 @@ int32_t set_aside(const std::string& file, const sqldb_reporter& reporter) {
             return -1;
         }
     }
-    return unlink((file + "-shm").c_str()) != 0 && errno != ENOENT ? -1 : 0;
+    if (unlink((file + "-shm").c_str()) != 0 && errno != ENOENT) {
+        return -1;
+    }
+    /* A journal that a power cut brought back would be taken for one of the replacement. */
+    return sqldb_place_sync_directory(file);
 }
 
 int32_t replace(const sqldb_place& place, const schema_texts& schemas, verdict state,
@@ -229,12 +260,31 @@ int32_t replace(const sqldb_place& place, const schema_texts& schemas, verdict s
     return 0;
 }
 
+/* Lets the owner of <veloran/paths.h> have what an earlier run as root has left, and the places
+ * that it could not make itself. A backup directory that cannot be had shows at the backup. */
+void hand_over(const sqldb_place& place, const sqldb_reporter& reporter) {
+    std::vector<std::string> files = {place.schema, place.data_schema, place.client_schema};
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        files.push_back(place.file + suffix);
+    }
+    for (const std::string& directory : place.backups) {
+        files.push_back(sqldb_copy_backup_path(directory, place.name));
+        (void)paths_make_parents(files.back().c_str());
+    }
+    for (const std::string& file : files) {
+        if (!file.empty() && paths_hand_over_file(file.c_str()) != 0 && errno != ENOENT) {
+            sqldb_report(reporter, WARNING, because("cannot give away " + file));
+        }
+    }
+}
+
 int32_t prepare(const sqldb_place& place, const sqldb_reporter& reporter, std::string* reason) {
     schema_texts schemas;
     if (paths_make_parents(place.file.c_str()) != 0) {
         *reason = because(place.file);
         return -1;
     }
+    hand_over(place, reporter);
     if (load_schemas(place, reporter, &schemas, reason) != 0) {
         return -1;
     }

@@ -80,32 +80,3 @@ TEST(dict, a_clone_stands_alone) {
     dict.reset();
     EXPECT_EQ(content_of(copy.get()), (pairs{{"a", "changed"}}));
 }
-
-/* Random sets and deletes against a plain vector, across many growths. */
-TEST(dict, agrees_with_a_model) {
-    std::mt19937 random(20261122);
-    dict_owner dict = own(strm_dict_new());
-    pairs model;
-    for (int step = 0; step < 4000; ++step) {
-        const std::string key = "k" + std::to_string(random() % 60);
-        auto found = model.begin();
-        while (found != model.end() && found->first != key) {
-            ++found;
-        }
-        if (random() % 3 == 0) {
-            EXPECT_EQ(strm_dict_delete(dict.get(), key.c_str()), found == model.end() ? -1 : 0);
-            if (found != model.end()) {
-                model.erase(found);
-            }
-            continue;
-        }
-        const std::string value(random() % 40, static_cast<char>('a' + random() % 26));
-        EXPECT_EQ(strm_dict_set(dict.get(), key.c_str(), value.c_str()), 0);
-        if (found == model.end()) {
-            model.emplace_back(key, value);
-        } else {
-            found->second = value;
-        }
-    }
-    EXPECT_EQ(content_of(dict.get()), model);
-}

@@ -2,11 +2,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -28,6 +30,22 @@ int flood(int fd, const char* text) {
         ++sent;
     }
     return sent;
+}
+
+/* Bytes of data in one reply, or what came of it before the end. */
+size_t read_reply(int fd) {
+    std::vector<char> packet(MESSAGE_PACKET_SIZE);
+    message_frame frame{0, 0, MESSAGE_FRAME_MORE, 0};
+    size_t data = 0;
+    while ((frame.flags & MESSAGE_FRAME_MORE) != 0) {
+        const ssize_t got = recv(fd, packet.data(), packet.size(), 0);
+        if (got < static_cast<ssize_t>(sizeof frame)) {
+            break;
+        }
+        memcpy(&frame, packet.data(), sizeof frame);
+        data += static_cast<size_t>(got) - sizeof frame;
+    }
+    return data;
 }
 
 void pass(int fd, const int* descriptors, size_t count, const char* text) {
@@ -198,6 +216,47 @@ TEST(MessageHostile, OneProcessCannotTakeAllConnections) {
     }
     channel_thread_await(&server, server.ended, static_cast<int>(clients.size()));
     EXPECT_EQ(message_channel_connections(server.channel), 0);
+    channel_thread_stop(&server);
+}
+
+/* A client of another user, whose thread alone it is while it connects; the way to the name is open
+ * to it. */
+static message_client client_of(uid_t user) {
+    std::filesystem::path folder = test_root() + "/sys/csm/test";
+    std::filesystem::permissions(folder / "default", std::filesystem::perms(0666));
+    for (; folder != "/tmp"; folder = folder.parent_path()) {
+        std::filesystem::permissions(folder, std::filesystem::perms(0755));
+    }
+    message_client client;
+    EXPECT_EQ(syscall(SYS_setresuid, -1, user, -1), 0);
+    EXPECT_EQ(message_connect(&client, TEST_NAME), 0) << strerror(errno);
+    EXPECT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
+    return client;
+}
+
+TEST(MessageHostile, OneUserLeavesRoomForUnreadReplies) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user, too";
+    }
+    constexpr size_t REPLY = size_t{16} << 20;
+    constexpr size_t FITS = MESSAGE_OUTPUT_USER_MAX / REPLY + 1; /* the one that goes beyond, too */
+    const std::string ask = "size " + std::to_string(REPLY);
+    channel_thread server;
+    channel_thread_start(&server);
+    std::vector<message_client> clients;
+    for (size_t i = 0; i < FITS + 2; ++i) {
+        /* The last one is root's. */
+        clients.push_back(client_of(i < FITS + 1 ? 54321 : 0));
+        ASSERT_EQ(send(clients.back().fd, ask.data(), ask.size(), 0),
+                  static_cast<ssize_t>(ask.size()));
+        channel_thread_await(&server, server.received, static_cast<int>(i) + 1);
+    }
+    channel_thread_await(&server, server.ended, 1);
+    for (size_t i = 0; i < clients.size(); ++i) {
+        EXPECT_EQ(read_reply(clients[i].fd) == REPLY, i != FITS) << i;
+        message_disconnect(&clients[i]);
+    }
+    channel_thread_await(&server, server.ended, static_cast<int>(clients.size()));
     channel_thread_stop(&server);
 }
 

@@ -177,6 +177,10 @@ TEST(paths, a_root_that_is_no_directory_of_ours_is_refused) {
                   }),
                   ENOTDIR);
     }
+    const scratch open_to_all;
+    fs::create_directories(open_to_all.path + "/a/run");
+    ASSERT_EQ(chmod((open_to_all.path + "/a/run").c_str(), 0777), 0);
+    EXPECT_EQ(status_of_child([&] { return make_roots_in(open_to_all.path); }), EPERM);
     if (geteuid() == 0) {
         const scratch foreign;
         fs::create_directories(foreign.path + "/a/run");
@@ -208,6 +212,42 @@ TEST(paths, what_root_makes_belongs_to_the_later_user) {
         ASSERT_EQ(stat((base.path + path).c_str(), &status), 0) << path;
         EXPECT_EQ(status.st_uid, 12345u) << path;
         EXPECT_EQ(status.st_gid, 12346u) << path;
+    }
+}
+
+/* What an earlier run as root has left is given as well, but nothing that a link leads to. */
+TEST(paths, what_root_left_belongs_to_the_later_user) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const scratch base;
+    fs::create_directories(base.path + "/a/run/x/y");
+    fs::create_directories(base.path + "/outside/z");
+    fs::create_symlink(base.path + "/outside", base.path + "/a/run/link");
+    for (const char* path : {"/a/run/x/y/f", "/a/run/x/y/twice", "/outside/f", "/outside/z/f"}) {
+        std::ofstream(base.path + path) << "x";
+    }
+    fs::create_hard_link(base.path + "/a/run/x/y/twice", base.path + "/outside/twice");
+    fs::create_symlink(base.path + "/outside/f", base.path + "/a/run/x/y/to");
+    EXPECT_EQ(status_of_child([&] {
+                  paths_set_owner(12345, 12346);
+                  int error = make_roots_in(base.path);
+                  for (const char* path : {"x/y/f", "x/y/twice", "x/y/to", "link/f", "link/z/f"}) {
+                      error += paths_hand_over_file((base.path + "/a/run/" + path).c_str());
+                  }
+                  return error;
+              }),
+              0);
+    const struct {
+        const char* path;
+        uid_t owner;
+    } cases[] = {{"/a", 0},         {"/a/run/x", 12345}, {"/a/run/x/y", 12345},
+                 {"/outside", 0},   {"/outside/z", 0},   {"/a/run/x/y/f", 12345},
+                 {"/outside/f", 0}, {"/outside/z/f", 0}, {"/a/run/x/y/twice", 0}};
+    for (const auto& item : cases) {
+        struct stat status = {};
+        ASSERT_EQ(stat((base.path + item.path).c_str(), &status), 0) << item.path;
+        EXPECT_EQ(status.st_uid, item.owner) << item.path;
     }
 }
 

@@ -234,26 +234,6 @@ TEST_F(pps_watch, refuses_what_is_not_there) {
     EXPECT_EQ(errno, EBADF);
 }
 
-/* Every update of a fast writer is seen or superseded: what is told is always newer. */
-TEST_F(pps_watch, never_goes_back) {
-    const object_owner object = reader("state?wait,delta");
-    read_text(object);
-    std::thread writing([this] {
-        for (int32_t i = 1; i <= 2000; ++i) {
-            update(state, "n:n:" + std::to_string(i) + "\n");
-        }
-    });
-    int32_t last = 0;
-    while (last < 2000) {
-        const std::string text = read_text(object);
-        ASSERT_EQ(text.substr(0, 11), "@state\nn:n:");
-        const int32_t number = std::stoi(text.substr(11));
-        ASSERT_GT(number, last);
-        last = number;
-    }
-    writing.join();
-}
-
 TEST(pps_line, takes_a_text_apart) {
     const std::string text = "@radio/state\nrate:n:1.0\njunk\n\n-gone\n-@track\nlast::x:y";
     const char* at = text.data();

@@ -75,13 +75,16 @@ constexpr int32_t MESSAGE_EVENT_PULSE = 4;
  *
  * A channel has at most MESSAGE_CONNECTIONS_MAX connections, fewer when the process may not open
  * that many descriptors (two a connection, and a reserve for the rest of the process). One client
- * process has at most a quarter of them, one user other than root at most three quarters. */
+ * process has at most a quarter of them, one user other than root at most three quarters. So it is
+ * with the bytes of replies that are not read. */
 
 constexpr int32_t MESSAGE_CONNECTIONS_MAX = 2048;
 constexpr int32_t MESSAGE_NAMES_MAX = 16; /* names of one channel */
 /* Unsent replies of all connections together, bytes: above it no further client may leave a reply
  * unread; its connection is ended instead. */
 constexpr size_t MESSAGE_OUTPUT_MAX = size_t{256} << 20;
+/* The same for the connections of one user other than root. */
+constexpr size_t MESSAGE_OUTPUT_USER_MAX = MESSAGE_OUTPUT_MAX / 4 * 3;
 
 /* --- Channels ----------------------------------------------------------------------------------
  */

@@ -28,22 +28,31 @@ int32_t paths_resolve(const char* path, char* buffer, size_t size) noexcept;
 int32_t paths_resolve_existing(const char* path, char* buffer, size_t size) noexcept;
 
 /* Makes the runtime root (mode 0755) and the state root (mode 0700) with their parents. Refuses a
- * root that is no directory (ENOTDIR), that is a symbolic link in the last place (ENOTDIR), or
- * that belongs to somebody other than the effective user or the owner of paths_set_owner (EPERM).
- * 0, or -1 with errno set and the culprit, cut to fit, in `failed` unless that is null. */
+ * root that is no directory (ENOTDIR), that is a symbolic link in the last place (ENOTDIR), that
+ * belongs to somebody other than the effective user or the owner of paths_set_owner (EPERM), or in
+ * which everybody may write, and so plant links (EPERM). 0, or -1 with errno set and the culprit,
+ * cut to fit, in `failed` unless that is null. */
 int32_t paths_make_roots(char* failed, size_t size) noexcept;
 
 /* Makes the directories above a real path (mode 0755). 0, or -1 with errno set. */
 int32_t paths_make_parents(const char* real_path) noexcept;
 
-/* For a process that starts as root and goes on as somebody else: from now on the roots and every
- * directory made here are given to that user and group, so that they can be used and removed after
- * the change. Without effect in a process that is not root. [main], before any other thread */
+/* For a process that starts as root and goes on as somebody else: from now on the roots, every
+ * directory made here, and root's own directories below the roots that are passed on the way are
+ * given to that user and group, so that they can be used and removed after the change. Nothing is
+ * given behind a symbolic link. Without effect in a process that is not root. [main], before any
+ * other thread */
 void paths_set_owner(uid_t uid, gid_t gid) noexcept;
 
 /* Gives an open file that the process has made to the owner of paths_set_owner; does nothing
  * without one. 0, or -1 with errno set. */
 int32_t paths_hand_over(int fd) noexcept;
+
+/* The same for a file that an earlier run as root has left, by its real path: a regular file of
+ * root's with one name, in a directory of that owner, who might replace it anyway. Any other one
+ * stays as it is. The file is not opened: locks of this process on it stay. Directories above it
+ * are made. 0, also when it stays as it is; -1 with errno set, ENOENT when there is none. */
+int32_t paths_hand_over_file(const char* real_path) noexcept;
 
 /* The roots, without a slash at the end; empty when the variable's value is longer than any path
  * may be, and then nothing below it resolves. */

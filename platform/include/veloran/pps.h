@@ -101,7 +101,7 @@ int32_t pps_poll_fd(const pps_object* object) noexcept;
 
 /* Takes the next line from a text of which `*length` bytes are left, and moves both on behind it.
  * 1, or 0 at the end. Lines that are none are passed over. A last line without a line end counts
- * as a line. */
+ * as a line, and a NUL behind it does not count. */
 int32_t pps_next_line(const char** text, size_t* length, pps_line* line) noexcept;
 }
 

@@ -14,12 +14,12 @@
  * A NAME is 1 to 64 bytes of letters, digits, '_', '-' and '.', and does not begin with '.'.
  *
  * Statements of one connection gather into one transaction, begun by the first one that writes,
- * committed by sqldb_backup and sqldb_disconnect, dropped by sqldb_rollback and by the end of the
- * process: what was written is there whole or not at all. The commit is synchronised to the disk
- * before it is reported. A statement that fails drops itself alone. When the system lost the whole
- * transaction (full disk, input/output error, out of memory), each further statement, backup and
- * the disconnect fail with the errno of the loss until sqldb_rollback, so that never a part of the
- * statements is committed.
+ * committed by sqldb_commit, sqldb_backup and sqldb_disconnect, dropped by sqldb_rollback and by
+ * the end of the process: what was written is there whole or not at all. The commit is synchronised
+ * to the disk before it is reported. A statement that fails drops itself alone. When the system
+ * lost the whole transaction (full disk, input/output error, out of memory), each further
+ * statement, commit, backup and the disconnect fail with the errno of the loss until
+ * sqldb_rollback, so that never a part of the statements is committed.
  *
  * Functions return 0 or what they say, or -1 (or null) with errno set: EINVAL a statement that SQL
  * or the interface refuses, EBUSY another connection writes (after SQLDB_BUSY_MS), EBADMSG a file
@@ -108,6 +108,10 @@ double sqldb_cell_real(const sqldb_result* result, int64_t row, int32_t column,
  * after a failed commit nothing is copied, after a failed copy the other directories still get
  * theirs. EBUSY when another connection is just writing the same backup. */
 int32_t sqldb_backup(sqldb_connection* connection, int32_t scope) noexcept;
+
+/* Commits what the statements wrote; the connection stays open for the next transaction. -1 with
+ * errno when it could not be committed; then nothing of it is there. */
+int32_t sqldb_commit(sqldb_connection* connection) noexcept;
 
 /* Drops what the statements wrote since the last commit. */
 int32_t sqldb_rollback(sqldb_connection* connection) noexcept;
