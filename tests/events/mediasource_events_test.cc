@@ -140,7 +140,7 @@ TEST(mediasource_events, pass_by_a_call_that_does_not_return) {
     fake_do(rig.fake, "blocked stuck");
     const std::string ticket = fake_do(rig.fake, "event status uid=stuck value=8 nowait=1");
     const std::string named =
-        "A call of 'seek' into the plug-in of media source " + std::to_string(source);
+        " does not return (player stuck, media source " + std::to_string(source);
     while (rig_logged(rig, named) == 0) {
         EXPECT_NE(mediasource_by_id(&mmcontrol, source), nullptr);
     }

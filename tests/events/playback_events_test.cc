@@ -30,32 +30,6 @@ event_scene playing(int32_t current, int32_t repeat) {
     return {&rig, player};
 }
 
-TEST(playback_events, go_on_at_the_end_of_a_track) {
-    const struct {
-        int32_t current;
-        int32_t repeat;
-        int32_t status;
-        int32_t then;
-        int64_t plays;
-        const char* shown;
-    } cases[] = {
-        {0, 0, LYR_STATUS_PLAYING, 1, 1, "::playing"},
-        {2, 0, LYR_STATUS_PLAYING, 2, 0, "::stopped"},
-        {2, 1, LYR_STATUS_PLAYING, 0, 1, "::playing"},
-        {1, 2, LYR_STATUS_PLAYING, 1, 1, "::playing"},
-        {0, 0, LYR_STATUS_PAUSED, 1, 0, "::playing"},
-    };
-    for (const auto& c : cases) {
-        event_scene s = playing(c.current, c.repeat);
-        s.player->status = c.status;
-        EXPECT_EQ(fake_number(s.rig->fake, "event finished"), 0);
-        EXPECT_EQ(rig_current(s.player), c.then);
-        EXPECT_EQ(fake_number(s.rig->fake, "count play"), c.plays);
-        EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "status"), c.shown);
-        player_close(&mmcontrol, "player");
-    }
-}
-
 TEST(playback_events, stop_a_device_at_the_end) {
     event_scene s = playing(0, 1);
     s.player->trksession->ms_session->player_mode = 0;
@@ -107,47 +81,6 @@ TEST(playback_events, show_positions_changes_and_states) {
     EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "repeat"), "::one");
     EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "rate"), ":n:1.5");
     EXPECT_EQ(s.player->shuffle_mode, 1);
-    player_close(&mmcontrol, "player");
-}
-
-TEST(playback_events, skip_what_cannot_be_played) {
-    const struct {
-        const char* rule;
-        int32_t repeat;
-        int32_t error;
-        int64_t result;
-        int32_t current;
-        int32_t status;
-    } cases[] = {
-        {"rule attach id=/t1 result=1", 0, 0, 0, 2, LYR_STATUS_PLAYING},
-        {"rule play times=1 result=1", 0, 0, 0, 2, LYR_STATUS_PLAYING},
-        {"rule attach result=1", 0, 0, 0, 2, LYR_STATUS_PLAYING}, /* the end of the list */
-        {"rule attach result=1", 1, 0, -1, 0, LYR_STATUS_STOPPED},
-        {"rule play result=1", 2, 0, -1, 0, LYR_STATUS_STOPPED},
-        {"rule seek result=1", 0, 2, -1, 0, LYR_STATUS_PLAYING},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.rule);
-        event_scene s = playing(0, c.repeat);
-        fake_do(s.rig->fake, "%s", c.rule);
-        EXPECT_EQ(fake_number(s.rig->fake, "event error value=%d", c.error), c.result);
-        EXPECT_EQ(rig_current(s.player), c.current);
-        EXPECT_EQ(s.player->status, c.status);
-        player_close(&mmcontrol, "player");
-    }
-}
-
-/* Every track is accepted and then found broken: the round has an end. */
-TEST(playback_events, end_a_storm_of_errors) {
-    event_scene s = playing(0, LYR_REPEAT_ALL);
-    for (const int64_t result : {0, 0, 0, -1}) {
-        EXPECT_EQ(fake_number(s.rig->fake, "event error value=0"), result);
-    }
-    EXPECT_EQ(s.player->status, LYR_STATUS_STOPPED);
-    EXPECT_EQ(fake_number(s.rig->fake, "event error value=0"), 0); /* a new round */
-    EXPECT_EQ(fake_number(s.rig->fake, "event error value=1"), 0);
-    EXPECT_EQ(rig_tracks(s.player), "none");
-    EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "status"), "::idle");
     player_close(&mmcontrol, "player");
 }
 

@@ -5,7 +5,8 @@
  * process the same commands travel through the stream socket whose path is the plug-in setting
  * "control": request = uint32 length and that many bytes; reply = int32 result, uint32 length,
  * bytes; several connections at a time, each served by its own thread. tests/support/fake_client.h
- * wraps both. The setting "script" holds commands that init executes first, one a line.
+ * wraps both. The setting "script" holds commands that init executes first, one a line; a line that
+ * begins with a space belongs to the body of the command above.
  *
  * All state belongs to one image of the library: a copy under another file name is another plug-in.
  * State outlives cleanup, so a test that holds the library open can still read the log.
@@ -25,16 +26,15 @@
  *                            NAME: empty is the last part of the path, "-" null. URL: empty is
  *                            "fake:PATH", "-" null. COUNT: empty is the number of children.
  *                            \xHH gives any byte.
- *   meta ID [none=1] [title= artwork= artist= album= genre= year= extra= duration= width= height=
+ *   meta ID [title= artwork= artist= album= genre= year= extra= duration= width= height=
  *        disc= track=]       Metadata of a node. Without it a leaf has its name as title and a
  *                            duration of 180000 ms, everything else has none.
  *   ext ID KEY VALUE         One extended metadatum.
  *   source UID [name=] [view=] [type=] [caps=] [status=] [auto=0] [noname=1]
- *                            A media source; reported when detection is switched on, unless auto=0.
+ *                            A media source; reported when detection is switched on, unless auto=0,
+ *                            on a thread of the plug-in while the call waits.
  *                            Defaults: name = UID, no view name, HDD, all capabilities, status 1.
  *   types MASK | name [TEXT] What init stores; the table's name (none: null).
- *   report inside|thread|none   Where detection reports: in the call, on a thread of the plug-in
- *                            while the call waits (default), not at all.
  *   device on|off            Device mode: a session walks the tracks of the attached node's folder
  *                            on next and previous, and reports track changes and states.
  *   null ENTRY | restore ENTRY  Takes an entry out of its table, or a table (play_api, browse_api).
@@ -43,11 +43,11 @@
  * Behaviour of entries. Names: init detection cleanup play.create play.destroy attach play pause
  * stop rate seek next previous shuffle repeat browse.create browse.destroy browse search metadata
  * extended update cancel.
- *   rule ENTRY [id=] [prefix=] [ms=] [key=] [skip=N] [times=N] and what it does:
+ *   rule ENTRY [id=] [ms=] [skip=N] [times=N] and what it does:
  *        result=N            returned in place of doing anything    null=1   create returns null
- *        errno=N             set before returning                   delay=MS
  *        block=GATE          wait in the call until "release GATE"
- *        deaf=1              a blocked or delayed call does not notice cancel
+ *        deaf=1              a blocked call does not notice cancel
+ *        signal=N            crash: raise that signal
  *        page=N              at most N records a page               over=N   N more than asked
  *        count=N             deliver this count, with no array      nullid=1 null ids
  *        rewind=1            ignore the offset
@@ -60,12 +60,13 @@
  *   blocked GATE [N]         Waits until N (1) calls wait at the gate.
  *
  * What was called
- *   await ENTRY N [id=] [returned=1] [timeout=MS]  Waits for the Nth call since the start or
+ *   await ENTRY N [id=] [returned=1]  Waits for the Nth call since the start or
  *                            `clear`; entries "event.KIND" count callbacks that returned.
  *   count ENTRY [returned=1] Number of calls.
- *   log [ENTRY] [since=SERIAL]  One line a call: SERIAL ENTRY KEY=VALUE ... with session, id, name,
+ *   log [ENTRY]              One line a call: SERIAL ENTRY KEY=VALUE ... with session, id, name,
  *                            offset, count, value, ms, tid, thread, result, returned (0: still in).
- *                            The last 4096 calls are kept.
+ *                            The last 4096 calls are kept, or as many as "keep" says.
+ *   keep N
  *   clear                    Forgets log and counters.
  *   sessions                 One line a live session: SERIAL play|browse ms=ID.
  *   settings                 What init was given: KEY=VALUE lines.
@@ -78,7 +79,7 @@
  * Events: event KIND ... [thread=N] [repeat=N] [nowait=1]; the text is the callback's result (of
  * the last repetition), or with nowait a ticket for "join TICKET", which waits for the result.
  * Made on thread N (0) of the plug-in.
- *   connected uid= [plugin=ID] [nouid=1]   disconnected uid=|id=     status uid=|id= value=
+ *   connected uid=           disconnected uid=|id=     status uid=|id= value=
  *   caps uid=|id= value=                   position value=           finished
  *   changed [node=ID]  state [shuffle= repeat= status= rate=]        error value=      browse_error
  *        Those of playback take session= (last: the newest live play session, the default; a

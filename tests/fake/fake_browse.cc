@@ -112,7 +112,7 @@ metadata* metadata_of(fake_state& state, int32_t ms_id, const std::string& id)
             words[key] = value;
         }
     }
-    if (words.empty() || words.count("none") != 0) {
+    if (words.empty()) {
         return nullptr;
     }
     const auto text = [&](const char* key) {
@@ -174,7 +174,7 @@ static int32_t fake_search(void* handle, const char* filter, const char* key, in
         check_page(state, "search", offset, count, nodes);
         call.ms = source_of(state, handle);
     }
-    const call_effect effect = call_begin(std::move(call), key);
+    const call_effect effect = call_begin(std::move(call));
     int32_t result = effect.result.value_or(0);
     if (!effect.result && effect.count) {
         *count = *effect.count;
@@ -230,14 +230,23 @@ static int32_t fake_update(void* handle, int32_t count, medianode* nodes) noexce
     if (!effect.result) {
         vel_lock_guard guard(state.lock);
         const int32_t ms_id = source_of(state, handle);
+        const fake_source* source = fake_source_by_id(state, ms_id);
         for (int32_t i = 0; i < count; ++i) {
             tree_item item;
             if (nodes[i].id != nullptr &&
                 tree_find(fake_tree_of(state, ms_id), nodes[i].id, item)) {
-                for (char* text : {nodes[i].id, nodes[i].name, nodes[i].url, nodes[i].ms_uid}) {
+                char* uid = nodes[i].ms_uid;
+                const int32_t type = nodes[i].ms_type;
+                for (char* text : {nodes[i].id, nodes[i].name, nodes[i].url}) {
                     std::free(text);
                 }
-                fake_fill_node(item, fake_source_by_id(state, ms_id), ms_id, nodes[i]);
+                fake_fill_node(item, source, ms_id, nodes[i]);
+                if (source == nullptr) { /* unknown while it is still being reported */
+                    nodes[i].ms_uid = uid;
+                    nodes[i].ms_type = type;
+                } else {
+                    std::free(uid);
+                }
             }
         }
     }

@@ -1,7 +1,7 @@
 #include "fake_calls.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <csignal>
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,29 +11,19 @@
 
 namespace {
 
-constexpr size_t CALLS_KEPT = 4096;
-constexpr int64_t WAIT_LIMIT = 60000; /* ms */
+constexpr int64_t WAIT_LIMIT = 300000; /* ms */
 
 /* How long a call is held up, and where. */
 struct hold {
-    int64_t delay = 0;
     std::string gate;
     bool deaf = false;
     std::string inside;
+    int signal = 0;
 };
 
-bool matches(const fake_rule& rule, const fake_call& call, const char* key) {
-    if (rule.entry != call.entry || (rule.ms && rule.ms != call.ms)) {
-        return false;
-    }
-    if ((rule.id || rule.prefix) && !call.id) {
-        return false;
-    }
-    if (rule.key && (key == nullptr || *rule.key != key)) {
-        return false;
-    }
-    return (!rule.id || *rule.id == *call.id) &&
-           (!rule.prefix || call.id->compare(0, rule.prefix->size(), *rule.prefix) == 0);
+bool matches(const fake_rule& rule, const fake_call& call) {
+    return rule.entry == call.entry && (!rule.ms || rule.ms == call.ms) &&
+           (!rule.id || rule.id == call.id);
 }
 
 void apply(const fake_rule& rule, call_effect& effect, hold& held) {
@@ -43,7 +33,6 @@ void apply(const fake_rule& rule, call_effect& effect, hold& held) {
         }
     };
     take(rule.result, effect.result);
-    take(rule.error, effect.error);
     take(rule.page, effect.page);
     take(rule.count, effect.count);
     effect.null = effect.null || rule.null;
@@ -52,15 +41,15 @@ void apply(const fake_rule& rule, call_effect& effect, hold& held) {
     effect.over = static_cast<int32_t>(rule.over.value_or(effect.over));
     effect.after = rule.after.value_or(effect.after);
     held.inside = rule.inside.value_or(held.inside);
-    held.delay = rule.delay.value_or(held.delay);
     held.gate = rule.gate.value_or(held.gate);
     held.deaf = held.deaf || rule.deaf;
+    held.signal = static_cast<int>(rule.signal.value_or(held.signal));
 }
 
-void consult(fake_state& state, const fake_call& call, const char* key, call_effect& effect,
-             hold& held) VEL_REQUIRES(state.lock) {
+void consult(fake_state& state, const fake_call& call, call_effect& effect, hold& held)
+    VEL_REQUIRES(state.lock) {
     for (fake_rule& rule : state.rules) {
-        if (!matches(rule, call, key) || (rule.times && *rule.times == 0)) {
+        if (!matches(rule, call) || (rule.times && *rule.times == 0)) {
             continue;
         }
         if (rule.skip > 0) {
@@ -85,9 +74,6 @@ bool hold_up(fake_state& state, const hold& held, uint64_t session) VEL_REQUIRES
     const auto cancelled = [&]() VEL_REQUIRES(state.lock) {
         return !held.deaf && cancels_of(state, session) != cancels;
     };
-    const timespec until = fake_after(held.delay);
-    while (held.delay > 0 && !cancelled() && fake_wait(state, until)) {
-    }
     if (!held.gate.empty() && state.open_gates.count(held.gate) == 0) {
         state.at_gate[held.gate] += 1;
         fake_wake(state);
@@ -109,7 +95,7 @@ void remember(fake_state& state, fake_call&& call) VEL_REQUIRES(state.lock) {
     count.entered += 1;
     count.returned += call.returned ? 1 : 0;
     state.calls.push_back(std::move(call));
-    if (state.calls.size() > CALLS_KEPT) {
+    while (state.calls.size() > state.calls_kept) {
         state.calls.pop_front();
     }
     fake_wake(state);
@@ -157,22 +143,19 @@ std::optional<std::string> add_rule(const fake_words& words, std::string& fault)
     fake_rule rule;
     rule.entry = words_at(words, 1);
     rule.id = words_text(words, "id");
-    rule.prefix = words_text(words, "prefix");
     rule.ms = words_number(words, "ms");
-    rule.key = words_text(words, "key");
     rule.skip = static_cast<uint64_t>(words_number(words, "skip").value_or(0));
     if (const auto times = words_number(words, "times")) {
         rule.times = static_cast<uint64_t>(*times);
     }
     rule.result = words_number(words, "result");
     rule.null = words_number(words, "null").value_or(0) != 0;
-    rule.error = words_number(words, "errno");
-    rule.delay = words_number(words, "delay");
     rule.gate = words_text(words, "block");
     rule.deaf = words_number(words, "deaf").value_or(0) != 0;
     rule.page = words_number(words, "page");
     rule.over = words_number(words, "over");
     rule.count = words_number(words, "count");
+    rule.signal = words_number(words, "signal");
     rule.null_ids = words_number(words, "nullid").value_or(0) != 0;
     rule.rewind = words_number(words, "rewind").value_or(0) != 0;
     rule.inside = words_text(words, "inside");
@@ -194,14 +177,13 @@ std::optional<std::string> await(const fake_words& words, std::string& fault) {
     const std::string& entry = words_at(words, 1);
     const auto id = words_text(words, "id");
     const bool returned = words_number(words, "returned").value_or(0) != 0;
-    const int64_t limit = words_number(words, "timeout").value_or(WAIT_LIMIT);
     const uint64_t wanted = static_cast<uint64_t>(words_to_number(words_at(words, 2)).value_or(1));
     if (!known_entry(entry) && entry.compare(0, 6, "event.") != 0) {
         fault = "no such entry: " + entry;
         return std::nullopt;
     }
     fake_state& state = fake();
-    const timespec until = fake_after(limit);
+    const timespec until = fake_after(WAIT_LIMIT);
     vel_lock_guard guard(state.lock);
     uint64_t count = 0;
     while ((count = calls_of(state, entry, id, returned)) < wanted) {
@@ -217,7 +199,7 @@ std::optional<std::string> await_blocked(const fake_words& words, std::string& f
     const std::string& gate = words_at(words, 1);
     const int64_t wanted = words_to_number(words_at(words, 2)).value_or(1);
     fake_state& state = fake();
-    const timespec until = fake_after(words_number(words, "timeout").value_or(WAIT_LIMIT));
+    const timespec until = fake_after(WAIT_LIMIT);
     vel_lock_guard guard(state.lock);
     while (state.at_gate[gate] < wanted) {
         if (state.stopping || !fake_wait(state, until)) {
@@ -236,12 +218,11 @@ void forget(fake_state& state) VEL_REQUIRES(state.lock) {
 
 std::string log_text(const fake_words& words) {
     const std::string& entry = words_at(words, 1);
-    const int64_t since = words_number(words, "since").value_or(0);
     fake_state& state = fake();
     vel_lock_guard guard(state.lock);
     std::string text;
     for (const fake_call& call : state.calls) {
-        if (static_cast<int64_t>(call.serial) >= since && (entry.empty() || entry == call.entry)) {
+        if (entry.empty() || entry == call.entry) {
             text += line_of(call);
         }
     }
@@ -265,7 +246,7 @@ void release(const std::string& gate) {
 
 } // namespace
 
-call_effect call_begin(fake_call call, const char* key) {
+call_effect call_begin(fake_call call) {
     fake_state& state = fake();
     call_effect effect;
     hold held;
@@ -273,12 +254,15 @@ call_effect call_begin(fake_call call, const char* key) {
     effect.session = call.session;
     {
         vel_lock_guard guard(state.lock);
-        consult(state, call, key, effect, held);
+        consult(state, call, effect, held);
         remember(state, std::move(call));
         effect.serial = state.next_call - 1;
         if (hold_up(state, held, effect.session)) {
             effect.result = effect.result.value_or(-1);
         }
+    }
+    if (held.signal != 0) {
+        raise(held.signal);
     }
     if (!held.inside.empty()) {
         events_make_here(held.inside, effect.session);
@@ -300,9 +284,6 @@ int32_t call_end(const call_effect& effect, int32_t result) {
     }
     if (!effect.after.empty()) {
         events_post(state, effect.after, effect.session);
-    }
-    if (effect.error) {
-        errno = *effect.error;
     }
     return result;
 }

@@ -16,7 +16,6 @@ struct call_effect {
     uint64_t session = 0; /* of the session */
     std::optional<int32_t> result;
     bool null = false;
-    std::optional<int32_t> error;
     std::optional<int32_t> page;
     int32_t over = 0;
     std::optional<int32_t> count;
@@ -26,8 +25,8 @@ struct call_effect {
 };
 
 /* Logs the call, then waits, blocks and makes events as the rules say. `call` holds entry,
- * session, id, ms and arguments; key is what a search looks for. */
-call_effect call_begin(fake_call call, const char* key = nullptr);
+ * session, id, ms and arguments. */
+call_effect call_begin(fake_call call);
 
 /* Logs the end and returns the result: what a rule asked for is the caller's to have applied. */
 int32_t call_end(const call_effect& effect, int32_t result);

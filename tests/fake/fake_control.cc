@@ -39,7 +39,7 @@ void add_source(fake_state& state, const fake_words& words) VEL_REQUIRES(state.l
 void set_metadata(fake_state& state, const fake_words& words) VEL_REQUIRES(state.lock) {
     std::map<std::string, std::string>& data = state.metadata[words_at(words, 1)];
     data.clear();
-    for (const char* key : {"none", "title", "artwork", "artist", "album", "genre", "year", "extra",
+    for (const char* key : {"title", "artwork", "artist", "album", "genre", "year", "extra",
                             "duration", "width", "height", "disc", "track"}) {
         if (const auto value = words_text(words, key)) {
             data[key] = *value;
@@ -107,8 +107,8 @@ answer_text change(fake_state& state, const fake_words& words, std::string& faul
         state.types = static_cast<uint32_t>(words_to_number(first).value_or(0));
     } else if (verb == "name") {
         fake_table_name(words.plain.size() > 1 ? first.c_str() : nullptr);
-    } else if (verb == "report") {
-        state.report = first;
+    } else if (verb == "keep") {
+        state.calls_kept = static_cast<size_t>(words_to_number(first).value_or(0));
     } else if (verb == "device") {
         state.device = first == "on";
     } else if (verb == "null" || verb == "restore") {
@@ -177,10 +177,15 @@ int32_t control_execute(const std::string& command, std::string& answer) {
 
 void control_run_script(const std::string& script) {
     std::istringstream lines(script);
-    for (std::string line; std::getline(lines, line);) {
+    std::string line;
+    for (bool more = static_cast<bool>(std::getline(lines, line)); more;) {
+        std::string command = line;
+        while ((more = static_cast<bool>(std::getline(lines, line))) && line[0] == ' ') {
+            command += '\n' + line.substr(1);
+        }
         std::string answer;
-        if (!line.empty() && control_execute(line, answer) != 0) {
-            std::fprintf(stderr, "fake.so: %s: %s\n", line.c_str(), answer.c_str());
+        if (!command.empty() && control_execute(command, answer) != 0) {
+            std::fprintf(stderr, "fake.so: %s: %s\n", command.c_str(), answer.c_str());
             std::abort();
         }
     }

@@ -60,8 +60,7 @@ int64_t connect_source(fake_state& state, const fake_job& job) {
     {
         vel_lock_guard guard(state.lock);
         callbacks = state.callbacks;
-        plugin_id =
-            static_cast<int32_t>(words_number(job.words, "plugin").value_or(state.plugin_id));
+        plugin_id = state.plugin_id;
         const fake_source* source =
             fake_source_by_uid(state, words_text(job.words, "uid").value_or(""));
         if (source == nullptr) {
@@ -69,9 +68,8 @@ int64_t connect_source(fake_state& state, const fake_job& job) {
         }
         copy = *source;
     }
-    const bool no_uid = words_number(job.words, "nouid").value_or(0) != 0;
     const int32_t id = callbacks->mediasource_connected(
-        plugin_id, no_uid ? nullptr : copy.uid.c_str(), copy.name ? copy.name->c_str() : nullptr,
+        plugin_id, copy.uid.c_str(), copy.name ? copy.name->c_str() : nullptr,
         copy.view_name ? copy.view_name->c_str() : nullptr, copy.type, copy.capabilities,
         copy.status);
     vel_lock_guard guard(state.lock);
@@ -280,8 +278,8 @@ std::optional<std::string> wait_for(const std::shared_ptr<fake_job>& job, std::s
 
 /* Every option that an event knows counts as used, so that a misspelt one is found. */
 void mark_options(const fake_words& words) {
-    for (const char* key : {"uid", "plugin", "nouid", "id", "value", "node", "shuffle", "repeat",
-                            "status", "rate", "session", "data", "thread", "nowait", "repeat"}) {
+    for (const char* key : {"uid", "id", "value", "node", "shuffle", "repeat", "status", "rate",
+                            "session", "data", "thread", "nowait", "repeat"}) {
         words_text(words, key);
     }
 }
@@ -346,28 +344,18 @@ std::optional<std::string> events_command(const fake_words& words, std::string& 
 void events_report_sources() {
     fake_state& state = fake();
     std::vector<std::shared_ptr<fake_job>> jobs;
-    bool inside = false;
     {
         vel_lock_guard guard(state.lock);
-        inside = state.report == "inside";
         for (const fake_source& source : state.sources) {
-            if (source.automatic && state.report != "none") {
+            if (source.automatic) {
                 jobs.push_back(job_of("connected uid=" + words_quote(source.uid), 0));
-            }
-        }
-        for (const std::shared_ptr<fake_job>& job : jobs) {
-            if (!inside) {
-                enqueue(state, job);
+                enqueue(state, jobs.back());
             }
         }
     }
     for (const std::shared_ptr<fake_job>& job : jobs) {
         std::string fault;
-        if (inside) {
-            make(*job);
-        } else {
-            wait_for(job, fault);
-        }
+        wait_for(job, fault);
     }
 }
 

@@ -28,7 +28,7 @@ void events_post(fake_state& state, const std::string& event, uint64_t session)
 /* Commands: event, join. */
 std::optional<std::string> events_command(const fake_words& words, std::string& fault);
 
-/* Reports the sources as `report` says; returns when that has been done. */
+/* Reports the sources on a thread of the plug-in; returns when that has been done. */
 void events_report_sources();
 
 /* Ends the plug-in's threads; events still queued are dropped. */

@@ -42,18 +42,15 @@ struct fake_count {
 struct fake_rule {
     std::string entry;
     std::optional<std::string> id;
-    std::optional<std::string> prefix;
     std::optional<int64_t> ms;
-    std::optional<std::string> key;
     uint64_t skip = 0;
     std::optional<uint64_t> times;
     /* What it does. */
     std::optional<int64_t> result;
     bool null = false;
-    std::optional<int64_t> error;
-    std::optional<int64_t> delay; /* ms */
     std::optional<std::string> gate;
     bool deaf = false;
+    std::optional<int64_t> signal;
     std::optional<int64_t> page;
     std::optional<int64_t> over;
     std::optional<int64_t> count;
@@ -109,7 +106,6 @@ struct fake_state {
     std::string name VEL_GUARDED_BY(lock) = "fake";
     bool detecting VEL_GUARDED_BY(lock) = false;
     bool stopping VEL_GUARDED_BY(lock) = false;
-    std::string report VEL_GUARDED_BY(lock) = "thread";
     bool device VEL_GUARDED_BY(lock) = false;
 
     std::vector<fake_source> sources VEL_GUARDED_BY(lock);  /* in the order of their announcement */
@@ -125,6 +121,7 @@ struct fake_state {
     std::map<std::string, int32_t> at_gate VEL_GUARDED_BY(lock);
 
     std::deque<fake_call> calls VEL_GUARDED_BY(lock);
+    size_t calls_kept VEL_GUARDED_BY(lock) = 4096;
     std::map<std::string, fake_count> counts VEL_GUARDED_BY(lock);
     uint64_t next_call VEL_GUARDED_BY(lock) = 1;
     uint64_t first_call VEL_GUARDED_BY(lock) = 1; /* the first since `clear` */

@@ -27,6 +27,7 @@ namespace {
 void become_service(const std::string& root, std::vector<std::string> arguments) {
     setenv("VELORAN_RUN", (root + "/run").c_str(), 1);
     setenv("VELORAN_STATE", (root + "/state").c_str(), 1);
+    setenv("XDG_CACHE_HOME", (root + "/cache").c_str(), 1);
     std::vector<char*> pointers = {const_cast<char*>("lyrane")};
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
@@ -119,30 +120,6 @@ TEST(serve, steps_its_level_and_ends_in_order) {
     EXPECT_EQ(log, "4 lyrane: lyrane terminating ...\n4 lyrane: lyrane terminated\n");
     EXPECT_FALSE(fs::exists(daemon_path(daemon, "/sys/csm/lyrane.sys/default")));
     daemon_remove(daemon);
-}
-
-TEST(serve, one_service_a_name_and_a_killed_one_is_followed) {
-    test_daemon first = new_daemon();
-    ASSERT_TRUE(daemon_start(first));
-    test_daemon second = new_daemon();
-    second.run = first.run;
-    ASSERT_TRUE(daemon_spawn(second));
-    EXPECT_EQ(daemon_wait(second), 128 + SIGABRT);
-    const std::string log = daemon_log(second);
-    EXPECT_NE(log.find("1 lyrane: services/lyrane/target/main:"), std::string::npos) << log;
-    EXPECT_NE(log.find("(): msgserver_add() failed (File exists)\n"), std::string::npos) << log;
-    test_daemon other = new_daemon();
-    other.run = first.run;
-    other.service = "lyrane.other";
-    EXPECT_TRUE(daemon_start(other)) << "another name is free";
-    EXPECT_EQ(daemon_stop(other), 0);
-    daemon_signal(first, SIGKILL);
-    EXPECT_EQ(daemon_wait(first), 128 + SIGKILL);
-    EXPECT_TRUE(daemon_start(second));
-    EXPECT_EQ(daemon_stop(second), 0);
-    for (test_daemon* daemon : {&other, &second, &first}) {
-        daemon_remove(*daemon);
-    }
 }
 
 TEST(serve, signals_during_the_start) {

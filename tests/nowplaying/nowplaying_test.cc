@@ -45,7 +45,7 @@ std::string meet(arbiter& self) {
         close(self.client.release());
     }
     pollfd waiting = {server_object_descriptor(self.object), POLLIN, 0};
-    EXPECT_EQ(poll(&waiting, 1, 60000), 1);
+    EXPECT_EQ(poll(&waiting, 1, 300000), 1);
     self.client.value = server_object_accept(self.object);
     return self.client.value >= 0 ? "met" : "nobody";
 }
@@ -53,7 +53,7 @@ std::string meet(arbiter& self) {
 /* The client's next message; its end is "gone". */
 std::string hear(arbiter& self) {
     pollfd waiting = {self.client.value, POLLIN, 0};
-    EXPECT_EQ(poll(&waiting, 1, 60000), 1);
+    EXPECT_EQ(poll(&waiting, 1, 300000), 1);
     char* text = nullptr;
     if (server_object_read(self.client.value, &text) < 0) {
         return errno == ECONNRESET ? "gone" : "error";

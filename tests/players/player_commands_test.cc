@@ -14,6 +14,7 @@
 #include "player_registry.h"
 #include "player_rig.h"
 #include "trksession.h"
+#include "trksession_hold.h"
 #include "trksession_walk.h"
 
 /* Every capability; metadata would only lengthen the lists of calls. */
@@ -297,7 +298,7 @@ std::vector<encounter> encounters() {
                 const mode walker = bits % 2 == 0 ? DEVICE : PLAYER;
                 const bool capable = bits / 2 % 2 == 0;
                 const char* own = each.run == jump_3 ? "next" : each.name; /* no entry of its own */
-            for (const char* refusing : {"", own, "stop", "attach", "play"}) {
+                for (const char* refusing : {"", own, "stop", "attach", "play"}) {
                     all.push_back({&each, place, walker, bits / 4, capable, refusing});
                 }
             }
@@ -408,6 +409,46 @@ TEST(player_commands, set_modes_as_they_are_told) {
     EXPECT_EQ(rig_do(s.player, player_next), 0); /* no such mode: the end */
     EXPECT_EQ(rig_current(s.player), 1);
     player_close(&mmcontrol, "commander");
+}
+
+/* Requests alone could once lead into arrays that are not there. */
+TEST(player_commands, has_no_tracks_to_walk) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "commands", ALL, "/|tracks:2");
+    player* player = rig_player(rig, "empty", source, "/", 7, -1);
+    EXPECT_EQ(rig_do(player, player_shuffle, 1), 0);
+    EXPECT_EQ(rig_do(player, player_next), 0);
+    EXPECT_EQ(rig_logged(rig, "We are at the end of the trksession"), 1);
+    EXPECT_EQ(rig_do(player, player_repeat, LYR_REPEAT_ALL), 0);
+    EXPECT_EQ(rig_do(player, player_next), -1);
+    EXPECT_EQ(rig_do(player, player_previous), -1);
+    EXPECT_EQ(rig_logged(rig, "Cannot retrieve media node from trksession"), 2);
+    player_close(&mmcontrol, "empty");
+}
+
+TEST(player_commands, hands_out_pages) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "commands", ALL, "/|tracks:5");
+    player* player = rig_player(rig, "pager", source, "/", 0, 5);
+    trksession* session = trksession_hold(player);
+    const struct {
+        int32_t offset;
+        int32_t limit;
+        int32_t result;
+        int32_t delivered;
+    } cases[] = {{0, -1, 0, 5},  {3, -1, 0, 2},  {3, 9, 0, 2},         {1, 2, 0, 2},
+                 {0, 0, 0, 0},   {9, 0, 0, 0},   {1, INT32_MAX, 0, 4}, {5, 1, -1, 1},
+                 {-1, 1, -1, 1}, {0, -2, -1, -2}};
+    for (const auto& c : cases) {
+        vel_lock_guard guard(session->lock);
+        medianode* tracks = nullptr;
+        int32_t limit = c.limit;
+        EXPECT_EQ(trksession_get_tracks(session, 0, c.offset, &limit, &tracks), c.result);
+        EXPECT_EQ(limit, c.delivered) << c.offset << " " << c.limit;
+        EXPECT_EQ(tracks != nullptr, c.result == 0 && c.limit != 0);
+    }
+    trksession_release(session);
+    player_close(&mmcontrol, "pager");
 }
 
 } // namespace

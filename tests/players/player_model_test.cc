@@ -26,7 +26,7 @@ constexpr int32_t TRACKS = 7;
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int32_t STEPS = 10000;
 #else
-constexpr int32_t STEPS = 100000;
+constexpr int32_t STEPS = 30000;
 #endif
 
 /* What a listener would say happened. */

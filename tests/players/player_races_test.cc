@@ -151,14 +151,16 @@ TEST(player_races, tell_a_build_to_end_before_its_browse_is_cancelled) {
     player_close(&mmcontrol, "builder");
 }
 
-/* A browse that is entered only after the first cancel has come and gone. */
+/* A browse that is entered only after the first cancel has come and gone: the destroyer, and the
+ * disconnection that waits for the lock which the browse holds, must cancel again. */
 const lyr_browse_api* late_entries;
 fake_client* late_fake;
+int32_t late_count; /* what the browse asks for that comes late */
 std::atomic<bool> late_begun;
 
 int32_t late_browse(void* session, const char* id, int32_t offset, int32_t* count,
                     medianode** nodes) noexcept {
-    if (*count == -1) { /* the build thread's */
+    if (*count == late_count) {
         late_begun = true;
         fake_do(*late_fake, "await cancel 2 returned=1");
         fake_do(*late_fake, "rule browse block=heard");
@@ -167,56 +169,36 @@ int32_t late_browse(void* session, const char* id, int32_t offset, int32_t* coun
 }
 
 TEST(player_races, cancel_again_what_began_after_the_cancel) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
-    player* player = rig_player(rig, "canceller", source, "/", 0, 1);
-    mediasource_session* session = player->trksession->ms_session;
-    lyr_browse_api late = *session->browse_api;
-    late_fake = &rig.fake;
-    late_entries = session->browse_api;
-    late.browse = late_browse;
-    session->browse_api = &late;
-    int32_t expected = -1;
-    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
-    while (!late_begun) {
-        std::this_thread::yield();
+    for (const bool is_lost : {false, true}) {
+        player_rig& rig = rig_fresh();
+        const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
+        player* player = rig_player(rig, "canceller", source, "/", 0, 1);
+        mediasource_session* session = player->trksession->ms_session;
+        lyr_browse_api late = *session->browse_api;
+        late_fake = &rig.fake;
+        late_entries = session->browse_api;
+        late_count = is_lost ? 1 : -1; /* the first of all, or the build thread's */
+        late_begun = false;
+        late.browse = late_browse;
+        session->browse_api = &late;
+        std::thread creator([&] {
+            int32_t expected = -1;
+            EXPECT_EQ(rig_create(player, source, "/", 0, &expected), is_lost ? -1 : 0);
+        });
+        while (!late_begun) {
+            std::this_thread::yield();
+        }
+        if (is_lost) {
+            EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=races"), 0);
+            creator.join();
+        } else {
+            creator.join();
+            EXPECT_EQ(rig_destroy(player), 0);
+            EXPECT_GE(fake_number(rig.fake, "count cancel"), 3);
+            session->browse_api = late_entries;
+        }
+        player_close(&mmcontrol, "canceller");
     }
-    EXPECT_EQ(rig_destroy(player), 0);
-    EXPECT_GE(fake_number(rig.fake, "count cancel"), 3);
-    session->browse_api = late_entries;
-    player_close(&mmcontrol, "canceller");
-}
-
-/* The same when a source goes: the disconnection waits for the lock that the browse holds. */
-static int32_t lost_browse(void* session, const char* id, int32_t offset, int32_t* count,
-                           medianode** nodes) noexcept {
-    late_begun = true;
-    fake_do(*late_fake, "await cancel 2 returned=1"); /* the first was for the earlier session */
-    fake_do(*late_fake, "rule browse block=heard");
-    return late_entries->browse(session, id, offset, count, nodes);
-}
-
-TEST(player_races, cancel_again_for_a_source_that_goes) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
-    player* player = rig_player(rig, "canceller", source, "/", 0, 1);
-    mediasource_session* session = player->trksession->ms_session;
-    lyr_browse_api late = *session->browse_api;
-    late_fake = &rig.fake;
-    late_entries = session->browse_api;
-    late.browse = lost_browse;
-    session->browse_api = &late;
-    late_begun = false;
-    std::thread creator([&] {
-        int32_t expected = -1;
-        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), -1);
-    });
-    while (!late_begun) {
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=races"), 0);
-    creator.join();
-    player_close(&mmcontrol, "canceller");
 }
 
 /* The array of tracks moves while the plug-in looks at one of them. */

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <set>
+#include <sstream>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -221,6 +222,70 @@ TEST(Golden, APlayerThatOthersClosedAnswersNothing) {
     }
     request_disconnect(here);
     request_disconnect(there);
+    world_end(world);
+}
+
+namespace {
+
+struct logged_request {
+    std::string bytes;
+    int32_t status = -1;
+    int32_t result = -1;
+};
+
+/* What the log of one connection says was sent, and what was answered. */
+std::vector<logged_request> read_log(const std::string& log) {
+    std::vector<logged_request> found;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t bytes = line.find(": bytes from ");
+        const size_t answer = line.find(": answered with status ");
+        if (line.find(", sends ") != std::string::npos) {
+            found.emplace_back();
+        } else if (bytes != std::string::npos) {
+            const std::string digits = line.substr(line.rfind(' ') + 1);
+            for (size_t i = 0; i < digits.size(); i += 2) {
+                found.back().bytes +=
+                    static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+            }
+        } else if (answer != std::string::npos) {
+            sscanf(line.c_str() + answer, ": answered with status %d, result %d",
+                   &found.back().status, &found.back().result);
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+TEST(Golden, TheLogIsEnoughToSendARequestAgain) {
+    world world;
+    world.daemon.options = {"-v", "-v", "-v", "-v", "-v", "-v", "-v"};
+    ASSERT_TRUE(world_start(world));
+    const std::vector<std::string> requests = {
+        notation_bytes("00 00 0*14 05 0*3 'radio'"),
+        notation_bytes("12 00 0*14 09 0*3"), /* a jump without a session */
+        notation_bytes("07 00 0*14 0*4 0*4 02 0*3 58 02 00 00") + std::string(600, '/'),
+        notation_bytes("15 00 0*14 50"), /* too short */
+        notation_bytes("0d 00 0*14"),
+    };
+    request_client client;
+    ASSERT_TRUE(request_connect(client, world.daemon.service));
+    std::vector<request_reply> replies;
+    for (const std::string& request : requests) {
+        replies.push_back(request_send(client, request));
+    }
+    const std::vector<logged_request> log = read_log(daemon_log(world.daemon));
+    ASSERT_EQ(log.size(), requests.size()) << daemon_log(world.daemon);
+    for (size_t i = 0; i < log.size(); ++i) {
+        EXPECT_EQ(notation_show(log[i].bytes), notation_show(requests[i]));
+        EXPECT_EQ(log[i].status, replies[i].status) << i;
+        EXPECT_EQ(log[i].result, replies[i].status == 0 ? replies[i].result : 0) << i;
+    }
+    const std::string who = "process " + std::to_string(getpid()) + " of user " +
+                            std::to_string(getuid()) + ", player radio, sends 20 bytes";
+    EXPECT_NE(daemon_log(world.daemon).find(who), std::string::npos) << daemon_log(world.daemon);
+    request_disconnect(client);
     world_end(world);
 }
 

@@ -71,21 +71,6 @@ TEST_F(player_publish, state) {
     }
 }
 
-TEST_F(player_publish, one_attribute_of_the_state) {
-    player_publish_state(radio.get());
-    radio->playback_rate = 2.0F;
-    radio->shuffle_mode = 1;
-    radio->repeat_mode = LYR_REPEAT_ONE;
-    radio->status = LYR_STATUS_PAUSED;
-    player_publish_state_status(radio.get());
-    EXPECT_EQ(text_of("/state"), "@state\nrate:n:1.0\nshuffle::off\nrepeat::off\nstatus::paused\n");
-    player_publish_state_shuffle(radio.get());
-    player_publish_state_repeat(radio.get());
-    EXPECT_EQ(text_of("/state"), "@state\nrate:n:1.0\nshuffle::on\nrepeat::one\nstatus::paused\n");
-    player_publish_state_rate(radio.get());
-    EXPECT_EQ(text_of("/state"), "@state\nrate:n:2.0\nshuffle::on\nrepeat::one\nstatus::paused\n");
-}
-
 TEST_F(player_publish, numbers) {
     for (const int32_t position : {0, -7, INT32_MAX, INT32_MIN}) {
         player_publish_status(radio.get(), position);

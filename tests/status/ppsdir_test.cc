@@ -109,38 +109,3 @@ TEST_F(ppsdir_death, a_directory_that_cannot_be_made_ends_the_process) {
     EXPECT_EXIT(create_with_echo(".."), ::testing::ExitedWithCode(1),
                 "Couldn't mkdir " + path + "/..\\?nopersist: Invalid argument");
 }
-
-/* Directories open and close on some threads while others make and withdraw objects. */
-TEST_F(ppsdir, serves_many_threads) {
-    msglog_set_level(3);
-    lyr_ppsdir* shared = lyr_ppsdir_create(root, "shared", 0777, &error);
-    const auto run = [this, shared](int32_t number) {
-        const std::string name = "player" + std::to_string(number);
-        int32_t failure = 0;
-        for (int32_t i = 0; i < 40; ++i) {
-            lyr_ppsdir* own = lyr_ppsdir_create(root, name.c_str(), 0777, &failure);
-            lyr_ppswriter* state = lyr_ppswriter_create(own, "state", -1, &failure);
-            lyr_ppswriter* track = lyr_ppswriter_create(shared, "track", number, &failure);
-            ASSERT_TRUE(own != nullptr && state != nullptr && track != nullptr);
-            lyr_ppswriter_write_attr(state, "n", (":n:" + std::to_string(i)).c_str());
-            lyr_ppswriter_write_attr(track, "n", (":n:" + std::to_string(i)).c_str());
-            EXPECT_EQ(lyr_ppswriter_flush(state), 0);
-            EXPECT_EQ(lyr_ppswriter_flush(track), 0);
-            EXPECT_EQ(text_of("/" + name + "/state"), "@state\nn:n:" + std::to_string(i) + "\n");
-            EXPECT_EQ(path_of(track), path + "/shared/track" + std::to_string(number));
-            EXPECT_EQ(lyr_ppswriter_remove(track), 0);
-            lyr_ppswriter_close(state);
-            EXPECT_EQ(lyr_ppsdir_remove(own), 0);
-        }
-    };
-    std::vector<std::thread> threads;
-    for (int32_t i = 0; i < 4; ++i) {
-        threads.emplace_back(run, i);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_TRUE(fs::is_empty(real_path(path) + "/shared"));
-    EXPECT_EQ(lyr_ppsdir_remove(shared), 0);
-    EXPECT_TRUE(fs::is_empty(real_path(path)));
-}

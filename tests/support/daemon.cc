@@ -63,10 +63,11 @@ std::vector<std::string> run_under() {
 /* The folder of this test program, with its runtime root; made once and removed at the end. */
 const std::string& program_root() {
     static const std::string root = [] {
-        char name[] = "/tmp/lyrane-XXXXXX";
-        const std::string made = mkdtemp(name);
+        std::string name = fs::temp_directory_path() / "lyrane-XXXXXX";
+        const std::string made = mkdtemp(name.data());
         setenv("VELORAN_RUN", (made + "/run").c_str(), 1);
         setenv("VELORAN_STATE", (made + "/state").c_str(), 1);
+        setenv("XDG_CACHE_HOME", (made + "/cache").c_str(), 1);
         static std::string to_remove = made;
         std::atexit([] {
             std::error_code ignored;
@@ -89,7 +90,14 @@ void write_configuration(const test_daemon& daemon) {
         file << comma << json_text(key) << ": " << json_text(value);
         comma = ",\n";
     }
-    file << "},\n\"plugins\": {\n";
+    if (!daemon.lastmode.empty()) {
+        file << comma << "\"lastmode_audio\": " << daemon.lastmode;
+    }
+    file << "},\n";
+    if (!daemon.limits.empty()) {
+        file << "\"limits\": " << daemon.limits << ",\n";
+    }
+    file << "\"plugins\": {\n";
     comma = "";
     for (const daemon_plugin& plugin : daemon.plugins) {
         file << comma << json_text(library_of(daemon, plugin))

@@ -14,7 +14,7 @@
 
 #include "fake_client.h"
 
-constexpr int64_t DAEMON_LIMIT = 120000; /* ms that anything may take, sanitizers included */
+constexpr int64_t DAEMON_LIMIT = 180000; /* ms that anything may take, sanitizers included */
 
 /* A copy of the scripted plug-in, a plug-in of its own; or, with `library`, any other one. */
 struct daemon_plugin {
@@ -34,6 +34,8 @@ struct test_daemon {
                                                  {"update_interval", "1000"},
                                                  {"progression_mode", "ROSP"},
                                                  {"recursion_depth", "-1"}};
+    std::string lastmode;         /* the object "lastmode_audio" as JSON; empty: none */
+    std::string limits;           /* the object "limits" as JSON; empty: none */
     int64_t descriptor_limit = 0; /* soft and hard; 0: as it is */
     bool own_root = false;        /* not the runtime root of this process, see daemon_prepare */
 

@@ -196,6 +196,9 @@ int32_t request_speed(request_client& client, float rate) {
 std::vector<request_source> request_sources(request_client& client) {
     const request_reply reply = request_send(client, request_begin(LYR_MSG_GET_MEDIA_SOURCE));
     std::vector<request_source> sources;
+    if (reply.status != 0) {
+        return sources;
+    }
     field_reader reader = {reply.body};
     const int32_t count = read_i32(reader);
     for (int32_t i = 0; i < count && reader.whole; ++i) {
@@ -294,6 +297,11 @@ request_track request_current(request_client& client) {
     EXPECT_EQ(reader.at - start, static_cast<size_t>(node_size + data_size));
     check_end(reader);
     return track;
+}
+
+request_track request_current_settled(request_client& client) {
+    (void)request_current(client);
+    return request_current(client);
 }
 
 int32_t request_browse(request_client& client, int32_t ms_id, const std::string& folder,

@@ -93,6 +93,9 @@ int32_t request_destroy(request_client& client, uint64_t ts_id);
 int32_t request_session(request_client& client, uint64_t* ts_id, int32_t* length);
 int32_t request_position(request_client& client, int32_t* position);
 request_track request_current(request_client& client);
+/* The current track once what is at work on the player now is through: a first answer waits for the
+ * player, but copies the track before it does. */
+request_track request_current_settled(request_client& client);
 int32_t request_browse(request_client& client, int32_t ms_id, const std::string& folder,
                        int32_t offset, int32_t limit, std::vector<request_node>& nodes);
 int32_t request_search(request_client& client, int32_t ms_id, const std::string& filter,

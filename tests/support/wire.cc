@@ -72,7 +72,10 @@ wire_reply wire_receive(wire_client& client) {
         if (poll(&readable, 1, WIRE_LIMIT) != 1) {
             return reply;
         }
-        const ssize_t size = recv(client.fd, packet.data(), packet.size(), 0);
+        ssize_t size = recv(client.fd, packet.data(), packet.size(), 0);
+        if (size < 0 && errno == ECONNRESET) { /* once; what came before it is still there */
+            size = recv(client.fd, packet.data(), packet.size(), 0);
+        }
         message_frame frame = {};
         if (size < static_cast<ssize_t>(sizeof frame)) {
             return reply;

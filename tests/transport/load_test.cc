@@ -76,66 +76,6 @@ TEST(TransportLoad, TenThousandOpensAndRequestsLeaveNothing) {
     harness_stop(&h);
 }
 
-TEST(TransportLoad, SeveralLoopsManyClients) {
-    harness h;
-    harness_start(&h, 4);
-    std::vector<std::thread> clients;
-    for (int t = 0; t < 8; ++t) {
-        clients.emplace_back([t] {
-            for (int round = 0; round < 5; ++round) {
-                msgclient_t* client = harness_open();
-                talk(client, t * 100 + round, 60);
-                msgclient_close(client);
-            }
-        });
-    }
-    for (std::thread& client : clients) {
-        client.join();
-    }
-    harness_await_disconnects(&h, 40);
-    harness_await_connections(&h, 0);
-    EXPECT_EQ(harness_queued(&h), 0);
-    harness_stop(&h);
-}
-
-TEST(TransportLoad, ClientsKilledAnywhereLeaveNothing) {
-    harness h;
-    harness_start(&h, 2);
-    int opened = 0;
-    for (int step = 0; step < 60; ++step) {
-        const pid_t child = fork();
-        if (child == 0) {
-            /* Killed after a number of system calls that differs from child to child: at connect,
-             * open, put, before get, within a large reply. */
-            alarm(20);
-            msgclient_t* client = msgclient_open(TEST_SERVICE, nullptr, 0);
-            char reply[100000];
-            int32_t length;
-            for (int i = 0; i < 1 + step % 7; ++i) {
-                if (i == step / 10) {
-                    kill(getpid(), SIGKILL);
-                }
-                msgclient_putget(client, "b 99999", 7, reply, sizeof reply, &length, 0);
-                if (i == 1) {
-                    msgclient_notify_pulse(client, 5);
-                }
-                msgclient_put(client, 1, "b 99999", 7, 0);
-            }
-            kill(getpid(), SIGKILL);
-        }
-        int status;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(WTERMSIG(status), SIGKILL);
-        ++opened;
-    }
-    harness_await_disconnects(&h, opened);
-    harness_await_connections(&h, 0);
-    EXPECT_EQ(h.connects.load(), opened);
-    EXPECT_EQ(h.hang_ups.load(), opened);
-    EXPECT_EQ(harness_queued(&h), 0);
-    harness_stop(&h);
-}
-
 TEST(TransportLoad, PipelinedRequestsAreAnsweredInOrderAndOneAtATime) {
     harness h;
     harness_start(&h, 4);

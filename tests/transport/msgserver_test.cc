@@ -179,31 +179,6 @@ TEST(MsgServer, OneClientHasABoundedNumberOfOpens) {
     harness_stop(&h);
 }
 
-TEST(MsgServer, RequestsThenDeathAreExecutedThenDisconnectedOnce) {
-    harness h;
-    harness_start(&h);
-    const pid_t child = fork();
-    if (child == 0) {
-        message_client client;
-        msg_header header{};
-        header.type = CSM_OPEN;
-        std::string bytes(reinterpret_cast<char*>(&header), sizeof header);
-        bytes += std::string(TEST_SERVICE) + '\0';
-        if (message_connect(&client, "/sys/csm/harness.sys/default") != 0 ||
-            send(client.fd, bytes.data(), bytes.size(), 0) < 0) {
-            _exit(1);
-        }
-        _exit(0);
-    }
-    int status;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_EQ(status, 0);
-    harness_await_disconnects(&h, 1);
-    EXPECT_EQ(h.connects.load(), 1);
-    EXPECT_EQ(h.hang_ups.load(), 1);
-    harness_stop(&h);
-}
-
 TEST(MsgServer, PayloadsUpToALimitThatIsNoWholeStep) {
     harness h;
     harness_start(&h, 1, 1500);

@@ -1,8 +1,12 @@
 /* Deferred replies: what is queued, for whom, how much, and until when. */
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "harness.h"
 
@@ -140,6 +144,35 @@ TEST(Reply, QueuesThatNobodyEmptiesAreBounded) {
     EXPECT_EQ(get(client, 0, &status, MSGSERVER_QUEUE_BYTES).size(), MSGSERVER_QUEUE_BYTES / 2 + 1);
     EXPECT_EQ(put(client, 1, large), 0);
     msgclient_close(client);
+    harness_await_connections(&h, 0);
+    EXPECT_EQ(harness_queued(&h), 0);
+    harness_stop(&h);
+}
+
+TEST(Reply, OneUserLeavesRoomInTheQueues) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user, too";
+    }
+    harness h;
+    harness_start(&h);
+    std::filesystem::permissions(getenv("VELORAN_RUN"), std::filesystem::perms(0755));
+    const std::string large = "b " + std::to_string(MSGSERVER_QUEUE_BYTES / 2 + 1);
+    const std::string full = "error " + std::to_string(ENOMEM);
+    std::vector<msgclient_t*> clients;
+    for (int i = 0; i <= MSGSERVER_QUEUE_USER / MSGSERVER_QUEUE_BYTES; ++i) {
+        /* This thread alone is another user while it connects. */
+        ASSERT_EQ(syscall(SYS_setresuid, -1, 54321, -1), 0);
+        clients.push_back(harness_open());
+        ASSERT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
+        const bool fits = i < MSGSERVER_QUEUE_USER / MSGSERVER_QUEUE_BYTES;
+        EXPECT_EQ(ask(clients.back(), large, 0), fits ? "error 240" : full) << i;
+        EXPECT_EQ(ask(clients.back(), large, 0), fits ? "error 240" : full) << i;
+    }
+    clients.push_back(harness_open());
+    EXPECT_EQ(ask(clients.back(), large, 0), "error 240");
+    for (msgclient_t* client : clients) {
+        msgclient_close(client);
+    }
     harness_await_connections(&h, 0);
     EXPECT_EQ(harness_queued(&h), 0);
     harness_stop(&h);

@@ -16,6 +16,8 @@
 namespace {
 
 constexpr int32_t DEFAULT_RECURSION_DEPTH = 4;
+constexpr int32_t DEFAULT_PLAYERS_PER_USER = 192; /* of 256 */
+constexpr int32_t DEFAULT_TRACKS_PER_USER = 4000000;
 
 enum player_setting {
     AUDIO_OUTPUT,
@@ -99,6 +101,29 @@ uint32_t read_device_types(pps_decoder* decoder) {
     return mask;
 }
 
+/* The decoder stands in "limits". What is no number above 0 does not count. */
+void read_limit(pps_decoder* decoder, const char* name, int32_t* limit) {
+    const char* value = nullptr;
+    if (pps_decoder_get_string(decoder, name, &value) != PPS_JSON_OK) {
+        return;
+    }
+    if (config_number(value) > 0) {
+        *limit = config_number(value);
+    } else {
+        msglog(3, "%s \"%s\" is no number above 0, %d counts", name, value, *limit);
+    }
+}
+
+void read_limits(control_block* control, pps_decoder* decoder) {
+    control->players_per_user = DEFAULT_PLAYERS_PER_USER;
+    control->tracks_per_user = DEFAULT_TRACKS_PER_USER;
+    if (enter(decoder, "limits", PPS_JSON_OBJECT)) {
+        read_limit(decoder, "players_per_user", &control->players_per_user);
+        read_limit(decoder, "tracks_per_user", &control->tracks_per_user);
+        pps_decoder_pop(decoder);
+    }
+}
+
 /* The decoder stands in "player". What is missing or of another type keeps its value. */
 void read_lastmode(control_block* control, pps_decoder* decoder) {
     if (!enter(decoder, "lastmode_audio", PPS_JSON_OBJECT)) {
@@ -113,6 +138,10 @@ void read_lastmode(control_block* control, pps_decoder* decoder) {
     }
     if (pps_decoder_get_string(decoder, "keep_missing", &value) == PPS_JSON_OK) {
         control->lastmode_keep_missing = config_number(value) != 0 ? 1 : 0;
+    }
+    if (pps_decoder_get_string(decoder, "checkpoint", &value) == PPS_JSON_OK) {
+        const int32_t seconds = config_number(value);
+        control->lastmode_checkpoint = seconds < 0 ? 0 : seconds;
     }
     if (enter(decoder, "device_type", PPS_JSON_ARRAY)) {
         control->lastmode_devices = read_device_types(decoder);
@@ -187,6 +216,7 @@ int32_t load_config(control_block* control, const char* path) noexcept {
     if (pps_decoder_push(&decoder, nullptr) != PPS_JSON_OK) {
         msglog(2, "pps decoder parse json failed: root node");
     }
+    read_limits(control, &decoder);
     if (!enter(&decoder, "player", PPS_JSON_OBJECT)) {
         msglog(2, "pps decoder parse json failed: player node");
     }

@@ -1,5 +1,6 @@
 #include "signals.h"
 
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -8,11 +9,13 @@
 #include <ctime>
 
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "control.h"
 #include "msglog.h"
 #include "msgserver.h"
+#include "plugin_watch.h"
 
 namespace {
 
@@ -56,28 +59,57 @@ sigset_t termination_signals() {
     return set;
 }
 
-/* Waits for the next termination signal, until the deadline when there is one. The signal's
- * number, or -1 with errno set (EAGAIN: the deadline has passed). */
-int wait_for_signal(const sigset_t* set, const timespec* deadline) {
+int64_t now_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+std::atomic<bool> loop_ended;
+
+/* How long the main thread has been hanging, of the time since the end began. */
+int64_t hanging_ms(int64_t began, int64_t now) {
+    if (!loop_ended) {
+        return now - began;
+    }
+    const int64_t call = plugin_watch_main_since();
+    return call == 0 ? 0 : now - (call > began ? call : began);
+}
+
+/* True when the end that began at that time has come to one of its limits. */
+bool is_too_late(int64_t began) {
+    const int64_t now = now_ms();
+    return now - began >= SIGNALS_END_LIMIT * 1000 ||
+           hanging_ms(began, now) >= SIGNALS_HANG_LIMIT * 1000;
+}
+
+/* Waits for the next termination signal; once the end has begun (`began` is not 0), until it is too
+ * late. The signal's number, or -1 with errno set (EAGAIN: it is too late). */
+int wait_for_signal(const sigset_t* set, int64_t began) {
+    static constexpr timespec BETWEEN_LOOKS = {0, 200000000};
     for (;;) {
         int signal = 0;
-        if (deadline == nullptr) {
+        if (began == 0) {
             errno = sigwait(set, &signal);
             return errno == 0 ? signal : -1;
         }
-        timespec now = {};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        timespec left = {deadline->tv_sec - now.tv_sec, deadline->tv_nsec - now.tv_nsec};
-        if (left.tv_nsec < 0) {
-            left.tv_sec -= 1;
-            left.tv_nsec += 1000000000;
-        }
-        left = left.tv_sec < 0 ? timespec{0, 0} : left;
-        signal = sigtimedwait(set, nullptr, &left);
-        if (signal >= 0 || errno != EINTR) {
+        signal = sigtimedwait(set, nullptr, &BETWEEN_LOOKS);
+        if (signal >= 0 || (errno != EINTR && (errno != EAGAIN || is_too_late(began)))) {
             return signal;
         }
     }
+}
+
+/* The main thread is beyond help, the others are not. The system call itself, because the standard
+ * output may be what the end hangs on, and nothing in the process, a sanitizer for one, should look
+ * at what was not put in order. */
+[[noreturn]] void cut_short(const signals_last_words* last_words) {
+    log_line(SEVERITY_WARNING, ": WARNING: the end takes too long, cut short", -1);
+    if (last_words != nullptr) {
+        last_words->say();
+    }
+    syscall(SYS_exit_group, EXIT_FAILURE);
+    abort(); /* never reached */
 }
 
 } // namespace
@@ -99,15 +131,13 @@ void verbosity_handler(int) noexcept {
     errno = saved;
 }
 
-void* signal_thread(void*) noexcept {
+void* signal_thread(void* last_words) noexcept {
     const sigset_t set = termination_signals();
-    bool stop_requested = false;
-    timespec deadline = {};
+    int64_t began = 0; /* the end */
     for (;;) {
-        const int signal = wait_for_signal(&set, stop_requested ? &deadline : nullptr);
-        if (signal < 0 && stop_requested && errno == EAGAIN) {
-            log_line(SEVERITY_WARNING, ": WARNING: the end takes too long, cut short", -1);
-            _exit(EXIT_FAILURE); /* the standard output may be what the end hangs on */
+        const int signal = wait_for_signal(&set, began);
+        if (signal < 0 && began != 0 && errno == EAGAIN) {
+            cut_short(static_cast<const signals_last_words*>(last_words));
         }
         if (signal < 0) {
             log_line(SEVERITY_WARNING, ": WARNING: failed on sigwait", -1);
@@ -118,17 +148,19 @@ void* signal_thread(void*) noexcept {
             continue;
         }
         log_line(SEVERITY_NOTICE, ": NOTICE: termination signal received", -1);
-        if (stop_requested) {
+        if (began != 0) {
             continue;
         }
         if (msgserver_stop(mmcontrol.server) != 0) {
             log_line(SEVERITY_WARNING, ": WARNING: failed on connecting resmgr", -1);
             return nullptr;
         }
-        stop_requested = true;
-        clock_gettime(CLOCK_MONOTONIC, &deadline);
-        deadline.tv_sec += SIGNALS_END_LIMIT;
+        began = now_ms();
     }
+}
+
+void signals_loop_ended(void) noexcept {
+    loop_ended = true;
 }
 
 void signals_prepare(void) noexcept {

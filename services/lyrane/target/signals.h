@@ -11,16 +11,27 @@ extern "C" {
  * async-signal-safe; any number of threads may run it at once. */
 void verbosity_handler(int signal) noexcept;
 
-/* Body of the signal thread. The first termination signal stops the message server of the control
- * block, later ones are only logged. An end that then takes longer than SIGNALS_END_LIMIT is cut
- * short with exit status 1. Null when it cannot go on. */
-void* signal_thread(void* ignored) noexcept;
+/* Body of the signal thread; the argument is a signals_last_words, or null. The first termination
+ * signal stops the message server of the control block, later ones are only logged. An end that
+ * then takes longer than SIGNALS_END_LIMIT, or whose main thread hangs, is cut short with exit
+ * status 1. The main thread hangs when it does not come out of its loop, or of one call into a
+ * plug-in, for SIGNALS_HANG_LIMIT. Null when it cannot go on. */
+void* signal_thread(void* last_words) noexcept;
 }
 
 constexpr int32_t SIGNALS_END_LIMIT = 60; /* s from the first termination signal */
+constexpr int32_t SIGNALS_HANG_LIMIT = 4; /* s, of those after the first termination signal */
+
+/* What is done before an end is cut short, while the main thread hangs. [the signal thread] */
+struct signals_last_words {
+    void (*say)(void) noexcept;
+};
 
 /* First thing in the process: SIGPIPE becomes harmless, SIGUSR1 waits for its handler. */
 void signals_prepare(void) noexcept;
+
+/* The loop of the message server has ended. [main] */
+void signals_loop_ended(void) noexcept;
 
 /* Installs the handler and lets SIGUSR1 in; without it SIGUSR1 is ignored. [main] */
 void signals_install_verbosity(void) noexcept;

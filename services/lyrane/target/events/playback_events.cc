@@ -33,8 +33,7 @@ static player* event_player(const void* callback_data, const char* event) noexce
 }
 
 /* False for an event of an earlier session or of another media source. */
-static bool concerns(const player* player, const void* handle) noexcept
-    VEL_REQUIRES(player->lock) {
+static bool concerns(const player* player, const void* handle) noexcept VEL_REQUIRES(player->lock) {
     const trksession* session = player->trksession;
     return session != nullptr && handle != nullptr && session->ms_session != nullptr &&
            session->ms_session->play_session == handle;

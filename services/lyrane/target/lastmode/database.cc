@@ -17,13 +17,13 @@
 #include <veloran/slog.h>
 #include <veloran/sqldb.h>
 
+#include "database_status.h"
 #include "msglog.h"
 
 static sqldb_service* embedded; /* [main] */
 
 static constexpr char CONFIGURATION[] = "/pps/veloran/sqldb/config/lyrane?nopersist";
 static constexpr char STATUS[] = "/pps/veloran/sqldb/status/.all?delta,wait";
-static constexpr char DATABASE[] = "lyrane";
 
 /* Start-up goes on without a database that does not become valid; music must not wait for it. */
 static constexpr time_t VALID_WAIT_SECONDS = 10;
@@ -48,27 +48,6 @@ static char* configuration_text(const control_block* control) noexcept {
         return nullptr;
     }
     return text;
-}
-
-/* True when a whole text of status objects shows that our database is valid. */
-static bool shows_valid(const char* text, size_t length) noexcept {
-    static constexpr char VALID[] = "::Valid";
-    bool ours = false;
-    pps_line line;
-    while (pps_next_line(&text, &length, &line) == 1) {
-        const auto is = [&line](const char* name) {
-            return line.name_length == strlen(name) &&
-                   memcmp(line.name, name, line.name_length) == 0;
-        };
-        if (line.kind == '@' || line.kind == '~') {
-            ours = line.kind == '@' && is(DATABASE);
-        } else if (ours && line.kind == '=' && is("Status") &&
-                   line.value_length >= sizeof VALID - 1 &&
-                   memcmp(line.value, VALID, sizeof VALID - 1) == 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 /* Sleeps, or until the deadline; false when that has come. */
@@ -115,8 +94,14 @@ static int32_t await_valid(pps_object* status, int deadline_fd) noexcept {
             held = 0;
             continue;
         }
-        if (shows_valid(text, held)) {
+        const database_status now = database_read_status(text, held);
+        if (now == database_status::valid) {
             result = 0;
+            break;
+        }
+        /* Our own service side says this of the present configuration, so nothing better comes;
+         * another one's may be of an earlier one. */
+        if (now == database_status::unusable && embedded != nullptr) {
             break;
         }
         held = 0;

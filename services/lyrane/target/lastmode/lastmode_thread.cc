@@ -10,7 +10,9 @@
 #include <veloran/process.h>
 
 #include "lastmode.h"
+#include "lastmode_rows.h"
 #include "lastmode_threads.h"
+#include "lastmode_time.h"
 #include "media.h"
 #include "mediasource.h"
 #include "msglog.h"
@@ -20,31 +22,19 @@
 #include "trksession_walk.h"
 
 static constexpr int64_t LOOKS_PER_SECOND = 10;
-static constexpr long BETWEEN_LOOKS_NS = 100L * 1000 * 1000;
-static constexpr time_t END_WAIT_SECONDS = 5;
+static constexpr int64_t BETWEEN_LOOKS_MS = 100;
+static constexpr int64_t REFUSALS = 10; /* by the plug-in of a source that is there */
+static constexpr int64_t END_WAIT_MS = 1000;
 
 static vel_mutex threads_lock = {PTHREAD_MUTEX_INITIALIZER};
 static pthread_cond_t threads_changed = PTHREAD_COND_INITIALIZER;
 static int32_t threads_running VEL_GUARDED_BY(threads_lock);
 static bool threads_ending VEL_GUARDED_BY(threads_lock);
-static player_state* kept VEL_GUARDED_BY(threads_lock);
-
-static timespec from_now(time_t seconds, long nanoseconds) noexcept {
-    timespec at = {};
-    clock_gettime(CLOCK_MONOTONIC, &at);
-    at.tv_sec += seconds;
-    at.tv_nsec += nanoseconds;
-    if (at.tv_nsec >= 1000000000L) {
-        at.tv_nsec -= 1000000000L;
-        ++at.tv_sec;
-    }
-    return at;
-}
 
 /* Waits for the time between two looks; false when the threads are to end. */
 static bool wait_to_look(void) noexcept VEL_NO_TSA /* a condition variable waits with the lock */ {
     vel_lock_guard guard(threads_lock);
-    const timespec deadline = from_now(0, BETWEEN_LOOKS_NS);
+    const timespec deadline = lastmode_after(lastmode_now(), BETWEEN_LOOKS_MS);
     while (!threads_ending && pthread_cond_clockwait(&threads_changed, &threads_lock.native,
                                                      CLOCK_MONOTONIC, &deadline) == 0) {
     }
@@ -110,37 +100,50 @@ static void resume(player* player, const player_state* state) noexcept VEL_REQUI
     }
 }
 
-/* True when the strings of the tracks belong to a session now. A client that has had a session on
- * the player in this run is not disturbed. */
-static bool bring_back(player_state* state, const mediasource* source) noexcept {
+/* What came of bringing a session back; only with `taken` do the strings of the tracks belong to a
+ * session now. */
+enum class outcome { refused, failed, taken };
+
+/* A client that has had a session on the player in this run is not disturbed. */
+static outcome bring_back(player_state* state, const mediasource* source) noexcept {
     for (int32_t i = 0; i < state->length; ++i) {
         state->tracks[i].ms_id = source->id;
     }
     player* player = state->player;
     vel_lock_guard guard(player->lock);
-    if (player->closed != 0 || player->sessions_made != 0 ||
-        mediasource_update_medianodes(&mmcontrol, player, source->id, state->tracks,
+    if (player->closed != 0 || player->sessions_made != 0) {
+        return outcome::failed;
+    }
+    if (mediasource_update_medianodes(&mmcontrol, player, source->id, state->tracks,
                                       state->length) != 0) {
-        return false;
+        return outcome::refused;
     }
     const bool taken = make_session(player, state, source);
     if (player->trksession != nullptr) {
         resume(player, state);
     }
-    return taken;
+    return taken ? outcome::taken : outcome::failed;
 }
 
-void lastmode_keep(player_state* state) noexcept {
-    vel_lock_guard guard(threads_lock);
-    state->next = kept;
-    kept = state;
-}
-
-player_state* lastmode_take_kept(void) noexcept {
-    vel_lock_guard guard(threads_lock);
-    player_state* list = kept;
-    kept = nullptr;
-    return list;
+/* A plug-in learns the id of a source when its report of the source returns, and until then it
+ * refuses what concerns the source: one that has just come is asked again. True when the strings
+ * of the tracks belong to a session now. */
+static bool await_and_bring_back(player_state* state) noexcept {
+    for (int64_t refusals = 0; refusals < REFUSALS; ++refusals) {
+        const mediasource* source = await_source(state);
+        if (source == nullptr ||
+            (static_cast<uint32_t>(source->type) & mmcontrol.lastmode_devices) == 0) {
+            return false;
+        }
+        const outcome result = bring_back(state, source);
+        if (result != outcome::refused) {
+            return result == outcome::taken;
+        }
+        if (!wait_to_look()) {
+            return false;
+        }
+    }
+    return false;
 }
 
 static void thread_over(void) noexcept {
@@ -170,7 +173,7 @@ void lastmode_end(void) noexcept VEL_NO_TSA /* a condition variable waits with t
     vel_lock_guard guard(threads_lock);
     threads_ending = true;
     pthread_cond_broadcast(&threads_changed);
-    const timespec deadline = from_now(END_WAIT_SECONDS, 0);
+    const timespec deadline = lastmode_after(lastmode_now(), END_WAIT_MS);
     while (threads_running > 0 && pthread_cond_clockwait(&threads_changed, &threads_lock.native,
                                                          CLOCK_MONOTONIC, &deadline) == 0) {
     }
@@ -189,17 +192,11 @@ void* lastmode_thread(void* argument) noexcept {
         free_player_state(&state, 1);
         return nullptr;
     }
-    const mediasource* source = await_source(state);
-    bool taken = false;
-    if (source != nullptr &&
-        (static_cast<uint32_t>(source->type) & mmcontrol.lastmode_devices) != 0) {
-        taken = bring_back(state, source);
+    const bool taken = await_and_bring_back(state);
+    if (taken || mmcontrol.lastmode_keep_missing == 0) {
+        lastmode_rows_over(state->rows);
     }
-    if (!taken && mmcontrol.lastmode_keep_missing != 0) {
-        lastmode_keep(state);
-    } else {
-        free_player_state(&state, taken ? 0 : 1);
-    }
+    free_player_state(&state, taken ? 0 : 1);
     return nullptr;
 }
 }

@@ -9,12 +9,6 @@ struct player_state;
 /* Starts a restore thread, which takes the state over. Failure ends the process. */
 void lastmode_threads_start(player_state* state) noexcept;
 
-/* Keeps a state, with all its strings, for the next save. */
-void lastmode_keep(player_state* state) noexcept;
-
-/* Takes the kept states over, as a list. */
-player_state* lastmode_take_kept(void) noexcept;
-
 /* Whether all that was saved has been read in this run. [main] */
 bool lastmode_was_read(void) noexcept;
 

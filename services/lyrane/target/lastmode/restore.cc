@@ -8,10 +8,12 @@
 #include <veloran/sqldb.h>
 
 #include "lastmode.h"
+#include "lastmode_rows.h"
 #include "lastmode_threads.h"
 #include "msglog.h"
 #include "player_pin.h"
 #include "player_registry.h"
+#include "user_quota.h"
 
 static constexpr char CONNECTION[] = "/dev/sqldb/lyrane";
 
@@ -120,6 +122,16 @@ static sqldb_result* session_tracks(sqldb_connection* connection, const sqldb_re
     return tracks;
 }
 
+/* No plug-in is asked about a node without an id. */
+static bool tracks_have_ids(const sqldb_result* tracks) noexcept {
+    for (int64_t row = 0; row < sqldb_rows(tracks); ++row) {
+        if (sqldb_cell(tracks, row, TRACK_ID) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /* Reads a player's session into `state`. False, with the message, when there is nothing to bring
  * back. */
 static bool read_session(sqldb_connection* connection, int64_t ts_id, const char* name,
@@ -135,7 +147,9 @@ static bool read_session(sqldb_connection* connection, int64_t ts_id, const char
     } else {
         tracks = session_tracks(connection, session, ts_id, name);
     }
-    if (tracks != nullptr) {
+    if (tracks != nullptr && !tracks_have_ids(tracks)) {
+        msglog(3, "The TABLE trksession_medianodes was not properly saved for %s", name);
+    } else if (tracks != nullptr) {
         fill_session(state, session);
         state->length = static_cast<int32_t>(sqldb_rows(tracks));
         state->tracks = read_tracks(tracks, state->length);
@@ -153,7 +167,7 @@ static bool restore_player(control_block* control, sqldb_connection* connection,
         msglog(3, "A player was saved without its name");
         return true;
     }
-    player* opened = player_open_pinned(control, name);
+    player* opened = player_open_pinned(control, name, user_quota_own());
     if (opened == nullptr) {
         return false;
     }
@@ -172,6 +186,7 @@ static bool restore_player(control_block* control, sqldb_connection* connection,
         free_player_state(&state, 1);
         return true;
     }
+    state->rows = lastmode_rows_add(opened, ts_id);
     lastmode_threads_start(state);
     return true;
 }

@@ -1,33 +1,25 @@
-/* Saving what the players play. */
+#include "save.h"
+
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <string>
+#include <vector>
 
 #include <veloran/pps.h>
-#include <veloran/sqldb.h>
 
 #include "lastmode.h"
 #include "lastmode_threads.h"
-#include "media.h"
 #include "msglog.h"
-#include "player_pin.h"
-#include "trksession.h"
-#include "trksession_build.h"
-#include "trksession_hold.h"
 
 static constexpr char CONNECTION[] = "/dev/sqldb/lyrane";
 static constexpr char CONFIGURATION[] = "/pps/veloran/sqldb/config/lyrane";
 
-/* In this order; the second one makes the keys of the tracks begin at 1 again. */
-static constexpr const char* clears[] = {
-    "DELETE FROM trksession_medianodes;",
-    "DELETE FROM sqlite_sequence WHERE name='trksession_medianodes'",
-    "DELETE FROM trksessions;",
-    "DELETE FROM players;",
-};
-
-static void insert_failed(const char* table) noexcept {
-    msglog(3, "sqldb_statement on TABLE %s failed: %s", table, msglog_error_text(errno));
-}
+/* The three tables, and where the keys of the tracks are counted. */
+static constexpr char TRACKS[] = "trksession_medianodes";
+static constexpr char SESSIONS[] = "trksessions";
+static constexpr char PLAYERS[] = "players";
+static constexpr char FORGET_KEYS[] =
+    "DELETE FROM sqlite_sequence WHERE name='trksession_medianodes'";
 
 static constexpr char INSERT_PLAYER[] =
     "INSERT INTO players(name, ts_id, status, shuffle_mode,repeat_mode,playback_rate) "
@@ -39,90 +31,240 @@ static constexpr char INSERT_TRACK[] =
     "INSERT INTO trksession_medianodes(ts_id, mn_id, name, url, mn_type, ms_uid, ms_type) "
     "VALUES(%llu, '%q', '%q', '%q', %d, '%q', %d);";
 
-static void save_player(sqldb_connection* connection, const player* player,
-                        uint64_t ts_id) noexcept {
+static constexpr char UPDATE_PLAYER[] = "UPDATE players SET status=%d, shuffle_mode=%d, "
+                                        "repeat_mode=%d, playback_rate=%f WHERE ts_id=%llu";
+static constexpr char UPDATE_SESSION[] =
+    "UPDATE trksessions SET length=%d, trk_id=%d, trk_pos=%d WHERE ts_id=%llu";
+
+/* Tracks whose records are copied at a time; the session grows and plays meanwhile. */
+static constexpr int32_t PAGE = 256;
+
+/* Ids of rows that stay begin here; those of this run never come that far. */
+static constexpr int64_t STAYING_IDS = int64_t{1} << 62;
+
+static unsigned long long id_of(const saved_player* player) noexcept {
+    return player->ts_id;
+}
+
+/* The line about a row that is refused; a save that is made again and again does not say it again
+ * and again. */
+static void insert_failed(const char* table, const std::atomic<bool>* ending) noexcept {
+    msglog(ending == nullptr ? 3 : 7, "sqldb_statement on TABLE %s failed: %s", table,
+           msglog_error_text(errno));
+}
+
+/* How many tracks from `first` on the page holds. Their strings stay while the session is held. */
+static int32_t copy_page(trksession* session, int32_t first, int32_t length,
+                         medianode* page) noexcept {
+    const int32_t count = std::min(PAGE, length - first);
+    vel_lock_guard guard(session->lock);
+    std::copy_n(session->tracks + first, count, page);
+    return count;
+}
+
+static void save_track(sqldb_connection* connection, unsigned long long ts_id,
+                       const medianode* track, const std::atomic<bool>* ending) noexcept {
+    if (sqldb_statement(connection, INSERT_TRACK, ts_id, track->id, track->name, track->url,
+                        track->type, track->ms_uid != nullptr ? track->ms_uid : "NULL",
+                        track->ms_type) != 0) {
+        insert_failed(TRACKS, ending);
+    }
+}
+
+/* The tracks from `first` on. 0, or -1 when the service ends meanwhile. */
+static int32_t save_tracks(sqldb_connection* connection, const saved_player* player, int32_t first,
+                           const std::atomic<bool>* ending) noexcept {
+    medianode page[PAGE];
+    while (first < player->length) {
+        if (ending != nullptr && *ending) {
+            errno = ECANCELED;
+            return -1;
+        }
+        const int32_t count = copy_page(player->session, first, player->length, page);
+        for (int32_t i = 0; i < count; ++i) {
+            save_track(connection, id_of(player), &page[i], ending);
+        }
+        first += count;
+    }
+    return 0;
+}
+
+static int32_t insert(sqldb_connection* connection, const saved_player* player,
+                      const std::atomic<bool>* ending) noexcept {
+    const mediasource* source = player->session->mediasource;
     msglog(7, "save player %s into db", player->name);
-    if (sqldb_statement(connection, INSERT_PLAYER, player->name,
-                        static_cast<unsigned long long>(ts_id), player->status.load(),
-                        player->shuffle_mode.load(), player->repeat_mode.load(),
-                        static_cast<double>(player->playback_rate.load())) != 0) {
-        insert_failed("players");
+    if (sqldb_statement(connection, INSERT_PLAYER, player->name, id_of(player), player->status,
+                        player->shuffle_mode, player->repeat_mode,
+                        static_cast<double>(player->playback_rate)) != 0) {
+        insert_failed(PLAYERS, ending);
     }
-}
-
-static void save_tracks(sqldb_connection* connection, unsigned long long ts_id,
-                        const medianode* tracks, int32_t count) noexcept {
-    for (int32_t i = 0; i < count; ++i) {
-        const medianode* track = &tracks[i];
-        if (sqldb_statement(connection, INSERT_TRACK, ts_id, track->id, track->name, track->url,
-                            track->type, track->ms_uid != nullptr ? track->ms_uid : "NULL",
-                            track->ms_type) != 0) {
-            insert_failed("trksession_medianodes");
-        }
-    }
-}
-
-static void save_session(sqldb_connection* connection, const trksession* session) noexcept
-    VEL_REQUIRES(session->lock) {
     msglog(7, "save trksessions into db");
-    const mediasource* source = session->mediasource;
-    if (sqldb_statement(connection, INSERT_SESSION, static_cast<unsigned long long>(session->ts_id),
-                        source->plugin_name, source->type, source->uid, session->mn_id,
-                        session->length, session->trk_id, session->trk_pos) != 0) {
-        insert_failed("trksessions");
+    if (sqldb_statement(connection, INSERT_SESSION, id_of(player), source->plugin_name,
+                        source->type, source->uid, player->mn_id, player->length, player->trk_id,
+                        player->trk_pos) != 0) {
+        insert_failed(SESSIONS, ending);
     }
-    save_tracks(connection, static_cast<unsigned long long>(session->ts_id), session->tracks,
-                session->length);
+    return save_tracks(connection, player, 0, ending);
 }
 
-/* What was saved of a player whose session did not come back, unless the player has gone or a
- * client has begun something else on it. The session's id is new: the old one may be in use. */
-static void save_kept(sqldb_connection* connection, player_state* state) noexcept {
-    player* player = state->player;
-    {
-        vel_lock_guard guard(player->lock);
-        if (player->closed != 0 || player->sessions_made != 0) {
-            return;
+/* The session is the one that the database holds already, `length` tracks of it. */
+static int32_t update(sqldb_connection* connection, const saved_player* player, int32_t length,
+                      const std::atomic<bool>* ending) noexcept {
+    if (sqldb_statement(connection, UPDATE_PLAYER, player->status, player->shuffle_mode,
+                        player->repeat_mode, static_cast<double>(player->playback_rate),
+                        id_of(player)) != 0) {
+        insert_failed(PLAYERS, ending);
+    }
+    if (sqldb_statement(connection, UPDATE_SESSION, player->length, player->trk_id, player->trk_pos,
+                        id_of(player)) != 0) {
+        insert_failed(SESSIONS, ending);
+    }
+    return save_tracks(connection, player, length, ending);
+}
+
+static int32_t delete_rows(sqldb_connection* connection, uint64_t ts_id) noexcept {
+    for (const char* table : {TRACKS, SESSIONS, PLAYERS}) {
+        const std::string text = std::string("DELETE FROM ") + table + " WHERE ts_id=%llu";
+        if (sqldb_statement(connection, text.c_str(), static_cast<unsigned long long>(ts_id)) !=
+            0) {
+            return -1;
         }
     }
-    const auto ts_id = static_cast<unsigned long long>(trksession_new_id());
-    if (sqldb_statement(connection, INSERT_PLAYER, player->name, ts_id, state->status,
-                        state->shuffle_mode, state->repeat_mode,
-                        static_cast<double>(state->playback_rate)) != 0) {
-        insert_failed("players");
-    }
-    if (sqldb_statement(connection, INSERT_SESSION, ts_id, state->ms_plugin_name, state->ms_type,
-                        state->ms_uid, state->mn_id, state->length, state->trk_id,
-                        state->trk_pos) != 0) {
-        insert_failed("trksessions");
-    }
-    save_tracks(connection, ts_id, state->tracks, state->length);
+    return 0;
 }
 
-static void save_all_kept(sqldb_connection* connection) noexcept {
-    for (player_state* state = lastmode_take_kept(); state != nullptr;) {
-        player_state* next = state->next;
-        save_kept(connection, state);
-        free_player_state(&state, 1);
-        state = next;
-    }
-}
-
-/* The session stays whole while its lock is held: a build that still appends, and a source that
- * goes, wait. The player's own fields are read one by one. */
-static void save_one(sqldb_connection* connection, player* player) noexcept {
-    trksession* session = trksession_hold(player);
-    if (session == nullptr) {
-        return;
-    }
-    {
-        vel_lock_guard guard(session->lock);
-        if (session->destroyed == 0) {
-            save_player(connection, player, session->ts_id);
-            save_session(connection, session);
+/* The ids of the rows that stay, each once, in an order in which they can move to the ids that
+ * begin at STAYING_IDS without one taking the place of another: those from there on come first. */
+static std::vector<int64_t> staying_ids(const snapshot* now) noexcept {
+    std::vector<int64_t> ids;
+    for (int32_t i = 0; i < now->count; ++i) {
+        if (now->players[i].rows != nullptr) {
+            ids.push_back(static_cast<int64_t>(now->players[i].ts_id));
         }
     }
-    trksession_release(session);
+    const auto place = [](int64_t id) { return static_cast<uint64_t>(id) - STAYING_IDS; };
+    std::sort(ids.begin(), ids.end(),
+              [place](int64_t a, int64_t b) { return place(a) < place(b); });
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+}
+
+/* Empties a table but for the rows that stay. */
+static int32_t clear(sqldb_connection* connection, const char* table,
+                     const std::vector<int64_t>& staying) noexcept {
+    std::string text = std::string("DELETE FROM ") + table;
+    if (staying.empty()) {
+        text += ";";
+    } else {
+        text += " WHERE ts_id IS NULL OR ts_id NOT IN (";
+        for (const int64_t id : staying) {
+            text += std::to_string(id) + ',';
+        }
+        text.back() = ')';
+    }
+    return sqldb_statement(connection, text.c_str());
+}
+
+static int32_t move_rows(sqldb_connection* connection, int64_t from, int64_t to) noexcept {
+    for (const char* table : {TRACKS, SESSIONS, PLAYERS}) {
+        const std::string text =
+            std::string("UPDATE ") + table + " SET ts_id=%llu WHERE ts_id=%llu";
+        if (sqldb_statement(connection, text.c_str(), static_cast<unsigned long long>(to),
+                            static_cast<unsigned long long>(from)) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+/* Gives the rows that stay, and their entries, the ids from STAYING_IDS on. */
+static int32_t move_staying(sqldb_connection* connection, const std::vector<int64_t>& staying,
+                            snapshot* now) noexcept {
+    int64_t to = STAYING_IDS;
+    for (const int64_t from : staying) {
+        if (from != to && move_rows(connection, from, to) != 0) {
+            return -1;
+        }
+        for (int32_t i = 0; i < now->count; ++i) {
+            saved_player* player = &now->players[i];
+            if (player->rows != nullptr && static_cast<int64_t>(player->ts_id) == from) {
+                player->ts_id = static_cast<uint64_t>(to);
+            }
+        }
+        ++to;
+    }
+    return 0;
+}
+
+/* The order of the first save of all; deleting the keys' count makes them begin at 1 again. */
+static int32_t clear_all(sqldb_connection* connection,
+                         const std::vector<int64_t>& staying) noexcept {
+    return clear(connection, TRACKS, staying) != 0 ||
+                   sqldb_statement(connection, FORGET_KEYS) != 0 ||
+                   clear(connection, SESSIONS, staying) != 0 ||
+                   clear(connection, PLAYERS, staying) != 0
+               ? -1
+               : 0;
+}
+
+int32_t save_all(sqldb_connection* connection, snapshot* now,
+                 const std::atomic<bool>* ending) noexcept {
+    const std::vector<int64_t> staying = staying_ids(now);
+    if (clear_all(connection, staying) != 0 || move_staying(connection, staying, now) != 0) {
+        return -1;
+    }
+    for (int32_t i = 0; i < now->count; ++i) {
+        if (now->players[i].session != nullptr &&
+            insert(connection, &now->players[i], ending) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int32_t save_changes(sqldb_connection* connection, const snapshot* before, const snapshot* now,
+                     const std::atomic<bool>* ending) noexcept {
+    for (int32_t i = 0; i < before->count; ++i) {
+        if (snapshot_find(now, before->players[i].ts_id) == nullptr &&
+            delete_rows(connection, before->players[i].ts_id) != 0) {
+            return -1;
+        }
+    }
+    for (int32_t i = 0; i < now->count; ++i) {
+        const saved_player* player = &now->players[i];
+        if (player->session == nullptr) {
+            continue; /* rows that stay, or a player that could not be looked at */
+        }
+        const saved_player* saved = snapshot_find(before, player->ts_id);
+        if (saved != nullptr && snapshot_same_player(saved, player)) {
+            continue;
+        }
+        if ((saved == nullptr ? insert(connection, player, ending)
+                              : update(connection, player, saved->length, ending)) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+void save_adopt_ids(const snapshot* saved) noexcept {
+    for (int32_t i = 0; i < saved->count; ++i) {
+        if (saved->players[i].rows != nullptr) {
+            lastmode_rows_set_id(saved->players[i].rows,
+                                 static_cast<int64_t>(saved->players[i].ts_id));
+        }
+    }
+}
+
+static int32_t save_at_end(control_block* control, sqldb_connection* connection) noexcept {
+    bool is_whole = true;
+    snapshot now = snapshot_take(control, nullptr, &is_whole);
+    const int32_t result = save_all(connection, &now, nullptr);
+    snapshot_free(&now);
+    if (result != 0) {
+        (void)sqldb_rollback(connection);
+    }
+    return result;
 }
 
 extern "C" {
@@ -137,20 +279,10 @@ int32_t players_save_state(control_block* control) noexcept {
         msglog(3, "Failed to connect to database");
         return -1;
     }
-    for (const char* clear : clears) {
-        if (sqldb_statement(connection, clear) != 0) {
-            (void)sqldb_rollback(connection);
-            (void)sqldb_disconnect(connection);
-            return -1;
-        }
+    if (save_at_end(control, connection) != 0) {
+        (void)sqldb_disconnect(connection);
+        return -1;
     }
-    int32_t count = 0;
-    player** players = players_pin_all(control, &count);
-    for (int32_t i = 0; i < count; ++i) {
-        save_one(connection, players[i]);
-    }
-    players_unpin(players, count);
-    save_all_kept(connection);
     (void)sqldb_backup(connection, SQLDB_SCOPE_ALL);
     msglog(7, "The lastmode audio trksession backup is done");
     if (sqldb_disconnect(connection) != 0) {

@@ -60,7 +60,7 @@ void mediasource_play_session_create(control_block* control, player* player, med
         msglog(3, "Cannot find plugin able to play ms %d", source->id);
         return;
     }
-    session->play_session = plugin_call_play_create(api, source->id, player);
+    session->play_session = plugin_call_play_create(api, session, player);
     if (session->play_session == nullptr) {
         msglog(3, "Cannot create play session for ms_id: %d", source->id);
         return;
@@ -82,7 +82,7 @@ void mediasource_browse_session_create(control_block* control, player* player, m
         msglog(3, "Plug-in does not support browsing for ms_id: %d", source->id);
         return;
     }
-    session->browse_session = plugin_call_browse_create(api, source->id, player);
+    session->browse_session = plugin_call_browse_create(api, session, player);
     if (session->browse_session == nullptr) {
         msglog(3, "Cannot create browse session for ms_id: %d", source->id);
         return;
@@ -103,6 +103,8 @@ mediasource_session* mediasource_session_create(control_block* control, player* 
     }
     session->ms_id = source->id;
     session->player_mode = owner->player_mode;
+    session->plugin_name = owner->name;
+    session->player_name = player->name;
     session->capabilities = mediasource_capabilities(source);
     mediasource_browse_session_create(control, player, source, session);
     mediasource_play_session_create(control, player, source, session);

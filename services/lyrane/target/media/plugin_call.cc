@@ -10,9 +10,9 @@
 static thread_local int32_t call_depth;
 
 /* What stands around every call: the mark of the thread, and the watch. */
-static int32_t enter(const char* entry, int32_t ms_id) noexcept {
+static int32_t enter(const char* entry, const mediasource_session* session) noexcept {
     ++call_depth;
-    return plugin_watch_enter(entry, ms_id);
+    return plugin_watch_enter({session->plugin_name, session->player_name, entry, session->ms_id});
 }
 
 static void leave(int32_t ticket) noexcept {
@@ -44,7 +44,7 @@ static int32_t call_play(const mediasource_session* session, const char* name,
     if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter(name, session->ms_id);
+    const int32_t ticket = enter(name, session);
     const int32_t result = (session->play_api->*entry)(session->play_session);
     leave(ticket);
     return result;
@@ -56,28 +56,30 @@ static int32_t call_play_number(const mediasource_session* session, const char* 
     if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter(name, session->ms_id);
+    const int32_t ticket = enter(name, session);
     const int32_t result = (session->play_api->*entry)(session->play_session, number);
     leave(ticket);
     return result;
 }
 
-void* plugin_call_play_create(const lyr_play_api* api, int32_t ms_id, void* data) noexcept {
+void* plugin_call_play_create(const lyr_play_api* api, const mediasource_session* session,
+                              void* data) noexcept {
     if (api == nullptr || api->create == nullptr) {
         return nullptr;
     }
-    const int32_t ticket = enter("create", ms_id);
-    void* handle = api->create(ms_id, data);
+    const int32_t ticket = enter("create", session);
+    void* handle = api->create(session->ms_id, data);
     leave(ticket);
     return handle;
 }
 
-void* plugin_call_browse_create(const lyr_browse_api* api, int32_t ms_id, void* data) noexcept {
+void* plugin_call_browse_create(const lyr_browse_api* api, const mediasource_session* session,
+                                void* data) noexcept {
     if (api == nullptr || api->create == nullptr) {
         return nullptr;
     }
-    const int32_t ticket = enter("create", ms_id);
-    void* handle = api->create(ms_id, data);
+    const int32_t ticket = enter("create", session);
+    void* handle = api->create(session->ms_id, data);
     leave(ticket);
     return handle;
 }
@@ -90,7 +92,7 @@ void plugin_call_browse_destroy(const mediasource_session* session) noexcept {
     if (!plugin_call_can_browse(session) || session->browse_api->destroy == nullptr) {
         return;
     }
-    const int32_t ticket = enter("destroy", session->ms_id);
+    const int32_t ticket = enter("destroy", session);
     (void)session->browse_api->destroy(session->browse_session);
     leave(ticket);
 }
@@ -99,7 +101,7 @@ int32_t plugin_call_attach(const mediasource_session* session, const medianode* 
     if (!plugin_call_can_play(session) || session->play_api->attach_medianode == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter("attach_medianode", session->ms_id);
+    const int32_t ticket = enter("attach_medianode", session);
     const int32_t result = session->play_api->attach_medianode(session->play_session, node);
     leave(ticket);
     return result;
@@ -121,7 +123,7 @@ int32_t plugin_call_set_rate(const mediasource_session* session, float rate) noe
     if (!plugin_call_can_play(session) || session->play_api->set_playback_rate == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter("set_playback_rate", session->ms_id);
+    const int32_t ticket = enter("set_playback_rate", session);
     const int32_t result = session->play_api->set_playback_rate(session->play_session, rate);
     leave(ticket);
     return result;
@@ -183,7 +185,7 @@ int32_t plugin_call_browse(const mediasource_session* session, const char* node_
     const int32_t asked = *count;
     browse_in_progress call = {session, nullptr, 0, 0};
     plugin_browsing_enter(&call);
-    const int32_t ticket = enter("browse", session->ms_id);
+    const int32_t ticket = enter("browse", session);
     const int32_t result =
         session->browse_api->browse(session->browse_session, node_id, offset, count, nodes);
     leave(ticket);
@@ -200,7 +202,7 @@ int32_t plugin_call_search(const mediasource_session* session, const char* filte
     const int32_t asked = *count;
     browse_in_progress call = {session, nullptr, 0, 0};
     plugin_browsing_enter(&call);
-    const int32_t ticket = enter("search", session->ms_id);
+    const int32_t ticket = enter("search", session);
     const int32_t result =
         session->browse_api->search(session->browse_session, filter, key, offset, count, nodes);
     leave(ticket);
@@ -214,7 +216,7 @@ int32_t plugin_call_get_metadata(const mediasource_session* session, const char*
     if (!plugin_call_can_browse(session) || session->browse_api->get_metadata == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter("get_metadata", session->ms_id);
+    const int32_t ticket = enter("get_metadata", session);
     const int32_t result =
         session->browse_api->get_metadata(session->browse_session, node_id, data);
     leave(ticket);
@@ -226,7 +228,7 @@ int32_t plugin_call_get_extended_metadata(const mediasource_session* session, co
     if (!plugin_call_can_browse(session) || session->browse_api->get_extended_metadata == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter("get_extended_metadata", session->ms_id);
+    const int32_t ticket = enter("get_extended_metadata", session);
     const int32_t result =
         session->browse_api->get_extended_metadata(session->browse_session, node_id, keys, values);
     leave(ticket);
@@ -238,7 +240,7 @@ int32_t plugin_call_update_medianodes(const mediasource_session* session, int32_
     if (!plugin_call_can_browse(session) || session->browse_api->update_medianodes == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter("update_medianodes", session->ms_id);
+    const int32_t ticket = enter("update_medianodes", session);
     const int32_t result =
         session->browse_api->update_medianodes(session->browse_session, count, nodes);
     leave(ticket);
@@ -249,7 +251,7 @@ void plugin_call_cancel_browse(const mediasource_session* session) noexcept {
     if (!plugin_call_can_browse(session) || session->browse_api->cancel_browse == nullptr) {
         return;
     }
-    const int32_t ticket = enter("cancel_browse", session->ms_id);
+    const int32_t ticket = enter("cancel_browse", session);
     (void)session->browse_api->cancel_browse(session->browse_session);
     leave(ticket);
 }

@@ -9,6 +9,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,16 +25,31 @@ static int32_t next_plugin_id;
 
 /* What a library may not change for the whole process. A plug-in's library may start threads, so
  * the termination signals are blocked while it loads: the threads inherit the mask, and the
- * signals stay the signal thread's. */
+ * signals stay the signal thread's. Meanwhile a thread of our own lets them in, so that a library
+ * that hangs does not keep the process from being ended. */
 struct process_state {
     sigset_t signals;
+    sem_t loaded;
+    pthread_t guard;
+    bool has_guard;
     struct sigaction pipe_action;
     mode_t mask;
     vel_fd directory;
 };
 
+static void* let_signals_in(void* argument) noexcept {
+    auto* state = static_cast<process_state*>(argument);
+    process_restore_signals(&state->signals);
+    while (sem_wait(&state->loaded) != 0) {
+    }
+    return nullptr;
+}
+
 static void process_state_take(process_state* state) noexcept {
     process_block_termination(&state->signals);
+    sem_init(&state->loaded, 0, 0);
+    state->has_guard =
+        process_thread_start("plug-in load", 0, let_signals_in, state, &state->guard) == 0;
     sigaction(SIGPIPE, nullptr, &state->pipe_action);
     state->mask = umask(0);
     umask(state->mask);
@@ -58,6 +75,11 @@ static void process_state_put_back(process_state* state, const char* name) noexc
         msglog(3, "Plug-in %s changed the working directory; put back", name);
     }
     process_restore_signals(&state->signals);
+    sem_post(&state->loaded);
+    if (state->has_guard) {
+        pthread_join(state->guard, nullptr);
+    }
+    sem_destroy(&state->loaded);
 }
 
 /* Opens a library; failure ends the process. */
@@ -138,8 +160,12 @@ int32_t plugin_load(control_block* control, const char* name, const strm_dict* s
         refuse_library(handle, name);
     }
     warn_of_twin(control, handle, name);
-    if (api->init != nullptr &&
-        api->init(next_plugin_id, settings, &lyrane_internal_callbacks, &types) == -1) {
+    const int32_t ticket = plugin_watch_enter({name, nullptr, "init", -1});
+    const int32_t started = api->init != nullptr ? api->init(next_plugin_id, settings,
+                                                             &lyrane_internal_callbacks, &types)
+                                                 : 0;
+    plugin_watch_leave(ticket);
+    if (started == -1) {
         refuse_library(handle, table_name(api, name));
     }
     process_state_put_back(&state, name);
@@ -166,7 +192,10 @@ int32_t plugin_load(control_block* control, const char* name, const strm_dict* s
 /* Cleans up and closes; 0, or -1 when either failed. */
 static int32_t let_go(plugin* record) noexcept {
     int32_t result = 0;
-    if (record->api->cleanup != nullptr && record->api->cleanup() == -1) {
+    const int32_t ticket = plugin_watch_enter({record->name, nullptr, "cleanup", -1});
+    const int32_t cleaned = record->api->cleanup != nullptr ? record->api->cleanup() : 0;
+    plugin_watch_leave(ticket);
+    if (cleaned == -1) {
         msglog(3, "Failed to clean up %s", table_name(record->api, record->name));
         result = -1;
     }
@@ -242,8 +271,13 @@ void plugins_set_mediasource_detection(control_block* control, int32_t enable) n
         if (record == nullptr) {
             return;
         }
-        if (record->api->set_mediasource_detection != nullptr &&
-            record->api->set_mediasource_detection(enable) == -1) {
+        const int32_t ticket =
+            plugin_watch_enter({record->name, nullptr, "set_mediasource_detection", -1});
+        const int32_t result = record->api->set_mediasource_detection != nullptr
+                                   ? record->api->set_mediasource_detection(enable)
+                                   : 0;
+        plugin_watch_leave(ticket);
+        if (result == -1) {
             msglog(6, "Failed to set media source detection: %s",
                    table_name(record->api, record->name));
         }

@@ -4,6 +4,8 @@
 #include <ctime>
 
 #include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <veloran/lock.h>
 #include <veloran/process.h>
@@ -11,16 +13,21 @@
 #include "msglog.h"
 
 static constexpr int32_t SLOTS = 64;
-static constexpr int64_t NS_PER_SECOND = 1000000000;
+static constexpr int64_t NS_PER_MS = 1000000;
+static constexpr int64_t NS_PER_SECOND = 1000 * NS_PER_MS;
 static constexpr int64_t LOOK_EVERY_NS = NS_PER_SECOND / 2;
 
-/* One call in progress. `since` is 0 in a free slot and -1 in one that is being filled; the rest
- * is valid while it is above 0. */
+static constexpr int64_t FREE = 0;
+static constexpr int64_t TAKEN = -1; /* being filled, or being looked at */
+
+/* One call in progress. The call's texts are read by who has TAKEN the slot: the call is not left
+ * meanwhile. */
 struct watch_slot {
-    std::atomic<int64_t> since;
-    std::atomic<const char*> entry;
+    std::atomic<int64_t> since; /* or FREE or TAKEN */
     std::atomic<int32_t> ms_id;
-    std::atomic<int64_t> reported; /* the `since` that has been named in the log */
+    std::atomic<pid_t> thread;
+    plugin_watch_call call;
+    int64_t reported; /* the `since` that has been named in the log; the watch's own */
 };
 
 static watch_slot slots[SLOTS];
@@ -38,16 +45,17 @@ static int64_t now_ns() noexcept {
 /* Names a call that takes too long, once. */
 static void look_at(watch_slot* slot, int64_t now) noexcept {
     const int64_t since = slot->since;
-    if (since <= 0 || now - since < PLUGIN_WATCH_SECONDS * NS_PER_SECOND ||
+    if (since <= FREE || now - since < PLUGIN_WATCH_SECONDS * NS_PER_SECOND ||
         slot->reported == since) {
         return;
     }
-    const char* entry = slot->entry;
-    const int32_t ms_id = slot->ms_id;
-    if (slot->since == since) {
+    int64_t expected = since;
+    if (slot->since.compare_exchange_strong(expected, TAKEN)) {
+        const plugin_watch_call& call = slot->call;
         slot->reported = since;
-        msglog(3, "A call of '%s' into the plug-in of media source %d does not return", entry,
-               ms_id);
+        msglog(3, "A call of '%s' into %s does not return (player %s, media source %d)", call.entry,
+               call.plugin, call.player != nullptr ? call.player : "none", call.ms_id);
+        slot->since = since;
     }
 }
 
@@ -56,7 +64,7 @@ static bool look(void) noexcept {
     bool busy = false;
     const int64_t now = now_ns();
     for (watch_slot& slot : slots) {
-        busy = busy || slot.since != 0;
+        busy = busy || slot.since != FREE;
         look_at(&slot, now);
     }
     return busy;
@@ -95,12 +103,14 @@ static void wake_watch(void) noexcept {
     pthread_cond_signal(&watch_wake);
 }
 
-int32_t plugin_watch_enter(const char* entry, int32_t ms_id) noexcept {
+int32_t plugin_watch_enter(const plugin_watch_call& call) noexcept {
+    static thread_local const pid_t thread = gettid();
     for (int32_t i = 0; i < SLOTS; ++i) {
-        int64_t free_slot = 0;
-        if (slots[i].since.compare_exchange_strong(free_slot, -1)) {
-            slots[i].entry = entry;
-            slots[i].ms_id = ms_id;
+        int64_t expected = FREE;
+        if (slots[i].since.compare_exchange_strong(expected, TAKEN)) {
+            slots[i].call = call;
+            slots[i].ms_id = call.ms_id;
+            slots[i].thread = thread;
             slots[i].since = now_ns();
             if (!watch_awake) {
                 wake_watch();
@@ -112,16 +122,44 @@ int32_t plugin_watch_enter(const char* entry, int32_t ms_id) noexcept {
 }
 
 void plugin_watch_leave(int32_t ticket) noexcept {
-    if (ticket >= 0) {
-        slots[ticket].since = 0;
+    if (ticket < 0) {
+        return;
+    }
+    std::atomic<int64_t>* since = &slots[ticket].since;
+    int64_t expected = *since;
+    while (expected == TAKEN || !since->compare_exchange_weak(expected, FREE)) {
+        sched_yield(); /* the watch writes a line about this call */
+        expected = *since;
     }
 }
 
 int32_t plugin_watch_inside(int32_t ms_id) noexcept {
     for (const watch_slot& slot : slots) {
-        if (slot.since > 0 && slot.ms_id == ms_id) {
+        if (slot.since != FREE && slot.ms_id == ms_id) {
             return 1;
         }
     }
     return 0;
+}
+
+int64_t plugin_watch_main_since(void) noexcept {
+    for (const watch_slot& slot : slots) {
+        const int64_t since = slot.since;
+        if (since > FREE && slot.thread == getpid()) {
+            return since / NS_PER_MS;
+        }
+    }
+    return 0;
+}
+
+/* The thread's own slot does not change under it, but for the watch that may have it TAKEN. */
+bool plugin_watch_here(plugin_watch_call* call) noexcept {
+    const pid_t thread = gettid();
+    for (const watch_slot& slot : slots) {
+        if (slot.since != FREE && slot.thread == thread) {
+            *call = slot.call;
+            return true;
+        }
+    }
+    return false;
 }

@@ -11,13 +11,28 @@
 
 constexpr int32_t PLUGIN_WATCH_SECONDS = 2;
 
-/* Notes a call; `entry` is a literal, `ms_id` the media source that it is about. The ticket is to
- * be given back with plugin_watch_leave on the same thread; -1 when too many calls are in progress
- * to note this one. [any thread] */
-int32_t plugin_watch_enter(const char* entry, int32_t ms_id) noexcept;
+/* What a call is about. */
+struct plugin_watch_call {
+    const char* plugin; /* library name as configured */
+    const char* player; /* null: none */
+    const char* entry;
+    int32_t ms_id; /* -1: about no media source */
+};
+
+/* Notes a call; its texts must stay until it is left. The ticket is to be given back with
+ * plugin_watch_leave on the same thread; -1 when too many calls are in progress to note this one.
+ * [any thread] */
+int32_t plugin_watch_enter(const plugin_watch_call& call) noexcept;
 void plugin_watch_leave(int32_t ticket) noexcept;
 
 /* 1 while a call about the media source is in progress. [any thread] */
 int32_t plugin_watch_inside(int32_t ms_id) noexcept;
+
+/* The call that the calling thread is in; false when it is in none. Safe in a signal handler. */
+bool plugin_watch_here(plugin_watch_call* call) noexcept;
+
+/* Since when (ms of the monotonic clock) the main thread has been inside the call that it is in; 0
+ * when it is in none. [any thread] */
+int64_t plugin_watch_main_since(void) noexcept;
 
 #endif

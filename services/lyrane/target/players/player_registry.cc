@@ -15,9 +15,10 @@
 #include "player_pin.h"
 #include "player_publish.h"
 #include "trksession_build.h"
+#include "user_quota.h"
 
 /* How long a forced close waits for plug-ins that hold players up, all players together. */
-static constexpr time_t FORCE_CLOSE_WAIT_SECONDS = 5;
+static constexpr time_t FORCE_CLOSE_WAIT_SECONDS = 4;
 static constexpr char LEFT_BEHIND[] = "Player %s is busy in a plug-in and is left behind";
 
 /* The name becomes a directory and part of messages to others, so what would change their meaning
@@ -36,7 +37,13 @@ static bool usable_name(const char* name) noexcept {
     return true;
 }
 
-static player* player_make(control_block* control, const char* name) noexcept {
+/* What the player lock guards, of a player that nobody else knows yet: that lock is not taken under
+ * the players lock. */
+static void begin_unlocked(player* made) noexcept VEL_NO_TSA {
+    made->session_user = user_quota_own();
+}
+
+static player* player_make(control_block* control, const char* name, uid_t user) noexcept {
     void* memory = calloc(1, sizeof(player));
     char* own_name = strdup(name);
     if (memory == nullptr || own_name == nullptr) {
@@ -49,12 +56,14 @@ static player* player_make(control_block* control, const char* name) noexcept {
     pthread_cond_init(&made->np_cond, nullptr);
     made->np_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     made->name = own_name;
+    made->user = user;
     made->control = control;
     made->config = control->player_cfg;
     made->playback_rate = 1.0F;
     made->shuffle_mode = LYR_SHUFFLE_OFF;
     made->repeat_mode = LYR_REPEAT_OFF;
     made->status = LYR_STATUS_IDLE;
+    begin_unlocked(made);
     {
         vel_lock_guard guard(made->np_lock);
         made->np_fd = -1; /* before anybody can write to it */
@@ -112,14 +121,17 @@ static int32_t publish_objects(control_block* control, player* player) noexcept 
 }
 
 /* Makes a player and enters it. Null with errno set. */
-static player* player_add(control_block* control, const char* name) noexcept
+static player* player_add(control_block* control, const char* name, uid_t user) noexcept
     VEL_REQUIRES(control->players_lock) {
     if (control->players.count >= PLAYERS_MAX) {
         msglog(3, "Player %s refused: %d players are open", name, control->players.count);
         errno = ENFILE;
         return nullptr;
     }
-    player* made = player_make(control, name);
+    if (!user_quota_player(control, user, name)) {
+        return nullptr;
+    }
+    player* made = player_make(control, name, user);
     if (made == nullptr || made->np_wake < 0 || publish_objects(control, made) != 0) {
         const int error = errno;
         if (made != nullptr) {
@@ -138,11 +150,11 @@ static player* player_add(control_block* control, const char* name) noexcept
     return made;
 }
 
-static player* player_open_locked(control_block* control, const char* name) noexcept
+static player* player_open_locked(control_block* control, const char* name, uid_t user) noexcept
     VEL_REQUIRES(control->players_lock) {
     const int32_t position = players_find(&control->players, name);
     player* found = position >= 0 ? static_cast<player*>(control->players.items[position])
-                                  : player_add(control, name);
+                                  : player_add(control, name, user);
     if (found == nullptr) {
         return nullptr;
     }
@@ -183,7 +195,7 @@ player* player_open(control_block* control, const char* name) noexcept {
         return nullptr;
     }
     vel_lock_guard guard(control->players_lock);
-    return player_open_locked(control, name);
+    return player_open_locked(control, name, user_quota_own());
 }
 
 int32_t player_close(control_block* control, const char* name) noexcept {
@@ -260,12 +272,12 @@ int32_t players_force_close(control_block* control) noexcept {
 }
 }
 
-player* player_open_pinned(control_block* control, const char* name) noexcept {
+player* player_open_pinned(control_block* control, const char* name, uid_t user) noexcept {
     if (!usable_name(name)) {
         return player_open(control, name); /* says why */
     }
     vel_lock_guard guard(control->players_lock);
-    player* opened = player_open_locked(control, name);
+    player* opened = player_open_locked(control, name, user);
     if (opened != nullptr) {
         player_of(opened, control);
         ++opened->pins;

@@ -32,7 +32,8 @@ int32_t players_find(const pointer_array* players, const char* name) noexcept;
 int32_t players_force_close(control_block* control) noexcept;
 }
 
-/* player_open with a pin for the caller. */
-player* player_open_pinned(control_block* control, const char* name) noexcept;
+/* player_open with a pin for the caller, on behalf of a user: also null when the user may not have
+ * another player (EDQUOT). */
+player* player_open_pinned(control_block* control, const char* name, uid_t user) noexcept;
 
 #endif

@@ -72,6 +72,7 @@ static trksession* add_session(player* player, mediasource* source,
     session->mediasource = source;
     session->ms_session = ms_session;
     session->ts_id = trksession_new_id();
+    session->user = player->session_user;
     session->expected = -1;
     trksession_set(player, session);
     ++player->sessions_made;

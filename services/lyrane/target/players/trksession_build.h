@@ -71,8 +71,7 @@ uint64_t trksession_new_id(void) noexcept;
 /* Ends the building of the player's session, if any, before it is destroyed. False when the plug-in
  * does not let the build thread go by the deadline, a time of the real-time clock; the session must
  * not be destroyed then. */
-bool player_end_build(player* player, const timespec* deadline) noexcept
-    VEL_REQUIRES(player->lock);
+bool player_end_build(player* player, const timespec* deadline) noexcept VEL_REQUIRES(player->lock);
 
 /* get_media_node_children_v2 that gives up (-1) once *cancelled is set. */
 int32_t media_node_children(const mediasource_session* session, const char* mn_id, int32_t* limit,

@@ -69,12 +69,9 @@ static bool end_build(trksession* session, const timespec* deadline) noexcept
     return true;
 }
 
-static void free_tracks(trksession* session) noexcept VEL_REQUIRES(session->lock) {
-    free_medianodes(&session->tracks, session->length);
-    session->destroyed = 1;
-}
-
-static void forget_order(trksession* session) noexcept VEL_REQUIRES(session->lock) {
+/* The tracks stay for who still holds the session. */
+static void empty(trksession* session) noexcept VEL_REQUIRES(session->lock) {
+    session->left = session->length;
     session->length = 0;
     session->capacity = 0;
     free(session->order);
@@ -117,10 +114,10 @@ int32_t player_destroy_trksession(player* player) noexcept {
     {
         vel_lock_guard guard(session->lock);
         const int32_t length = session->length;
-        free_tracks(session);
+        session->destroyed = 1;
         player_publish_trksession(player, TRKSESSION_DESTROYED, length, session->ts_id);
         reset_player(player);
-        forget_order(session);
+        empty(session);
     }
     trksession_set(player, nullptr);
     trksession_release(session);

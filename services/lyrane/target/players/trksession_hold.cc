@@ -2,6 +2,10 @@
 
 #include <cstdlib>
 
+#include <lyrane/records.h>
+
+#include "user_quota.h"
+
 vel_mutex trksession_hold_lock = {PTHREAD_MUTEX_INITIALIZER};
 
 /* The pointer changes under both locks, so either is enough to read it; the analysis knows one. */
@@ -14,6 +18,16 @@ trksession* trksession_hold(player* player) noexcept VEL_NO_TSA {
     return session;
 }
 
+/* Nobody else knows the session any more, so its lock is not taken. */
+static void free_session(trksession* session) noexcept VEL_NO_TSA {
+    user_quota_give_tracks(session->user, session->left);
+    free_medianodes(&session->tracks, session->left);
+    vel_mutex_destroy(&session->lock);
+    pthread_cond_destroy(&session->build_over);
+    free(session->mn_id);
+    free(session);
+}
+
 void trksession_release(trksession* session) noexcept {
     if (session == nullptr) {
         return;
@@ -24,10 +38,7 @@ void trksession_release(trksession* session) noexcept {
             return;
         }
     }
-    vel_mutex_destroy(&session->lock);
-    pthread_cond_destroy(&session->build_over);
-    free(session->mn_id);
-    free(session);
+    free_session(session);
 }
 
 trksession* trksession_of_builder(const player* player) noexcept VEL_NO_TSA /* see the header */ {

@@ -8,6 +8,7 @@
 #include "msglog.h"
 #include "player_publish.h"
 #include "trksession_hold.h"
+#include "user_quota.h"
 
 /* Room for `more` tracks. The arrays grow by half at least, so that appending a million tracks in
  * small pages costs no more than in one. False without memory. */
@@ -59,6 +60,9 @@ int32_t player_trksession_import(player* player, medianode* nodes, int32_t count
         vel_lock_guard guard(session->lock);
         if (count > INT32_MAX - session->length) {
             errno = EOVERFLOW;
+            return -1;
+        }
+        if (!user_quota_take_tracks(player->control, session->user, count)) {
             return -1;
         }
         if (!reserve(session, count)) {

@@ -5,6 +5,7 @@
 
 #include "msglog.h"
 #include "player_pin.h"
+#include "request_log.h"
 
 static constexpr int32_t PIECES_MAX = 8;
 
@@ -15,7 +16,8 @@ request_call request_call_make(osb* connection, recv_context* context, int64_t a
             connection,
             context,
             request_slot(connection),
-            {context->payload, header.length, at, false}};
+            {context->payload, header.length, at, false},
+            request_log_wanted()};
 }
 
 player* request_slot(const osb* connection) noexcept {
@@ -29,20 +31,36 @@ void request_set_slot(osb* connection, player* player) noexcept {
 }
 
 void request_reply(request_call* call, int32_t result) noexcept {
-    (void)call->connection->server->reply(call->connection, call->context, 0, &result,
-                                          sizeof result);
+    request_reply_body(call, &result, sizeof result);
+}
+
+void request_reply_body(request_call* call, const void* body, int32_t size) noexcept {
+    if (call->is_logged) {
+        int32_t result = 0;
+        memcpy(&result, body, sizeof result);
+        request_log_answer(call, 0, result, size);
+    }
+    (void)call->connection->server->reply(call->connection, call->context, 0, body, size);
 }
 
 void request_replyv(request_call* call, int32_t result, const iovec* pieces,
                     int32_t count) noexcept {
     iovec all[PIECES_MAX] = {{&result, sizeof result}};
+    size_t size = sizeof result;
     for (int32_t i = 0; i < count && i + 1 < PIECES_MAX; ++i) {
         all[i + 1] = pieces[i];
+        size += pieces[i].iov_len;
+    }
+    if (call->is_logged) {
+        request_log_answer(call, 0, result, static_cast<int64_t>(size));
     }
     (void)call->connection->server->replyv(call->connection, call->context, 0, all, count + 1);
 }
 
 void request_reply_status(request_call* call, int32_t status) noexcept {
+    if (call->is_logged) {
+        request_log_answer(call, status, 0, 0);
+    }
     (void)call->connection->server->reply(call->connection, call->context, status, nullptr, 0);
 }
 

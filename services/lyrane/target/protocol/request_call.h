@@ -18,6 +18,7 @@ struct request_call {
     recv_context* context;
     ::player* player; /* of the connection's slot, which holds a pin; or null */
     request_reader reader;
+    bool is_logged; /* with its answer, see request_log.h */
 };
 
 /* Handlers read their fields, act, and make exactly one reply. */
@@ -38,6 +39,8 @@ void request_set_slot(osb* connection, player* player) noexcept;
 void request_reply(request_call* call, int32_t result) noexcept;
 void request_replyv(request_call* call, int32_t result, const iovec* pieces,
                     int32_t count) noexcept;
+/* A whole body, which begins with the result. */
+void request_reply_body(request_call* call, const void* body, int32_t size) noexcept;
 /* An empty body with a status. */
 void request_reply_status(request_call* call, int32_t status) noexcept;
 

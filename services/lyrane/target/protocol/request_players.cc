@@ -1,6 +1,8 @@
 /* Opening and closing players, and their state. */
 #include <cstring>
 
+#include <lyrane/client.h>
+
 #include "ascii.h"
 #include "msglog.h"
 #include "player_pin.h"
@@ -20,7 +22,7 @@ void handle_open(request_call* call) noexcept {
         return;
     }
     msglog(5, "client tries to open Player %s", name.get());
-    player* opened = player_open_pinned(call->control, name.get());
+    player* opened = player_open_pinned(call->control, name.get(), call->context->info.uid);
     if (call->player != nullptr) {
         msglog(5, "Player %s was not closed by its client and keeps its client count",
                call->player->name);
@@ -51,19 +53,13 @@ void handle_get_current_state(request_call* call) noexcept {
         request_reply(call, -1);
         return;
     }
-    int32_t repeat = call->player->repeat_mode;
-    int32_t shuffle = call->player->shuffle_mode;
-    int32_t status = call->player->status;
-    float rate = call->player->playback_rate;
+    const lyr_state_reply state = {0, call->player->shuffle_mode, call->player->repeat_mode,
+                                   call->player->status, call->player->playback_rate};
     if (msglog_level() >= 7) {
         char rate_text[RATE_TEXT_SIZE];
-        request_rate_text(rate, rate_text);
-        msglog(7, "repeat: %d\tshuffle: %d\tstatus: %d\trate: %s", repeat, shuffle, status,
-               rate_text);
+        request_rate_text(state.playback_rate, rate_text);
+        msglog(7, "repeat: %d\tshuffle: %d\tstatus: %d\trate: %s", state.repeat_mode,
+               state.shuffle_mode, state.status, rate_text);
     }
-    const iovec pieces[] = {{&shuffle, sizeof shuffle},
-                            {&repeat, sizeof repeat},
-                            {&status, sizeof status},
-                            {&rate, sizeof rate}};
-    request_replyv(call, 0, pieces, 4);
+    request_reply_body(call, &state, sizeof state);
 }

@@ -9,6 +9,7 @@
 #include "trksession_build.h"
 #include "trksession_hold.h"
 #include "trksession_walk.h"
+#include "user_quota.h"
 
 void handle_get_trksession_info(request_call* call) noexcept {
     trksession* session = trksession_hold(call->player);
@@ -114,8 +115,10 @@ void handle_create_trksession(request_call* call) noexcept {
     {
         vel_lock_guard guard(call->player->lock);
         if (call->player->closed == 0) {
+            call->player->session_user = call->context->info.uid;
             result = player_create_trksession(call->control, call->player, ms_id, id.get(),
                                               &expected, start_index);
+            call->player->session_user = user_quota_own();
         }
         if (result == 0) {
             ts_id = call->player->trksession->ts_id;

@@ -8,6 +8,7 @@
 #include "msglog.h"
 #include "player.h"
 #include "request_call.h"
+#include "request_log.h"
 
 static void query_media_sources(request_call* call) noexcept {
     (void)handle_get_media_sources(call->connection, call->context);
@@ -131,6 +132,9 @@ void service_disconnect(osb* connection, recv_context* context, service* service
 void service_worker(osb* connection, recv_context* context, service* service) noexcept {
     (void)service;
     request_call call = request_call_make(connection, context, 0);
+    if (call.is_logged) {
+        request_log_arrival(&call);
+    }
     serve(&call);
 }
 }

@@ -48,6 +48,10 @@ struct control_block {
     uint32_t lastmode_devices;
     int32_t lastmode_max_try;
     int32_t lastmode_keep_missing; /* 1: what could not be restored is saved again */
+    int32_t lastmode_checkpoint;   /* seconds between saves while the service runs; 0: none */
+
+    int32_t players_per_user; /* most that are open for one user, see user_quota.h */
+    int32_t tracks_per_user;  /* most in all sessions of one user */
 
     msgserver* server; /* set by start-up */
     int32_t service_id;

@@ -22,7 +22,9 @@ struct plugin {
 struct mediasource_session {
     int32_t ms_id;
     int32_t player_mode;
-    uint64_t capabilities; /* of the source when the session was made */
+    uint64_t capabilities;   /* of the source when the session was made */
+    const char* plugin_name; /* of the plug-in's record, which outlives the session */
+    const char* player_name; /* of the player */
     const lyr_play_api* play_api;
     void* play_session;
     const lyr_browse_api* browse_api;

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <lyrane/plugin.h>
 #include <veloran/lock.h>
@@ -20,6 +21,7 @@ constexpr int32_t PLAYER_CLIENTS_MAX = 32;
 
 struct player {
     char* name; /* owned, constant */
+    uid_t user; /* who opened it first; constant */
     int32_t clients VEL_GUARDED_BY(control->players_lock);
 
     /* Written under the player lock; read without it by get_current_state. */
@@ -61,8 +63,9 @@ struct player {
 
     control_block* control;                             /* constant */
     int32_t pins VEL_GUARDED_BY(control->players_lock); /* see player_pin.h */
-    int32_t sessions_made VEL_GUARDED_BY(lock);         /* track sessions in this run */
-    int32_t error_run VEL_GUARDED_BY(lock); /* skips in a row without a track that played */
+    uid_t session_user VEL_GUARDED_BY(lock);    /* who asks for the session that is made now */
+    int32_t sessions_made VEL_GUARDED_BY(lock); /* track sessions in this run */
+    int32_t error_run VEL_GUARDED_BY(lock);     /* skips in a row without a track that played */
 };
 
 /* Tells the analysis that the players lock a caller holds is this player's: a player belongs to

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <lyrane/records.h>
 #include <veloran/lock.h>
@@ -20,6 +21,7 @@ struct trksession {
     int32_t expected;     /* tracks the client announced; -1 unknown */
     int32_t start_index;  /* child of mn_id at which the session starts */
     int32_t ignore_count; /* tracks that the first step imported */
+    uid_t user;           /* who asked for it, see user_quota.h */
     char* mn_id; /* folder; owned; may be null; a restored session gets it late, under lock */
 
     int32_t length VEL_GUARDED_BY(lock);         /* tracks in `tracks` */
@@ -30,8 +32,8 @@ struct trksession {
     int32_t trk_pos VEL_GUARDED_BY(lock);        /* position in it, in the plug-in's unit */
     uint64_t ts_id;                              /* constant */
     ::mediasource* mediasource;                  /* constant; lives for ever */
-    /* Owned with the strings. The records move when the array grows; their strings stay until
-     * destruction, which needs the player lock. */
+    /* Owned with the strings. The records move when the array grows; their strings stay as long as
+     * the record of the session, so that a holder may read them without the lock. */
     medianode* tracks VEL_GUARDED_BY(lock);
     vel_mutex lock;                  /* the track-session lock; inside the player lock */
     mediasource_session* ms_session; /* constant; the player's */
@@ -42,7 +44,8 @@ struct trksession {
     int32_t build_done VEL_GUARDED_BY(lock); /* the build thread calls no plug-in any more */
     pthread_cond_t build_over;               /* with lock: build_done was set */
     int32_t capacity VEL_GUARDED_BY(lock);   /* entries allocated in the three arrays */
-    int32_t destroyed VEL_GUARDED_BY(lock);  /* emptied: answer as if there were none */
+    int32_t destroyed VEL_GUARDED_BY(lock);  /* answer as if there were none */
+    int32_t left VEL_GUARDED_BY(lock);       /* tracks that the last hold frees; 0 before the end */
     int32_t holds VEL_GUARDED_BY(trksession_hold_lock); /* see trksession_hold.h */
     std::atomic<int32_t> cancelled;                     /* building is to end */
 };

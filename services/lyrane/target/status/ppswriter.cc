@@ -9,6 +9,7 @@
 #include <veloran/pps.h>
 
 #include "msglog.h"
+#include "ppschange.h"
 #include "ppsnode.h"
 
 namespace {
@@ -157,6 +158,7 @@ static int32_t publish(lyr_ppsnode* object, strm_dict* content) {
     if (error != 0) {
         msglog(2, "Couldn't update a PPS object (%s)", msglog_error_text(error));
     }
+    ppschange_raise();
     return error;
 }
 
@@ -172,6 +174,7 @@ static bool drop_last_reference(lyr_ppsnode* object) VEL_REQUIRES(ppsnode_lock) 
 int32_t ppswriter_withdraw(lyr_ppsnode* object) noexcept {
     const vel_text path = ppsnode_path(object, nullptr);
     ppsnode_free(object);
+    ppschange_raise();
     if (path == nullptr) {
         return ENOMEM;
     }

@@ -4,10 +4,11 @@
  *
  * Refusals are error replies to the one client concerned and are not logged: ENOENT (unknown
  * service; indices that name no open connection of the sender), ENOMEM (no room for a connection or
- * for a reply that does not fit), EAGAIN (reply queue full, by number or by bytes), EINVAL (tag 0 in CSM_PUT; an event
- * that is too short, or whose channel is no socket of the client's), EIO (a payload shorter than
- * its length says; a worker that gave no reply), EMSGSIZE (a payload above max_size), ENOMSG (no
- * queued reply of that tag), ENOSYS (no transport message), EACCES, or what `connect` returned.
+ * for a reply that does not fit), EAGAIN (reply queue full, by number or by bytes), EINVAL (tag 0
+ * in CSM_PUT; an event that is too short, or whose channel is no socket of the client's), EIO (a
+ * payload shorter than its length says; a worker that gave no reply), EMSGSIZE (a payload above
+ * max_size), ENOMSG (no queued reply of that tag), ENOSYS (no transport message), EACCES, or what
+ * `connect` returned.
  *
  * The messages of one client socket are handled one at a time, in order, whatever the number of
  * receiving threads: a callback never runs beside another one for the same socket, and a client
@@ -47,6 +48,8 @@ constexpr int32_t MSGSERVER_QUEUE_ENTRIES = 64; /* queued replies of one connect
  * goes past a bound is still queued whole, whatever its size. */
 constexpr int64_t MSGSERVER_QUEUE_BYTES = int64_t{16} << 20;
 constexpr int64_t MSGSERVER_QUEUE_TOTAL = int64_t{256} << 20;
+/* The same for the connections of one user other than root. */
+constexpr int64_t MSGSERVER_QUEUE_USER = MSGSERVER_QUEUE_TOTAL / 4 * 3;
 
 /* Callbacks of a service; called without the server lock. The worker makes exactly one reply call
  * for a request before its thread receives again; a CSM_PUT may instead be answered at any later
@@ -119,6 +122,7 @@ struct osb {
     int32_t index;
 
     int64_t queue_bytes;
+    uid_t uid;         /* the client's; constant */
     int32_t puts_owed; /* replies still owed to CSM_PUTs; they count against the queue limit */
     /* The open connections of one client socket, listed from the word that the platform keeps for
      * it; null and out of the list once closed. */

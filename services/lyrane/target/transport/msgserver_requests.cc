@@ -99,6 +99,7 @@ osb* add_connection(msgserver* server, service* wanted, recv_context* context)
     connection->in_use = 1;
     connection->server = server;
     connection->scoid = context->info.scoid;
+    connection->uid = context->info.uid;
     connection->service = wanted;
     connection->index = index;
     link_to_client(connection, context->info.user);

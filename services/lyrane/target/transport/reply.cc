@@ -190,10 +190,28 @@ int32_t put_queue(osb* connection, int32_t status, uint32_t tag, const iovec* ve
     return 0;
 }
 
+/* Only when there is as much as one user may have queued, the connections are gone through. */
+static bool user_has_room(const osb* connection) noexcept VEL_REQUIRES(connection->server->lock) {
+    constexpr uid_t root = 0;
+    if (connection->uid == root || connection->server->queued_bytes < MSGSERVER_QUEUE_USER) {
+        return true;
+    }
+    int64_t of_user = 0;
+    for (int32_t i = 0; i < connection->server->services.count; ++i) {
+        const auto* offered =
+            static_cast<const service*>(_array_get(&connection->server->services, i));
+        for (int32_t k = 0; offered != nullptr && k < offered->connections.count; ++k) {
+            const auto* other = static_cast<const osb*>(_array_get(&offered->connections, k));
+            of_user += other != nullptr && other->uid == connection->uid ? other->queue_bytes : 0;
+        }
+    }
+    return of_user < MSGSERVER_QUEUE_USER;
+}
+
 bool reply_queue_has_room(const osb* connection) noexcept {
     return connection->queue_length < MSGSERVER_QUEUE_ENTRIES &&
            connection->queue_bytes < MSGSERVER_QUEUE_BYTES &&
-           connection->server->queued_bytes < MSGSERVER_QUEUE_TOTAL;
+           connection->server->queued_bytes < MSGSERVER_QUEUE_TOTAL && user_has_room(connection);
 }
 
 void reply_queue_clear(osb* connection) noexcept {

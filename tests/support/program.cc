@@ -1,0 +1,143 @@
+#include "program.h"
+
+#include <csignal>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int LIMIT = 300000; /* ms without a word */
+
+/* Reads once from a pipe, or the end of a terminal; at its end, closes it. */
+void read_some(int& fd, std::string& text) {
+    char bytes[4096];
+    const ssize_t got = read(fd, bytes, sizeof bytes);
+    if (got > 0) {
+        text.append(bytes, static_cast<size_t>(got));
+        return;
+    }
+    close(fd);
+    fd = -1;
+}
+
+/* Reads from both pipes as soon as one has something; false when there is nothing to wait for. */
+bool read_more(program& running) {
+    pollfd pipes[] = {{running.out, POLLIN, 0}, {running.err, POLLIN, 0}};
+    if ((running.out < 0 && running.err < 0) || poll(pipes, 2, LIMIT) <= 0) {
+        return false;
+    }
+    if (pipes[0].revents != 0) {
+        read_some(running.out, running.result.out);
+    }
+    if (pipes[1].revents != 0) {
+        read_some(running.err, running.result.err);
+    }
+    return true;
+}
+
+/* The texts as execv takes them. */
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+[[noreturn]] void become(char** arguments, int in, int out, int err) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(in, STDIN_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    execv(arguments[0], arguments);
+    _exit(127);
+}
+
+} // namespace
+
+program program_start(const std::vector<std::string>& words,
+                      const std::map<std::string, std::string>& variables) {
+    std::vector<std::string> texts = words;
+    std::vector<char*> pointers = pointers_to(texts);
+    int out[2];
+    int err[2];
+    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+    program running;
+    running.pid = fork();
+    if (running.pid == 0) {
+        for (const auto& [name, value] : variables) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+        become(pointers.data(), open("/dev/null", O_RDONLY | O_CLOEXEC), out[1], err[1]);
+    }
+    close(out[1]);
+    close(err[1]);
+    running.out = out[0];
+    running.err = err[0];
+    return running;
+}
+
+program program_start_on_terminal(const std::vector<std::string>& words) {
+    std::vector<std::string> texts = words;
+    std::vector<char*> pointers = pointers_to(texts);
+    winsize size = {24, 80, 0, 0};
+    int near = -1;
+    int far = -1;
+    EXPECT_EQ(openpty(&near, &far, nullptr, nullptr, &size), 0);
+    fcntl(near, F_SETFD, FD_CLOEXEC);
+    fcntl(far, F_SETFD, FD_CLOEXEC);
+    setenv("TERM", "vt100", 1);
+    program running;
+    running.pid = fork();
+    if (running.pid == 0) {
+        setsid();
+        ioctl(far, TIOCSCTTY, 0);
+        become(pointers.data(), far, far, far);
+    }
+    close(far);
+    running.out = near;
+    return running;
+}
+
+void program_press(const program& running, const std::string& keys) {
+    EXPECT_EQ(write(running.out, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+}
+
+bool program_await(program& running, const std::string& text) {
+    while (running.result.out.find(text) == std::string::npos &&
+           running.result.err.find(text) == std::string::npos) {
+        if (!read_more(running)) {
+            ADD_FAILURE() << "no \"" << text << "\" in\n"
+                          << running.result.out << running.result.err;
+            return false;
+        }
+    }
+    return true;
+}
+
+program_result program_end(program& running, int signal) {
+    if (signal != 0) {
+        kill(running.pid, signal);
+    }
+    while (read_more(running)) {
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(running.pid, &status, 0), running.pid);
+    running.result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return running.result;
+}
+
+program_result program_run(const std::vector<std::string>& words) {
+    program running = program_start(words);
+    return program_end(running);
+}
