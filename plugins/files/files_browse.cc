@@ -13,10 +13,19 @@
 
 #include <veloran/lock.h>
 
+#include "files_artwork.h"
+#include "files_browse_page.h"
+#include "files_index.h"
+#include "files_index_search.h"
 #include "files_listing.h"
 #include "files_node.h"
+#include "files_node_update.h"
+#include "files_reader.h"
+#include "files_scan.h"
 #include "files_source.h"
 #include "files_tags.h"
+#include "files_tags_extended.h"
+#include "files_virtual.h"
 
 /* Listings that a session keeps, and how many entries they may have together. */
 static constexpr size_t KEPT_LISTINGS = 4;
@@ -27,15 +36,26 @@ struct kept_listing {
     files_listing_ref listing;
 };
 
+struct kept_virtual {
+    std::string id;
+    files_virtual_listing listing;
+};
+
 struct browse_session {
     files_source_ref source;           /* immutable */
+    files_index_ref index;             /* immutable; null: there is none */
     std::atomic<uint32_t> cancels = 0; /* calls of cancel_browse */
     vel_mutex lock = {};
     std::vector<kept_listing> kept VEL_GUARDED_BY(lock); /* the one used last stands first */
+    kept_virtual kept_last VEL_GUARDED_BY(lock);         /* the one that was begun last */
 };
 
 static browse_session* session_of(void* handle) noexcept {
     return static_cast<browse_session*>(handle);
+}
+
+static files_cancel cancel_of(const browse_session& session) noexcept {
+    return {&session.cancels, session.cancels.load(), &session.source->gone};
 }
 
 /* --- listings ------------------------------------------------------------------------------- */
@@ -80,53 +100,29 @@ static files_listing_ref listing_of(browse_session* session, const char* id, int
     listing = files_listing_read(*session->source, id, cancel);
     if (listing != nullptr) {
         keep(session, id, listing);
+        if (session->index != nullptr) {
+            files_scan_noticed(session->source, session->index, id, listing->changed);
+        }
     }
     return listing;
 }
 
 /* --- pages ---------------------------------------------------------------------------------- */
 
-static char* copied(const std::string& text) {
-    char* copy = strdup(text.c_str());
-    if (copy == nullptr) {
-        throw std::bad_alloc();
-    }
-    return copy;
-}
-
-/* Fills the strings that a node owes to its place; free_medianode_contents is the caller's. */
-static void fill_node(const files_source& source, const std::string& id, medianode* node) {
-    node->id = copied(id);
-    node->name = copied(id.substr(id.rfind('/') + 1));
-    node->url = copied(files_node_uri(source, id.c_str()));
-    node->ms_id = source.ms_id;
-    node->ms_type = LYR_MS_TYPE_HDD;
-    node->ms_uid = copied(source.uid);
-}
-
-/* An array that is freed with its records, as far as they are filled. */
-struct free_page {
-    int32_t count;
-    void operator()(medianode* nodes) const noexcept { free_medianodes(&nodes, count); }
-};
-using page_nodes = std::unique_ptr<medianode, free_page>;
-
 /* Makes the records of a part of a listing; null when the call was cancelled. */
-static page_nodes make_page(const browse_session& session, const files_listing& listing,
-                            const std::string& prefix, int32_t offset, int32_t count,
-                            const files_cancel& cancel) {
+static files_browse_page make_page(const browse_session& session, const files_listing& listing,
+                                   const std::string& prefix, int32_t offset, int32_t count,
+                                   const files_cancel& cancel) {
     const auto size = static_cast<size_t>(count);
-    page_nodes nodes(static_cast<medianode*>(std::calloc(size, sizeof(medianode))), {count});
-    if (nodes == nullptr) {
-        throw std::bad_alloc();
-    }
+    files_browse_page nodes = files_browse_new_page(count);
     for (size_t i = 0; i < size; ++i) {
         if (files_cancelled(cancel)) {
             return nullptr;
         }
         const files_entry& entry = listing.entries[static_cast<size_t>(offset) + i];
         medianode* node = nodes.get() + i;
-        fill_node(*session.source, prefix + &listing.names[entry.name], node);
+        const char* name = &listing.names[entry.name];
+        files_browse_fill(*session.source, prefix + name, name, node);
         node->type = entry.type;
         if (entry.type == LYR_NODE_FOLDER && listing.folders <= FILES_COUNTED_FOLDERS) {
             node->count = files_listing_count(*session.source, node->id, FILES_COUNTED_ENTRIES);
@@ -138,7 +134,7 @@ static page_nodes make_page(const browse_session& session, const files_listing& 
 /* Reads one page; -1 when there is no such folder or the call was cancelled. */
 static int32_t read_page(browse_session* session, const char* id, int32_t offset, int32_t* count,
                          medianode** nodes) {
-    const files_cancel cancel = {&session->cancels, session->cancels.load()};
+    const files_cancel cancel = cancel_of(*session);
     const files_listing_ref listing = listing_of(session, id, offset, cancel);
     if (listing == nullptr) {
         return -1;
@@ -148,7 +144,7 @@ static int32_t read_page(browse_session* session, const char* id, int32_t offset
     const int32_t delivered = std::clamp(total - offset, 0, wanted);
     if (delivered > 0) {
         const std::string prefix = id[1] == '\0' ? id : std::string(id) + '/';
-        page_nodes page = make_page(*session, *listing, prefix, offset, delivered, cancel);
+        files_browse_page page = make_page(*session, *listing, prefix, offset, delivered, cancel);
         if (page == nullptr) {
             return -1;
         }
@@ -158,16 +154,103 @@ static int32_t read_page(browse_session* session, const char* id, int32_t offset
     return 0;
 }
 
+/* --- virtual folders ------------------------------------------------------------------------ */
+
+/* A walk goes on with what it began with, unless another one was begun in between. */
+static files_virtual_listing virtual_listing(browse_session* session, const char* id,
+                                             int32_t offset, const files_cancel& cancel) {
+    if (offset > 0) {
+        vel_lock_guard hold(session->lock);
+        if (session->kept_last.id == id) {
+            return session->kept_last.listing;
+        }
+    }
+    files_virtual_listing listing =
+        files_virtual_read(*session->source, session->index.get(), id, cancel);
+    vel_lock_guard hold(session->lock);
+    session->kept_last = {id, listing};
+    return listing;
+}
+
+static int32_t read_virtual_page(browse_session* session, const char* id, int32_t offset,
+                                 int32_t* count, medianode** nodes) {
+    const files_cancel cancel = cancel_of(*session);
+    const files_virtual_listing listing = virtual_listing(session, id, offset, cancel);
+    if (listing == nullptr) {
+        return -1;
+    }
+    const auto total = static_cast<int32_t>(listing->size());
+    const int32_t wanted = *count < 0 ? FILES_PAGE_MOST : std::min(*count, FILES_PAGE_MOST);
+    *count = std::clamp(total - offset, 0, wanted);
+    files_browse_page page = files_browse_new_page(*count);
+    for (int32_t i = 0; i < *count; ++i) {
+        const files_virtual_node& node = (*listing)[static_cast<size_t>(offset + i)];
+        medianode* filled = page.get() + i;
+        files_browse_fill(*session->source, node.id, node.name, filled);
+        filled->type = node.type;
+        filled->count = node.count;
+    }
+    *nodes = page.release();
+    return 0;
+}
+
 static int32_t files_browse(void* handle, const char* node_id, int32_t offset, int32_t* count,
                             medianode** nodes) noexcept {
-    if (!files_node_id_valid(node_id) || offset < 0 || *count < -1) {
+    const bool is_virtual = files_virtual_is(node_id);
+    if (!(is_virtual || files_node_id_valid(node_id)) || offset < 0 || *count < -1) {
         return -1;
     }
     if (*count == 0) {
         return 0;
     }
     try {
-        return read_page(session_of(handle), node_id, offset, count, nodes);
+        return (is_virtual ? read_virtual_page : read_page)(session_of(handle), node_id, offset,
+                                                            count, nodes);
+    } catch (...) {
+        return -1;
+    }
+}
+
+/* --- search --------------------------------------------------------------------------------- */
+
+static files_browse_page make_found(const browse_session& session,
+                                    const std::vector<files_index_hit>& hits) {
+    files_browse_page nodes = files_browse_new_page(static_cast<int32_t>(hits.size()));
+    for (size_t i = 0; i < hits.size(); ++i) {
+        files_browse_fill(*session.source, hits[i].id, files_source_last_part(hits[i].id),
+                          nodes.get() + i);
+        nodes.get()[i].type = hits[i].type;
+    }
+    return nodes;
+}
+
+static int32_t search_page(browse_session* session, const char* filter, const char* key,
+                           int32_t offset, int32_t* count, medianode** nodes) {
+    const files_cancel cancel = cancel_of(*session);
+    const int32_t most = *count < 0 ? FILES_PAGE_MOST : std::min(*count, FILES_PAGE_MOST);
+    std::vector<files_index_hit> hits;
+    if (session->index != nullptr) {
+        const bool found =
+            files_index_search(session->index.get(), filter, key, offset, most, cancel, &hits);
+        if (session->index->damaged) {
+            files_scan_add(session->source);
+        }
+        if (!found) {
+            return -1;
+        }
+    }
+    *nodes = make_found(*session, hits).release();
+    *count = static_cast<int32_t>(hits.size());
+    return 0;
+}
+
+static int32_t files_search(void* handle, const char* filter, const char* key, int32_t offset,
+                            int32_t* count, medianode** nodes) noexcept {
+    if (key == nullptr || offset < 0 || *count < -1) {
+        return -1;
+    }
+    try {
+        return search_page(session_of(handle), filter, key, offset, count, nodes);
     } catch (...) {
         return -1;
     }
@@ -180,45 +263,74 @@ static int32_t files_cancel_browse(void* handle) noexcept {
 
 /* --- metadata and saved nodes --------------------------------------------------------------- */
 
+struct free_record {
+    void operator()(metadata* record) const noexcept { free_metadata(&record); }
+};
+using metadata_owner = std::unique_ptr<metadata, free_record>;
+
+/* Null: cancelled. */
+static metadata_owner describe(const browse_session& session, const char* node_id) {
+    const files_source& source = *session.source;
+    files_reader_found found;
+    const files_reader_wish wish = {FILES_READ_RECORD | FILES_READ_PICTURE, 0};
+    if (files_reader_ask(source, node_id, wish, cancel_of(session), &found) ==
+        files_reader_end::cancelled) {
+        return nullptr;
+    }
+    files_scan_remember(session.source, session.index);
+    metadata_owner record(files_tags_record(found, node_id));
+    const std::string artwork = files_artwork_uri(source, node_id, found.picture);
+    if (!artwork.empty()) {
+        record->artwork = files_browse_copy(artwork);
+    }
+    return record;
+}
+
 static int32_t files_get_metadata(void* handle, const char* node_id, metadata** data) noexcept {
     try {
         const files_source& source = *session_of(handle)->source;
+        if (files_virtual_is(node_id)) {
+            return 0;
+        }
         const int32_t type = files_node_id_valid(node_id) ? files_node_type(source, node_id) : 0;
         if (type == 0) {
             return -1;
         }
-        if (type != LYR_NODE_FOLDER) {
-            *data = files_tags_read(files_node_path(source, node_id));
+        if (type == LYR_NODE_FOLDER) {
+            return 0;
         }
-        return 0;
+        *data = describe(*session_of(handle), node_id).release();
+        return *data != nullptr ? 0 : -1;
     } catch (...) {
         return -1;
     }
 }
 
-/* Replaces a text of a record that belongs to the service. */
-static void replace(char** text, char* with) noexcept {
-    std::free(*text);
-    *text = with;
-}
-
-/* Brings one saved node up to date. One whose file is gone has no place any more; it stays in the
- * list, so that the others keep their indexes, and will be refused when it is to be played. */
-static void update_node(const files_source& source, medianode* node) {
-    node->ms_id = source.ms_id;
-    node->ms_type = LYR_MS_TYPE_HDD;
-    const int32_t type = files_node_id_valid(node->id) ? files_node_type(source, node->id) : 0;
-    replace(&node->ms_uid, copied(source.uid));
-    replace(&node->url, type != 0 ? copied(files_node_uri(source, node->id)) : nullptr);
-    node->type = type != 0 ? type : node->type;
+static int32_t files_get_extended_metadata(void* handle, const char* node_id,
+                                           const char* const* keys, char** values) noexcept {
+    try {
+        const files_source& source = *session_of(handle)->source;
+        if (files_virtual_is(node_id)) {
+            return 0;
+        }
+        if (!files_node_id_valid(node_id) || files_node_type(source, node_id) == 0) {
+            return -1;
+        }
+        const browse_session& session = *session_of(handle);
+        const bool read =
+            files_tags_extended_read(source, node_id, keys, cancel_of(session), values);
+        files_scan_remember(session.source, session.index);
+        return read ? 0 : -1;
+    } catch (...) {
+        return -1;
+    }
 }
 
 static int32_t files_update_medianodes(void* handle, int32_t count, medianode* nodes) noexcept {
     try {
-        for (int32_t i = 0; i < count; ++i) {
-            update_node(*session_of(handle)->source, &nodes[i]);
-        }
-        return 0;
+        browse_session* session = session_of(handle);
+        const files_cancel cancel = cancel_of(*session);
+        return files_node_update(*session->source, cancel, count, nodes) ? 0 : -1;
     } catch (...) {
         return -1;
     }
@@ -227,16 +339,20 @@ static int32_t files_update_medianodes(void* handle, int32_t count, medianode* n
 /* --- sessions ------------------------------------------------------------------------------- */
 
 static void* files_browse_create(int32_t ms_id, void*) noexcept {
-    files_source_ref source = files_source_find(ms_id);
+    files_source_ref source = files_source_find_own(ms_id);
     if (source == nullptr) {
         return nullptr;
     }
-    auto* session = new (std::nothrow) browse_session;
-    if (session != nullptr) {
-        vel_mutex_init(&session->lock);
+    try {
+        auto session = std::make_unique<browse_session>();
+        session->index = files_index_of(*source);
         session->source = std::move(source);
+        vel_mutex_init(&session->lock);
+        files_reader_prepare();
+        return session.release();
+    } catch (...) {
+        return nullptr;
     }
-    return session;
 }
 
 static int32_t files_browse_destroy(void* handle) noexcept {
@@ -251,9 +367,9 @@ const lyr_browse_api files_browse_table = {
     .destroy = files_browse_destroy,
     .reserved = nullptr,
     .browse = files_browse,
-    .search = nullptr,
+    .search = files_search,
     .get_metadata = files_get_metadata,
-    .get_extended_metadata = nullptr,
+    .get_extended_metadata = files_get_extended_metadata,
     .update_medianodes = files_update_medianodes,
     .cancel_browse = files_cancel_browse,
 };

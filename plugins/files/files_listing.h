@@ -14,14 +14,17 @@
 /* A folder with more entries is not listed. */
 constexpr size_t FILES_ENTRIES_MOST = 1000000;
 
-/* One call that may be told to come back early: it goes on while `count` stands at `begun`. */
+/* One call that may be told to come back early: it goes on while `count` stands at `begun` and the
+ * source is there. */
 struct files_cancel {
     const std::atomic<uint32_t>* count;
     uint32_t begun;
+    const std::atomic<bool>* gone;
 };
 
 inline bool files_cancelled(const files_cancel& cancel) noexcept {
-    return cancel.count->load(std::memory_order_relaxed) != cancel.begun;
+    return cancel.count->load(std::memory_order_relaxed) != cancel.begun ||
+           cancel.gone->load(std::memory_order_relaxed);
 }
 
 /* A plain file or folder of the listing. */

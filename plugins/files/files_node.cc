@@ -120,8 +120,18 @@ int files_node_open(const files_source& source, const char* id, int flags) noexc
         errno = EINVAL;
         return -1;
     }
+    if (source.gone) {
+        errno = ENODEV;
+        return -1;
+    }
     vel_fd root(open(source.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (root.value < 0) {
+        return -1;
+    }
+    files_place place;
+    if (source.type == LYR_MS_TYPE_USB &&
+        !(files_place_of(root.value, &place) && files_place_same(place, source.place))) {
+        errno = ENODEV;
         return -1;
     }
     return open_beneath(root.value, id[1] == '\0' ? "." : id + 1, flags);
@@ -149,11 +159,15 @@ std::string files_node_path(const files_source& source, const char* id) {
 }
 
 std::string files_node_uri(const files_source& source, const char* id) {
+    return files_node_path_uri(files_node_path(source, id));
+}
+
+std::string files_node_path_uri(const std::string& path) {
     static constexpr const char* PLAIN = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                          "0123456789-._~/";
     static constexpr const char* DIGITS = "0123456789ABCDEF";
     std::string uri = "file://";
-    for (const char byte : files_node_path(source, id)) {
+    for (const char byte : path) {
         if (std::strchr(PLAIN, byte) != nullptr) {
             uri += byte;
         } else {

@@ -18,7 +18,9 @@ int32_t files_node_media_type(const char* name) noexcept;
 bool files_node_id_valid(const char* id) noexcept;
 
 /* Opens a node for reading (`flags` are further ones of open(2)); symbolic links are followed as
- * far as they stay within the source. A descriptor that the caller closes, or -1 with errno set.
+ * far as they stay within the source. A descriptor that the caller closes, or -1 with errno set:
+ * ENODEV when the source has gone, even if something else stands in its place by now. Nothing of a
+ * source is open but what is opened here, so a drive can be unmounted when nobody uses it.
  * [any thread] */
 int files_node_open(const files_source& source, const char* id, int flags) noexcept;
 
@@ -30,5 +32,6 @@ std::string files_node_path(const files_source& source, const char* id);
 
 /* The same as "file://" and the path, bytes outside of the plain ones as %XX. */
 std::string files_node_uri(const files_source& source, const char* id);
+std::string files_node_path_uri(const std::string& path);
 
 #endif

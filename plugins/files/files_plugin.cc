@@ -1,9 +1,12 @@
-/* The plug-in `files`: folders on the hard drive as media sources, played by GStreamer. */
+/* The plug-in `files`: folders on the hard drive and drives that are plugged in as media sources,
+ * played by GStreamer. */
 #include <lyrane/plugin.h>
 
 #include "files_browse.h"
 #include "files_play.h"
+#include "files_reader.h"
 #include "files_source.h"
+#include "files_sources.h"
 
 static const lyrane_internal_callbacks_table* service_callbacks; /* [main] */
 
@@ -15,18 +18,19 @@ static int32_t files_init(int32_t plugin_id, const strm_dict* settings,
     } catch (...) {
         return -1;
     }
+    files_reader_allow();
     service_callbacks = callbacks;
     files_play_set_callbacks(callbacks);
-    *types = LYR_MS_TYPE_HDD;
+    *types = LYR_MS_TYPE_HDD | LYR_MS_TYPE_USB;
     return 0;
 }
 
 static int32_t files_set_mediasource_detection(int32_t enable) noexcept {
     try {
         if (enable != 0) {
-            files_source_detect(service_callbacks);
+            files_sources_start(service_callbacks);
         } else {
-            files_source_detection_off();
+            files_sources_stop();
         }
     } catch (...) {
         return -1;
@@ -35,7 +39,9 @@ static int32_t files_set_mediasource_detection(int32_t enable) noexcept {
 }
 
 static int32_t files_cleanup() noexcept {
+    files_sources_stop();
     if (files_source_drop_plugin()) {
+        files_reader_stop();
         files_play_shutdown();
     }
     return 0;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 
 #include "files_log.h"
@@ -70,14 +71,39 @@ static int32_t interval_of(const std::string& text) {
     return std::clamp(interval, FILES_INTERVAL_LEAST, FILES_INTERVAL_MOST);
 }
 
+/* Where programs keep what they can make again: the user's place for it, or the system's. */
+static std::string default_cache() {
+    const char* place = std::getenv("XDG_CACHE_HOME"); // NOLINT(concurrency-mt-unsafe): [start]
+    if (place != nullptr && place[0] == '/') {
+        return tidy_path(std::string(place) + "/lyrane");
+    }
+    const char* home = std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe): [start]
+    return home != nullptr && home[0] == '/' ? tidy_path(std::string(home) + "/.cache/lyrane")
+                                             : "/var/cache/lyrane";
+}
+
+static std::string cache_of(const strm_dict* dict) {
+    const std::string cache = tidy_path(text_of(dict, "cache"));
+    if (!cache.empty() && cache[0] != '/') {
+        files_log(3, ("not an absolute path: " + cache).c_str());
+        return "";
+    }
+    return cache.empty() ? default_cache() : cache;
+}
+
 files_settings files_settings_read(const strm_dict* dict) {
     files_settings settings;
     settings.folders = split_folders(text_of(dict, "folders"));
+    const bool mounts = dict != nullptr && strm_dict_find(dict, "mounts") != nullptr;
+    settings.mounts = split_folders(mounts ? text_of(dict, "mounts") : FILES_MOUNTS_DEFAULT);
     settings.audio_output = text_of(dict, "audio_output");
     if (settings.audio_output.empty()) {
         settings.audio_output = "autoaudiosink";
     }
     settings.video_output = text_of(dict, "video_output");
     settings.update_interval = interval_of(text_of(dict, "update_interval"));
+    settings.cache = cache_of(dict);
+    settings.index = text_of(dict, "index") != "0";
+    settings.virtual_folders = text_of(dict, "virtual_folders") != "0";
     return settings;
 }

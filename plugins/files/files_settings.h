@@ -13,11 +13,19 @@ constexpr int32_t FILES_INTERVAL_DEFAULT = 250; /* ms */
 constexpr int32_t FILES_INTERVAL_LEAST = 10;
 constexpr int32_t FILES_INTERVAL_MOST = 60000;
 
+/* Where drives that are plugged in get mounted, if nothing is said. */
+constexpr const char* FILES_MOUNTS_DEFAULT = "/media:/run/media";
+
 struct files_settings {
-    std::vector<std::string> folders; /* absolute, without a slash at the end, each once */
-    std::string audio_output;         /* GStreamer sink description, never empty */
-    std::string video_output;         /* likewise; empty: none */
+    /* Absolute, without a slash at the end, each once. */
+    std::vector<std::string> folders;
+    std::vector<std::string> mounts; /* drives mounted there or below are media sources */
+    std::string audio_output;        /* GStreamer sink description, never empty */
+    std::string video_output;        /* likewise; empty: none */
     int32_t update_interval = FILES_INTERVAL_DEFAULT;
+    std::string cache; /* folder of what can be made again; empty: none */
+    bool index = true; /* look through all files, so that they can be searched */
+    bool virtual_folders = true;
 };
 
 /* Reads the settings; a missing one has its default, a senseless one is logged and left out. May

@@ -6,12 +6,13 @@
 
 #include <lyrane/records.h>
 
-/* Longest text taken from a tag, in bytes; a longer one is cut between two characters. */
-constexpr size_t FILES_TAG_MOST = 4096;
+#include "files_reader_answer.h"
 
-/* Reads what a file says about itself; the title of one that says nothing is its name without the
- * ending. A record that the caller frees. May throw std::bad_alloc; a damaged file is one without
- * tags. */
-metadata* files_tags_read(const std::string& path);
+/* A record of what was found in a file; the title of one that says nothing is its name without the
+ * ending. The caller frees it. May throw std::bad_alloc. */
+metadata* files_tags_record(const files_reader_found& found, const std::string& path);
+
+/* Name of a file without its ending. */
+std::string files_tags_stem(const std::string& path);
 
 #endif

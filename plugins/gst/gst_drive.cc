@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <new>
 
 #include "gst_output.h"
 
@@ -28,6 +29,45 @@ bool gst_drive_seek_waits(const gst_drive& drive, const gst_wish& wish) {
     return wish.seek >= 0 && wish.seek_number != drive.seek_done;
 }
 
+/* --- messages ------------------------------------------------------------------------------- */
+
+/* [any thread] Takes a message over. It does not go through the bus, where it would arrive only
+ * after this has returned: a worker that is woken here and finds nothing sleeps on. */
+static GstBusSyncReply heard(GstBus*, GstMessage* message, gpointer data) {
+    auto* player = static_cast<gst_player*>(data);
+    vel_lock_guard hold(player->lock);
+    try {
+        player->messages.push_back(message);
+    } catch (const std::bad_alloc&) {
+        gst_message_unref(message);
+    }
+    pthread_cond_signal(&player->wake);
+    return GST_BUS_DROP;
+}
+
+/* The next message, which is the caller's, or null. */
+static GstMessage* next_message(gst_player* player) {
+    vel_lock_guard hold(player->lock);
+    if (player->messages.empty()) {
+        return nullptr;
+    }
+    GstMessage* message = player->messages.front();
+    player->messages.pop_front();
+    return message;
+}
+
+/* Drops what a pipeline has said that has been closed: it says nothing any more. */
+static void forget_messages(gst_player* player) {
+    while (GstMessage* message = next_message(player)) {
+        gst_message_unref(message);
+    }
+}
+
+void gst_drive_end(gst_drive* drive) {
+    gst_pipeline_dispose(&drive->pipeline);
+    forget_messages(drive->player);
+}
+
 /* --- outcomes ------------------------------------------------------------------------------- */
 
 /* The open track came to its end, for good or ill. Reported when the player plays. */
@@ -42,7 +82,7 @@ static void conclude(gst_drive* drive, gst_outcome outcome, bool fruitless) {
 static void fail(gst_drive* drive, gst_outcome outcome, const std::string& uri,
                  const std::string& why) {
     drive->player->log(3, ("cannot play " + uri + ": " + why).c_str());
-    gst_pipeline_dispose(&drive->pipeline);
+    gst_drive_end(drive);
     drive->phase = gst_phase::closed;
     drive->phase_limit = GST_DRIVE_NEVER;
     conclude(drive, outcome, true);
@@ -51,6 +91,7 @@ static void fail(gst_drive* drive, gst_outcome outcome, const std::string& uri,
 void gst_drive_leave(gst_drive* drive) {
     if (drive->phase != gst_phase::closed) {
         gst_pipeline_close(&drive->pipeline);
+        forget_messages(drive->player);
     }
     drive->phase = gst_phase::closed;
     drive->phase_limit =
@@ -60,15 +101,6 @@ void gst_drive_leave(gst_drive* drive) {
 }
 
 /* --- listening ------------------------------------------------------------------------------ */
-
-/* [any thread] A message has arrived; it stays on the bus for the drive. */
-static GstBusSyncReply heard(GstBus*, GstMessage*, gpointer data) {
-    auto* player = static_cast<gst_player*>(data);
-    vel_lock_guard hold(player->lock);
-    player->heard = true;
-    pthread_cond_signal(&player->wake);
-    return GST_BUS_PASS;
-}
 
 static bool comes_from(GstMessage* message, GstElement* element) {
     return element != nullptr && GST_MESSAGE_SRC(message) != nullptr &&
@@ -144,7 +176,7 @@ static void listen_message(gst_drive* drive, const gst_wish& wish, GstMessage* m
 static void overdue(gst_drive* drive, const gst_wish& wish) {
     switch (drive->phase) {
     case gst_phase::closed: /* somebody else may want the device */
-        gst_pipeline_dispose(&drive->pipeline);
+        gst_drive_end(drive);
         drive->phase_limit = GST_DRIVE_NEVER;
         break;
     case gst_phase::opening:
@@ -159,7 +191,7 @@ static void overdue(gst_drive* drive, const gst_wish& wish) {
 
 void gst_drive_listen(gst_drive* drive, const gst_wish& wish) {
     while (drive->phase != gst_phase::closed) {
-        GstMessage* message = gst_bus_pop(drive->pipeline.bus);
+        GstMessage* message = next_message(drive->player);
         if (message == nullptr) {
             break;
         }
@@ -190,7 +222,7 @@ static bool prepare(gst_drive* drive, const gst_wish& wish, std::string* why) {
     const bool numbered = gst_output_numbered(player.audio_output) ||
                           (wish.video && gst_output_numbered(player.video_output));
     if (numbered || (wish.video && drive->pipeline.video_sink == nullptr)) {
-        gst_pipeline_dispose(&drive->pipeline);
+        gst_drive_end(drive);
     }
     const uint32_t number = ++tracks;
     if (drive->pipeline.playbin != nullptr) {

@@ -47,6 +47,9 @@ void gst_drive_follow(gst_drive* drive, const gst_wish& wish);
 /* Closes the track; the pipeline stays for the next one. */
 void gst_drive_leave(gst_drive* drive);
 
+/* Takes the pipeline down. */
+void gst_drive_end(gst_drive* drive);
+
 /* A seek that was asked for and not carried out. */
 bool gst_drive_seek_waits(const gst_drive& drive, const gst_wish& wish);
 

@@ -56,8 +56,6 @@ GstStateChangeReturn gst_pipeline_open(gst_pipeline* pipeline, const std::string
 void gst_pipeline_close(gst_pipeline* pipeline) {
     if (pipeline->playbin != nullptr) {
         gst_element_set_state(pipeline->playbin, GST_STATE_READY);
-        gst_bus_set_flushing(pipeline->bus, TRUE);
-        gst_bus_set_flushing(pipeline->bus, FALSE);
     }
 }
 

@@ -21,7 +21,7 @@ struct gst_pipeline_plan {
     std::string video_output;
     bool video;              /* an output for pictures is needed */
     uint32_t number;         /* of the track, for outputs that name one place a track */
-    GstBusSyncHandler heard; /* called on any thread when a message has arrived */
+    GstBusSyncHandler heard; /* takes a message over, on any thread */
     void* heard_data;
 };
 
@@ -29,7 +29,7 @@ struct gst_pipeline_plan {
 bool gst_pipeline_build(gst_pipeline* pipeline, const gst_pipeline_plan& plan, std::string* why);
 /* Starts to open a track, to be paused at its beginning. */
 GstStateChangeReturn gst_pipeline_open(gst_pipeline* pipeline, const std::string& uri, bool video);
-/* Leaves the track; messages about it are gone when this returns. */
+/* Leaves the track; no message about it comes after this has returned. */
 void gst_pipeline_close(gst_pipeline* pipeline);
 /* Takes the pipeline down. Accepts one that is not built. */
 void gst_pipeline_dispose(gst_pipeline* pipeline);

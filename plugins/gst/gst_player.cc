@@ -2,12 +2,12 @@
 #include "gst_player.h"
 
 #include <cerrno>
-#include <csignal>
 #include <ctime>
 #include <new>
 
 #include "gst_wish.h"
 #include "gst_worker.h"
+#include "plugin_thread.h"
 
 /* All players whose thread was not joined yet, destroyed ones included. Taken before a player's
  * own lock. */
@@ -23,24 +23,6 @@ static void* thread_body(void* argument) {
     vel_lock_guard hold(list_lock);
     player->ended = true;
     return nullptr;
-}
-
-/* Starts the worker with every signal blocked but those that a fault raises: its children are the
- * threads of GStreamer, and none of them may take a signal away from the service. */
-static bool start_thread(gst_player* player) {
-    sigset_t mask;
-    sigfillset(&mask);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) {
-        sigdelset(&mask, fault);
-    }
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        return false;
-    }
-    const bool started = pthread_attr_setsigmask_np(&attributes, &mask) == 0 &&
-                         pthread_create(&player->thread, &attributes, thread_body, player) == 0;
-    pthread_attr_destroy(&attributes);
-    return started;
 }
 
 /* Takes the players out of the list that have ended, or that belong to `group` (null: none do),
@@ -131,7 +113,7 @@ static gst_player* player_create(const gst_player_config* config) noexcept {
         return nullptr;
     }
     vel_lock_guard hold(list_lock);
-    if (!start_thread(player)) {
+    if (!plugin_thread_start(&player->thread, thread_body, player)) {
         free_player(player);
         return nullptr;
     }

@@ -7,8 +7,10 @@
 #define LYRANE_GST_WISH_H
 
 #include <cstdint>
+#include <deque>
 #include <string>
 
+#include <gst/gst.h>
 #include <pthread.h>
 
 #include <veloran/lock.h>
@@ -46,7 +48,8 @@ struct gst_player {
     pthread_cond_t wake = {}; /* on CLOCK_MONOTONIC, with `lock` */
     gst_wish wish VEL_GUARDED_BY(lock);
     uint64_t changes VEL_GUARDED_BY(lock) = 0; /* raised with each change of the wish */
-    bool heard VEL_GUARDED_BY(lock) = false;   /* messages have arrived on the bus */
+    /* What the pipeline has said and the worker has not read; owned. */
+    std::deque<GstMessage*> messages VEL_GUARDED_BY(lock);
 
     /* Guarded by the lock of the list of players. */
     pthread_t thread = {};

@@ -156,13 +156,12 @@ static bool wait(gst_worker* worker, gst_wish* wish) {
     gst_player* player = worker->drive.player;
     vel_lock_guard hold(player->lock);
     int waited = 0;
-    while (!player->wish.closed && !player->heard && player->changes == worker->seen &&
+    while (!player->wish.closed && player->messages.empty() && player->changes == worker->seen &&
            waited != ETIMEDOUT) {
         waited = until == GST_DRIVE_NEVER
                      ? pthread_cond_wait(&player->wake, &player->lock.native)
                      : pthread_cond_timedwait(&player->wake, &player->lock.native, &limit);
     }
-    player->heard = false;
     if (player->changes != worker->seen) {
         worker->seen = player->changes;
         *wish = player->wish;
@@ -197,6 +196,6 @@ void gst_worker_serve(gst_player* player) noexcept {
         gst_drive_follow(&worker.drive, wish);
         report(&worker, wish);
     }
-    gst_pipeline_dispose(&worker.drive.pipeline);
+    gst_drive_end(&worker.drive);
     player->released(player->play_session);
 }

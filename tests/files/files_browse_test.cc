@@ -7,30 +7,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "host.h"
-#include "media_files.h"
+#include "library.h"
 
 namespace fs = std::filesystem;
-
-/* A started plug-in with one folder and a browse session on it. */
-struct library {
-    temporary_folder folder;
-    const lyrp_api* api = nullptr;
-    void* session = nullptr;
-};
-
-static void open_library(library* lib) {
-    lib->api = host_start({{"folders", lib->folder.path}});
-    ASSERT_EQ(lib->api->set_mediasource_detection(1), 0);
-    ASSERT_EQ(host_sources().size(), 1U);
-    lib->session = lib->api->browse_api->create(0, nullptr);
-    ASSERT_NE(lib->session, nullptr);
-}
-
-static void close_library(library* lib) {
-    EXPECT_EQ(lib->api->browse_api->destroy(lib->session), 0);
-    host_stop();
-}
 
 /* One page as "type id" lines; -1 in *result and nothing when it failed. */
 static std::vector<std::string> page(const library& lib, const char* id, int32_t offset,
@@ -83,7 +62,7 @@ TEST(files_browse, lists_folders_then_files_in_natural_order) {
         write_file(lib.folder.path + '/' + name, "");
     }
     write_file(lib.folder.path + "/Disc 10/one.mp3", "");
-    open_library(&lib);
+    start_library(&lib);
     const std::vector<std::string> expected = {"1 /Disc 1",   "1 /disc 2",
                                                "1 /Disc 10",  "1 /empty",
                                                "2 /001.mp3",  "2 /01.mp3",
@@ -116,7 +95,7 @@ TEST(files_browse, pages_a_large_folder) {
     for (int i = 0; i < FILES; ++i) {
         write_file(lib.folder.path + '/' + std::to_string(i) + ".mp3", "");
     }
-    open_library(&lib);
+    start_library(&lib);
     std::vector<std::string> expected;
     for (int i = 0; i < FILES; ++i) {
         expected.push_back("2 /" + std::to_string(i) + ".mp3");
@@ -144,7 +123,7 @@ TEST(files_browse, never_leaves_the_source) {
     fs::create_symlink(".", lib.folder.path + "/loop");
     fs::create_symlink("gone.mp3", lib.folder.path + "/gone-link.mp3");
     ASSERT_EQ(mkfifo((lib.folder.path + "/pipe.mp3").c_str(), 0600), 0);
-    open_library(&lib);
+    start_library(&lib);
     EXPECT_EQ(walk(lib, "/", -1), (std::vector<std::string>{"1 /in", "2 /inside.mp3"}));
     EXPECT_EQ(walk(lib, "/in", -1), std::vector<std::string>{"2 /in/song.mp3"});
 
@@ -198,7 +177,7 @@ TEST(files_browse, never_leaves_the_source) {
 TEST(files_browse, refuses_senseless_numbers) {
     library lib;
     write_file(lib.folder.path + "/a.mp3", "");
-    open_library(&lib);
+    start_library(&lib);
     struct {
         int32_t offset, count, result;
         size_t delivered;
@@ -230,7 +209,7 @@ TEST(files_browse, reads_tags) {
     write_file(lib.folder.path + "/broken.flac", "fLaC\xFF\xFF\xFF\xFF\xFF");
     write_file(lib.folder.path + "/empty.ogg", "");
     write_file(lib.folder.path + "/film.mkv", "");
-    open_library(&lib);
+    start_library(&lib);
     for (const char* name : names) {
         SCOPED_TRACE(name);
         metadata* data = nullptr;
@@ -272,7 +251,7 @@ TEST(files_browse, reads_tags) {
 TEST(files_browse, brings_saved_nodes_up_to_date) {
     library lib;
     write_file(lib.folder.path + "/here 1.mp3", "");
-    open_library(&lib);
+    start_library(&lib);
     medianode nodes[3] = {};
     nodes[0].id = strdup("/here 1.mp3");
     nodes[0].url = strdup("file:///old/place");
@@ -286,7 +265,7 @@ TEST(files_browse, brings_saved_nodes_up_to_date) {
     }
     EXPECT_EQ(lib.api->browse_api->update_medianodes(lib.session, 3, nodes), 0);
     EXPECT_EQ(std::string(nodes[0].url), "file://" + lib.folder.path + "/here%201.mp3");
-    EXPECT_EQ(nodes[1].url, nullptr);
+    EXPECT_STREQ(nodes[1].url, "file:///gone.mp3") << "as it was";
     EXPECT_STREQ(nodes[1].id, "/gone.mp3");
     for (medianode& node : nodes) {
         EXPECT_EQ(node.ms_id, 0);
@@ -301,7 +280,7 @@ TEST(files_browse, cancel_ends_the_calls_in_progress_only) {
     for (int i = 0; i < 1000; ++i) {
         write_file(lib.folder.path + '/' + std::to_string(i) + ".mp3", "");
     }
-    open_library(&lib);
+    start_library(&lib);
     EXPECT_EQ(lib.api->browse_api->cancel_browse(lib.session), 0);
     EXPECT_EQ(walk(lib, "/", -1).size(), 1000U) << "a cancel from before counts for nothing";
     std::atomic<bool> cancelled{false};
@@ -330,7 +309,7 @@ TEST(files_browse, two_threads_use_one_session) {
                        "");
         }
     }
-    open_library(&lib);
+    start_library(&lib);
     const auto work = [&lib](int first) {
         for (int round = 0; round < 6; ++round) {
             for (int i = 0; i < 8; ++i) {
@@ -361,10 +340,19 @@ TEST(files_sources, reports_the_folders_that_exist) {
                                 "/Music:relative::" + base.path + "/a\\:b\\\\c:" + base.path +
                                 "/music:" + base.path + "/gone:" + base.path + "/file";
     const lyrp_api* api = host_start({{"folders", folders}, {"update_interval", "garbage"}});
-    /* A client may ask for the source before the plug-in has learned its id. */
+    /* A client may ask for the source before the plug-in has been told its id. */
     host_on_connected([api](int32_t id) {
-        EXPECT_EQ(api->browse_api->create(id, nullptr), nullptr);
-        EXPECT_EQ(api->play_api->create(id, nullptr), nullptr);
+        EXPECT_EQ(api->play_api->create(id + 100, nullptr), nullptr) << "another plug-in's";
+        void* browse = api->browse_api->create(id, nullptr);
+        void* play = api->play_api->create(id, nullptr);
+        ASSERT_NE(browse, nullptr);
+        ASSERT_NE(play, nullptr);
+        medianode* nodes = nullptr;
+        int32_t count = 1;
+        EXPECT_EQ(api->browse_api->browse(browse, "/", 0, &count, &nodes), 0);
+        EXPECT_EQ(api->browse_api->create(id + 1, nullptr), nullptr);
+        EXPECT_EQ(api->play_api->destroy(play), 0);
+        EXPECT_EQ(api->browse_api->destroy(browse), 0);
     });
     EXPECT_EQ(api->set_mediasource_detection(1), 0);
     EXPECT_EQ(api->set_mediasource_detection(1), 0) << "twice is once";
@@ -375,7 +363,7 @@ TEST(files_sources, reports_the_folders_that_exist) {
         EXPECT_EQ(sources[i].name, names[i]);
         EXPECT_EQ(sources[i].view_name, base.path + '/' + names[i]);
         EXPECT_EQ(sources[i].type, LYR_MS_TYPE_HDD);
-        EXPECT_EQ(sources[i].capabilities, UINT64_C(0x50413));
+        EXPECT_EQ(sources[i].capabilities, UINT64_C(0xF0413));
     }
     EXPECT_NE(sources[0].uid, sources[2].uid);
     EXPECT_EQ(api->browse_api->create(3, nullptr), nullptr);

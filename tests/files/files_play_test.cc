@@ -25,11 +25,12 @@ struct deck {
     int32_t player = 0; /* its address is the callback data */
 };
 
-static void open_deck(deck* deck, const std::string& audio_output) {
+static void open_deck(deck* deck, const std::string& audio_output,
+                      const char* update_interval = "20") {
     deck->api = host_start({{"folders", deck->folder.path},
                             {"audio_output", audio_output},
                             {"video_output", ""},
-                            {"update_interval", "20"}});
+                            {"update_interval", update_interval}});
     deck->play = deck->api->play_api;
     ASSERT_EQ(deck->api->set_mediasource_detection(1), 0);
     deck->session = deck->play->create(0, &deck->player);
@@ -204,16 +205,17 @@ TEST(files_play, begins_where_it_was_told) {
 
 TEST(files_play, holds_the_end_back_while_paused) {
     deck deck;
-    make_track(deck.folder.path + "/a.flac", 440, 3000);
+    make_track(deck.folder.path + "/a.flac", 440, 60000);
     open_deck(&deck, CLOCKED);
     ASSERT_EQ(attach(deck, "/a.flac"), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20, 3000); }));
+    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20, 60000); }));
     ASSERT_EQ(deck.play->pause(deck.session), 0);
-    ASSERT_EQ(deck.play->seek(deck.session, 5000), 0);
+    ASSERT_EQ(deck.play->seek(deck.session, 65000), 0);
     ASSERT_EQ(deck.play->seek(deck.session, 1000), 0);
     ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 900, 1100); }));
     EXPECT_EQ(count(host_events(), host_event::finished), 0);
+    ASSERT_EQ(deck.play->seek(deck.session, 59000), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
     ASSERT_TRUE(
         host_wait([](const auto& events) { return count(events, host_event::finished) == 1; }));
@@ -242,19 +244,22 @@ TEST(files_play, changes_the_rate_where_it_is) {
     close_deck(&deck);
 }
 
-TEST(files_play, goes_through_any_number_of_broken_files) {
+/* Nothing wakes the player between two positions but what GStreamer says: an end that is not heard
+ * at once is heard with the next position, an hour later. */
+TEST(files_play, hears_each_end_at_once) {
     deck deck;
     std::vector<std::string> ids;
-    for (int i = 0; i < 12; ++i) {
-        ids.push_back("/" + std::to_string(i) + ".ogg");
-        write_file(deck.folder.path + ids.back(), "OggS and no more of it");
+    for (int i = 0; i < 40; ++i) {
+        ids.push_back("/" + std::to_string(i) + ".flac");
+        if (i == 0) {
+            make_track(deck.folder.path + ids[0], 440, 50);
+        } else {
+            fs::create_hard_link(deck.folder.path + ids[0], deck.folder.path + ids.back());
+        }
     }
-    ids.emplace_back("/good.ogg");
-    make_track(deck.folder.path + ids.back(), 440, 300);
-    open_deck(&deck, "fakesink");
-    const auto events = play_list(deck, ids);
-    EXPECT_EQ(count(events, host_event::error), 12);
-    EXPECT_EQ(count(events, host_event::finished), 1);
+    open_deck(&deck, CLOCKED, "3600000");
+    const std::vector<host_event> events = play_list(deck, ids);
+    EXPECT_EQ(count(events, host_event::finished), 40);
     close_deck(&deck);
 }
 

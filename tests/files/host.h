@@ -27,15 +27,23 @@ struct host_source {
     std::string view_name;
     int32_t type;
     uint64_t capabilities;
+    size_t report; /* how many reports came before */
 };
 
-/* Loads the library and calls init with the settings; detection is off. */
+/* Loads the library and calls init with the settings; detection is off. Drives are not looked for
+ * unless the settings have "mounts"; the cache is the test program's unless they have "cache". */
 const lyrp_api* host_start(const std::map<std::string, std::string>& settings);
+/* Loads another file than the built plug-in from now on; null: the built one again. */
+void host_use(const char* plugin);
 /* Calls cleanup and closes the library. Reported events can still be read. */
 void host_stop();
 
 /* What was reported, in order. */
 std::vector<host_source> host_sources();
+/* The sources that are connected now: id to the last report. */
+std::map<int32_t, host_source> host_connected();
+/* Waits until the connected sources satisfy `enough`; false after a generous time. */
+bool host_wait_connected(const std::function<bool(const std::map<int32_t, host_source>&)>& enough);
 std::vector<host_event> host_events();
 /* Forgets the events. */
 void host_forget();
@@ -44,6 +52,8 @@ bool host_wait(const std::function<bool(const std::vector<host_event>&)>& enough
 
 /* Called at the begin of mediasource_connected with the id that will be returned. */
 void host_on_connected(std::function<void(int32_t)> call);
+/* Called at the begin of mediasource_disconnected, where the service destroys the sessions. */
+void host_on_disconnected(std::function<void(int32_t)> call);
 /* Called inside track_finished and play_error_occurred, with the player lock held. */
 void host_on_track(std::function<void(const host_event&)> call);
 

@@ -74,9 +74,14 @@ void write_tone(const std::string& path, double hertz, int32_t milliseconds) {
     wav += little_endian(1, 2) + little_endian(1, 2) + little_endian(SAMPLE_RATE, 4);
     wav += little_endian(2 * SAMPLE_RATE, 4) + little_endian(2, 2) + little_endian(16, 2);
     wav += "data" + little_endian(2 * count, 4);
-    for (uint32_t i = 0; i < count; ++i) {
-        const double sample = 12000 * std::sin(2 * M_PI * hertz * i / SAMPLE_RATE);
-        wav += little_endian(static_cast<uint16_t>(static_cast<int16_t>(sample)), 2);
+    const size_t head = wav.size();
+    wav.resize(head + 2 * size_t{count});
+    char* at = wav.data() + head;
+    for (uint32_t i = 0; i < count; ++i, at += 2) {
+        const auto sample =
+            static_cast<int16_t>(12000 * std::sin(2 * M_PI * hertz * i / SAMPLE_RATE));
+        std::memcpy(at, &sample,
+                    sizeof sample); /* in the order of this machine, a little-endian one */
     }
     write_file(path, wav);
 }
@@ -138,6 +143,28 @@ void make_track(const std::string& path, double hertz, int32_t milliseconds,
         words.push_back(path);
     }
     run_tool(words);
+}
+
+/* Seven bits in each byte. */
+static std::string id3_size(size_t size) {
+    std::string text;
+    for (int shift = 21; shift >= 0; shift -= 7) {
+        text += static_cast<char>(size >> shift & 0x7F);
+    }
+    return text;
+}
+
+std::string tagged_file(const std::string& title, const std::string& artist,
+                        const std::string& album, const std::string& genre) {
+    const std::pair<const char*, const std::string&> texts[] = {
+        {"TIT2", title}, {"TPE1", artist}, {"TALB", album}, {"TCON", genre}};
+    std::string frames;
+    for (const auto& [name, text] : texts) {
+        if (!text.empty()) {
+            frames += name + id3_size(text.size() + 1) + std::string(2, '\0') + '\3' + text;
+        }
+    }
+    return std::string("ID3\4\0\0", 6) + id3_size(frames.size()) + frames;
 }
 
 std::vector<int16_t> read_wav(const std::string& path) {

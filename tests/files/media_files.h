@@ -30,6 +30,11 @@ void write_tone(const std::string& path, double hertz, int32_t milliseconds);
 void make_track(const std::string& path, double hertz, int32_t milliseconds,
                 const std::vector<std::string>& tags = {});
 
+/* A file with these tags and a moment of nothing, for an ending of mp3: title, artist, album, genre
+ * in UTF-8; quickly made. */
+std::string tagged_file(const std::string& title, const std::string& artist = "",
+                        const std::string& album = "", const std::string& genre = "");
+
 /* The samples of a WAV file of 16 bits and one channel; its header may say that it is longer. */
 std::vector<int16_t> read_wav(const std::string& path);
 
