@@ -1,20 +1,35 @@
 // lyractl against the whole service with a scripted plug-in.
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
+#include "program.h"
 #include "rig.h"
-#include "tool_run.h"
 
 namespace {
 
 constexpr const char* TREE = "/none|F\n/album/a|A|First\n/album/b|A|Second\n/album/c|A|Third\n"
                              "/many|tracks:1201\n/odd\\xff|A|r\\xe9\\x1b[2J\n";
 
+std::vector<std::string> words(const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {LYRACTL_EXECUTABLE};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+program tool_start(const std::vector<std::string>& arguments) {
+    return program_start(words(arguments));
+}
+
+program_result tool_run(const std::vector<std::string>& arguments) {
+    return program_run(words(arguments));
+}
+
 /* Runs it and expects it to do what it was told without a complaint. */
 std::string good(const std::vector<std::string>& arguments) {
-    const tool_result result = tool_run(arguments);
+    const program_result result = tool_run(arguments);
     EXPECT_EQ(result.status, 0) << arguments[0] << ": " << result.err;
     EXPECT_EQ(result.err, "");
     return result.out;
@@ -61,7 +76,7 @@ TEST(Tool, SaysInPlainWordsWhyNot) {
         {{}, 2, "subcommand"},
     };
     for (const auto& c : cases) {
-        const tool_result result = tool_run(c.arguments);
+        const program_result result = tool_run(c.arguments);
         EXPECT_EQ(result.status, c.status) << c.why;
         EXPECT_NE(result.err.find(c.why), std::string::npos) << result.err;
         EXPECT_EQ(result.out, "") << c.why;
@@ -184,8 +199,8 @@ TEST(Tool, SteersInDetail) {
 TEST(Tool, ClosesWhatItOpens) {
     rig rig;
     ASSERT_TRUE(rig_start(rig, TREE));
-    tool holder = tool_start({"open", "--hold", "--json", "radio"});
-    tool_await(holder, "\"made\":true");
+    program holder = tool_start({"open", "--hold", "--json", "radio"});
+    program_await(holder, "\"made\":true");
     for (int i = 0; i < 35; i++) {
         good({"state"});
         good({"open", "radio"});
@@ -194,14 +209,13 @@ TEST(Tool, ClosesWhatItOpens) {
 
     /* A signal waits until the player is closed. */
     fake_do(rig.disk, "rule browse block=gate");
-    tool browsing = tool_start({"browse"});
+    program browsing = tool_start({"browse"});
     fake_do(rig.disk, "blocked gate");
     kill(browsing.pid, SIGTERM);
     fake_do(rig.disk, "release gate");
-    EXPECT_EQ(tool_end(browsing).status, 128 + SIGTERM);
+    EXPECT_EQ(program_end(browsing).status, 128 + SIGTERM);
 
-    kill(holder.pid, SIGINT);
-    EXPECT_EQ(tool_end(holder).status, 0);
+    EXPECT_EQ(program_end(holder, SIGINT).status, 0);
     EXPECT_FALSE(rig_has_player(rig.daemon, "radio"));
     rig_end(rig);
 }
@@ -209,86 +223,154 @@ TEST(Tool, ClosesWhatItOpens) {
 TEST(Tool, WatchesChangesAsTheyHappen) {
     rig rig;
     ASSERT_TRUE(rig_start(rig, TREE));
-    tool all = tool_start({"watch", "--json"});
+    program all = tool_start({"watch", "--json"});
     good({"session", "-p", "radio", "--create"});
-    tool one = tool_start({"watch", "radio"});
-    tool_await(one, "status        stopped\n");
+    program one = tool_start({"watch", "radio"});
+    program_await(one, "status        stopped\n");
     fake_do(rig.disk, "event position value=4321");
-    tool_await(one, "radio/status              position      4321\n");
-    tool_await(all, "{\"player\":\"radio\",\"object\":\"status\",\"set\":{\"position\":4321},"
-                    "\"withdrawn\":[]}\n");
+    program_await(one, "radio/status              position      4321\n");
+    program_await(all, "{\"player\":\"radio\",\"object\":\"status\",\"set\":{\"position\":4321},"
+                       "\"withdrawn\":[]}\n");
     EXPECT_EQ(request_open(rig.client, "kitchen"), 0);
-    tool_await(all, "{\"player\":\"kitchen\",\"object\":\"state\",\"set\":{\"rate\":1.0,");
+    program_await(all, "{\"player\":\"kitchen\",\"object\":\"state\",\"set\":{\"rate\":1.0,");
     EXPECT_EQ(request_close(rig.client, "kitchen"), 0);
-    tool_await(all, "{\"player\":\"kitchen\",\"object\":\"state\",\"gone\":true}\n");
+    program_await(all, "{\"player\":\"kitchen\",\"object\":\"state\",\"gone\":true}\n");
     EXPECT_EQ(one.result.out.find("kitchen"), std::string::npos);
     kill(all.pid, SIGTERM);
-    tool_end(all);
+    program_end(all);
     rig_end(rig);
     /* The player went with the service. */
-    EXPECT_EQ(tool_end(one).status, 0);
+    EXPECT_EQ(program_end(one).status, 0);
+}
+
+TEST(Tool, DoctorFindsWhatIsWrong) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    const std::string config = rig.daemon.root + "/lyrane.cfg";
+    const std::string broken = rig.daemon.root + "/broken.cfg";
+    const std::string well = good({"doctor", "-c", config});
+    for (const char* line :
+         {"ok    configuration", "ok    player settings", "ok    plug-in disk.so",
+          "ok    runtime root", "ok    service", "ok    media sources"}) {
+        EXPECT_NE(well.find(line), std::string::npos) << line << "\n" << well;
+    }
+    const struct {
+        const char* text;
+        const char* line;
+    } rows[] = {
+        {"# none", "\"configuration\",\"found\":"},
+        {"{\"player\": {\"audio_output\": 5}, \"plugins\": {}}", "audio_output"},
+        {"{\"plugins\": {\"/nowhere/x.so\": {}}}", "/nowhere/x.so: cannot open"},
+        {"{\"plugins\": {\"libm.so.6\": {}}}", "so it is no plug-in"},
+        {"{}", "there is no object \\\"plugins\\\""},
+    };
+    for (const auto& row : rows) {
+        std::ofstream(broken) << row.text;
+        const program_result result = tool_run({"doctor", "--json", "-c", broken});
+        EXPECT_EQ(result.status, 1) << row.text;
+        EXPECT_NE(result.out.find(row.line), std::string::npos) << result.out;
+        EXPECT_NE(result.err.find("to be mended"), std::string::npos);
+    }
+    rig_end(rig);
 }
 
 TEST(Tool, ScreenWithoutATerminal) {
     rig rig;
     ASSERT_TRUE(rig_start(rig, TREE));
-    tool screen = tool_start({"screen", "-p", "run", "--source", "disk", "--folder", "album"});
-    tool_await(screen, ": First\n  playing\n");
+    program screen = tool_start({"screen", "-p", "run", "--source", "disk", "--folder", "album"});
+    program_await(screen, ": First\n  playing\n");
     daemon_await_object(rig.daemon, "run", "trksession", "length", ":n:3");
     fake_do(rig.disk, "event position value=5000");
-    tool_await(screen, "  0:05 / 3:00\n");
+    program_await(screen, "  0:05 / 3:00\n");
     good({"pause"});
-    tool_await(screen, "  paused\n");
+    program_await(screen, "  paused\n");
     good({"play"});
     for (const char* title : {"Second", "Third"}) {
         fake_do(rig.disk, "event finished");
-        tool_await(screen, title);
+        program_await(screen, title);
     }
     fake_do(rig.disk, "event finished");
-    EXPECT_EQ(tool_end(screen).status, 0);
+    EXPECT_EQ(program_end(screen).status, 0);
     EXPECT_FALSE(rig_has_player(rig.daemon, "run"));
 
     /* The end of the service is an error, a signal and the end of the time are none. */
     EXPECT_EQ(tool_run({"screen", "-p", "run", "--source", "0", "--seconds", "1"}).status, 0);
     screen = tool_start({"screen", "-p", "run", "--source", "0", "--seconds", "1000"});
-    tool_await(screen, "playing");
-    kill(screen.pid, SIGTERM);
-    EXPECT_EQ(tool_end(screen).status, 0);
+    program_await(screen, "playing");
+    EXPECT_EQ(program_end(screen, SIGTERM).status, 0);
     EXPECT_FALSE(rig_has_player(rig.daemon, "run"));
     screen = tool_start({"screen", "-p", "run", "--source", "0"});
-    tool_await(screen, "playing");
+    program_await(screen, "playing");
     rig_end(rig);
-    EXPECT_EQ(tool_end(screen).status, 1);
+    EXPECT_EQ(program_end(screen).status, 1);
+}
+
+TEST(Tool, ScreenGoesOnWithASession) {
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, TREE));
+    fake_do(rig.disk, "source stick auto=0");
+    fake_do(rig.disk, "event connected uid=stick");
+    const auto make = [&rig](const char* player) {
+        good({"session", "-p", player, "--create", "disk", "album"});
+        daemon_await_object(rig.daemon, player, "trksession", "length", ":n:3");
+        good({"jump", "-p", player, "3"});
+    };
+    const auto shows = [](const char* player, const char* source, const char* track) {
+        program screen = tool_start(
+            {"screen", "-p", player, "--source", source, "--folder", "album", "--resume", "1000"});
+        program_await(screen, track);
+        program_await(screen, "  playing\n");
+        EXPECT_EQ(program_end(screen, SIGTERM).status, 0);
+    };
+    make("run");
+    fake_do(rig.disk, "event position value=170000");
+    shows("run", "disk", "Track 3 of 3: Third");
+    EXPECT_EQ(published(rig, "run", "status"), "::playing"); /* it was left as it is */
+    /* One that has been played, and one of another source, are not gone on with. */
+    good({"stop", "-p", "run"});
+    fake_do(rig.disk, "event position value=179900");
+    shows("run", "disk", ": First");
+    make("run");
+    shows("run", "stick", ": First");
+
+    /* A player that is there may be about to get its session. */
+    good({"open", "late"});
+    program screen = tool_start({"screen", "-p", "late", "--source", "disk", "--resume", "1000"});
+    make("late");
+    program_await(screen, "Track 3 of 3: Third");
+    EXPECT_EQ(program_end(screen, SIGTERM).status, 0);
+    rig_end(rig);
 }
 
 TEST(Tool, ScreenTakesKeys) {
     rig rig;
     ASSERT_TRUE(rig_start(rig, TREE));
-    tool screen = tool_start_on_terminal({"screen", "-p", "run", "--source", "0", "--folder",
-                                          "album", "--note", "A note at the foot."});
-    tool_await(screen, "  First\x1B[K");
-    tool_await(screen, "  playing  [");
-    tool_await(screen, "  track 1 of 3 "); /* the session is complete */
-    tool_await(screen, "  A note at the foot.");
+    program screen =
+        program_start_on_terminal(words({"screen", "-p", "run", "--source", "0", "--folder",
+                                         "album", "--note", "A note at the foot."}));
+    program_await(screen, "  First\x1B[K");
+    program_await(screen, "  playing  [");
+    program_await(screen, "  track 1 of 3 "); /* the session is complete */
+    program_await(screen, "  A note at the foot.");
     /* Cursor keys are none of ours, and several keys at once are all taken. */
-    tool_press(screen, "\x1B[A");
-    tool_press(screen, "nn");
-    tool_await(screen, "  Third\x1B[K");
-    tool_press(screen, "b");
-    tool_await(screen, "  Second\x1B[K");
-    tool_press(screen, " ");
-    tool_await(screen, "  paused ");
+    program_press(screen, "\x1B[A");
+    program_press(screen, "nn");
+    program_await(screen, "  Third\x1B[K");
+    program_press(screen, "b");
+    program_await(screen, "  Second\x1B[K");
+    program_press(screen, " ");
+    program_await(screen, "  paused ");
     EXPECT_EQ(published(rig, "run", "status"), "::paused");
-    tool_press(screen, "q");
-    const tool_result result = tool_end(screen);
+    program_press(screen, "q");
+    const program_result result = program_end(screen);
     EXPECT_EQ(result.status, 0);
     /* The terminal shows again what it showed before. */
     EXPECT_TRUE(result.out.ends_with("\x1B[?25h\x1B[?1049l")) << result.out;
     EXPECT_FALSE(rig_has_player(rig.daemon, "run"));
 
-    screen = tool_start_on_terminal({"screen", "-p", "run", "--source", "0"});
-    tool_await(screen, "playing");
-    tool_press(screen, "\x03"); /* Ctrl-C */
-    EXPECT_EQ(tool_end(screen).status, 0);
+    screen = program_start_on_terminal(words({"screen", "-p", "run", "--source", "0"}));
+    program_await(screen, "playing");
+    program_press(screen, "\x03"); /* Ctrl-C */
+    EXPECT_EQ(program_end(screen).status, 0);
     rig_end(rig);
 }

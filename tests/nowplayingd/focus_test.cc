@@ -31,7 +31,7 @@ TEST(Focus, PlayersTakeTurnsAndYieldToAPhone) {
     daemon_prepare(daemon);
     daemon.options.push_back("-vvvvvvv");
     daemon.plugins.push_back({"disk", "source disk", {}});
-    pid_t arbiter = rig_start();
+    program arbiter = rig_start();
     ASSERT_TRUE(daemon_start(daemon));
     fake_client disk = daemon_fake(daemon, "disk");
     fake_tree(disk, "", "/a|tracks:9\n");

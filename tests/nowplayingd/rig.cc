@@ -2,18 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <veloran/lock.h>
@@ -51,31 +47,10 @@ bool await(int fd) {
     return came;
 }
 
-pid_t spawn(const std::vector<std::string>& arguments, int output) {
-    std::vector<std::string> texts = {"nowplayingd"};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    std::vector<char*> pointers;
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    const pid_t process = fork();
-    if (process == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (output >= 0) {
-            dup2(output, STDOUT_FILENO);
-            dup2(output, STDERR_FILENO);
-        }
-        execv(NOWPLAYINGD_EXECUTABLE, pointers.data());
-        _exit(127);
-    }
-    return process;
-}
-
-int wait_for(pid_t process) {
-    int status = 0;
-    EXPECT_EQ(waitpid(process, &status, 0), process);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+std::vector<std::string> words(const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {NOWPLAYINGD_EXECUTABLE};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
 }
 
 } // namespace
@@ -84,39 +59,28 @@ const std::string& rig_root() {
     return run_root.path;
 }
 
-rig_result rig_run(const std::vector<std::string>& arguments) {
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    const pid_t process = spawn(arguments, ends[1]);
-    close(ends[1]);
-    const vel_fd pipe(ends[0]);
-    rig_result result;
-    char bytes[4096];
-    ssize_t got = 0;
-    while (await(pipe.value) && (got = read(pipe.value, bytes, sizeof bytes)) > 0) {
-        result.out.append(bytes, static_cast<size_t>(got));
-    }
-    result.status = wait_for(process);
+program_result rig_run(const std::vector<std::string>& arguments) {
+    program_result result = program_run(words(arguments));
+    result.out += result.err;
     return result;
 }
 
 std::string rig_ctl(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {"ctl"};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    const rig_result result = rig_run(all);
+    const program_result result = rig_run(all);
     EXPECT_EQ(result.status, 0) << result.out;
     return result.out;
 }
 
-pid_t rig_start(const std::vector<std::string>& arguments) {
-    const pid_t process = spawn(arguments, -1);
+program rig_start(const std::vector<std::string>& arguments) {
+    const program arbiter = program_start(words(arguments));
     EXPECT_EQ(rig_notice(), "READY=1");
-    return process;
+    return arbiter;
 }
 
-int rig_end(pid_t process, int signal) {
-    kill(process, signal);
-    return wait_for(process);
+int rig_end(program& arbiter, int signal) {
+    return program_end(arbiter, signal).status;
 }
 
 std::string rig_notice() {

@@ -6,27 +6,22 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
+#include "program.h"
 
 constexpr int RIG_LIMIT = 120000; /* ms that anything may take, sanitizers included */
 
 /* The runtime root of this process, made at its start and removed at its end. */
 const std::string& rig_root();
 
-struct rig_result {
-    int status = -1; /* exit status, or 128 + a signal's number */
-    std::string out; /* standard output and standard error */
-};
-
-/* Runs the program to its end. */
-rig_result rig_run(const std::vector<std::string>& arguments);
+/* Runs the program to its end; both of its outputs are `out`. */
+program_result rig_run(const std::vector<std::string>& arguments);
 /* The same for `ctl`, which must succeed: what it prints. */
 std::string rig_ctl(const std::vector<std::string>& arguments);
 
-/* Starts the arbiter and waits until it says that it is ready; its process, or -1. */
-pid_t rig_start(const std::vector<std::string>& arguments = {});
-/* Sends a signal and waits: as rig_result.status. */
-int rig_end(pid_t process, int signal);
+/* Starts the arbiter and waits until it says that it is ready. */
+program rig_start(const std::vector<std::string>& arguments = {});
+/* Sends a signal and waits: the status of its result. */
+int rig_end(program& arbiter, int signal);
 /* What the manager's socket was told next. */
 std::string rig_notice();
 

@@ -59,10 +59,10 @@ void settle(int client) {
 } // namespace
 
 TEST(Program, BeginsAndEnds) {
-    const pid_t process = rig_start();
+    program process = rig_start();
     EXPECT_EQ(mode_of(objects() + "/control"), 0666U);
     EXPECT_EQ(mode_of(objects() + "/arbiter"), 0600U);
-    const rig_result second = rig_run({});
+    const program_result second = rig_run({});
     EXPECT_EQ(second.status, 1);
     EXPECT_TRUE(contains(second.out, "another arbiter runs")) << second.out;
     const int client = rig_client("left");
@@ -72,7 +72,7 @@ TEST(Program, BeginsAndEnds) {
     close(client);
     EXPECT_TRUE(std::filesystem::is_empty(objects()));
 
-    const rig_result absent = rig_run({"ctl", "status"});
+    const program_result absent = rig_run({"ctl", "status"});
     EXPECT_EQ(absent.status, 1);
     EXPECT_TRUE(contains(absent.out, "no arbiter is running")) << absent.out;
     for (const std::vector<std::string>& wrong :
@@ -81,13 +81,13 @@ TEST(Program, BeginsAndEnds) {
     }
     const std::string file = rig_root() + "/policy.json";
     std::ofstream(file) << "{\"equal\": \"loses\"}";
-    const rig_result refused = rig_run({"-c", file});
+    const program_result refused = rig_run({"-c", file});
     EXPECT_EQ(refused.status, 1);
     EXPECT_TRUE(contains(refused.out, file + ": equal: ")) << refused.out;
 }
 
 TEST(Program, PlayersAPhoneAndAPerson) {
-    const pid_t process = rig_start();
+    program process = rig_start();
     const int a = playing_client("Anna");
     const int b = playing_client("Bert");
     EXPECT_EQ(rig_hear(a), REVOKE);
@@ -96,7 +96,7 @@ TEST(Program, PlayersAPhoneAndAPerson) {
     EXPECT_EQ(rig_hear(b), REVOKE);
     rig_say(a, ACQUIRE);
     EXPECT_EQ(rig_hear(a), REFUSED);
-    const rig_result refused = rig_run({"ctl", "play", "Anna"});
+    const program_result refused = rig_run({"ctl", "play", "Anna"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_TRUE(contains(refused.out, "outranks Anna")) << refused.out;
     const std::string status = rig_ctl({"status"});
@@ -120,7 +120,7 @@ TEST(Program, PlayersAPhoneAndAPerson) {
     EXPECT_EQ(rig_hear(a), "[end]");
     close(a);
     close(b);
-    const pid_t again = rig_start();
+    program again = rig_start();
     const int c = playing_client("Anna");
     const int d = rig_client("Bert");
     rig_say(d, PLAYING);
@@ -133,11 +133,11 @@ TEST(Program, PlayersAPhoneAndAPerson) {
 }
 
 TEST(Program, NamesOfAnyKind) {
-    const pid_t process = rig_start();
+    program process = rig_start();
     const int first = playing_client("same");
     const int second = playing_client("same");
     EXPECT_EQ(rig_hear(first), REVOKE);
-    const rig_result both = rig_run({"ctl", "next", "same"});
+    const program_result both = rig_run({"ctl", "next", "same"});
     EXPECT_EQ(both.status, 1);
     const size_t number = both.out.find('#');
     ASSERT_NE(number, std::string::npos) << both.out;
@@ -176,7 +176,7 @@ TEST(Program, NamesOfAnyKind) {
 }
 
 TEST(Program, HostileClients) {
-    const pid_t process = rig_start();
+    program process = rig_start();
     const int good = playing_client("good");
 
     const int stranger = rig_client("");

@@ -30,8 +30,10 @@ struct arguments {
     bool play = false;     /* begin to play what was made */
     bool hold = false;     /* keep the player open as long as the command runs */
     bool playlist = false; /* the screen makes a track session of `source` and `folder` */
+    int32_t resume = -1;   /* seconds to wait for a session to go on with; -1: never goes on */
     int32_t seconds = -1;  /* -1: without end */
     std::string note;
+    std::string config = "/etc/lyrane.cfg"; /* of the service, for the doctor */
 };
 
 #endif

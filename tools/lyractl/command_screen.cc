@@ -18,6 +18,7 @@
 #include "interrupt.h"
 #include "output.h"
 #include "playing.h"
+#include "resume.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -27,6 +28,7 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds SOURCE_PATIENCE(10000); /* for a media source to appear */
 constexpr int32_t SOURCE_ASK_AGAIN = 250;                   /* ms */
+constexpr int MAKE_AGAIN = 4;        /* how often a refused track session is tried again */
 constexpr int64_t PLAIN_STEP = 2000; /* ms of a track between two plain lines */
 
 enum class step { go_on, leave, fail };
@@ -37,7 +39,8 @@ struct screen {
     watch watching;
     playing now;
     bool terminal = false;
-    bool started = false; /* we have told it to play */
+    bool existed = false; /* the player was there before we opened it */
+    bool started = false; /* it plays, as we wanted */
     std::string said;     /* the last complaint */
     clock_type::time_point end;
 
@@ -83,17 +86,61 @@ bool await_source(screen* screen, request_source* source) {
     }
 }
 
-bool start_playing(screen* screen) {
+/* A service that brings its players back has them before it serves anybody; their sessions follow
+ * when the media source is there. So a player that was not there gets none. False when the service
+ * does not answer, or a signal came: what is to come back is not given up for that. */
+bool await_session(screen* screen, int signals) {
+    const auto deadline = clock_type::now() + std::chrono::seconds(screen->what->resume);
+    while (screen->existed && clock_type::now() < deadline) {
+        request_session session;
+        if (!request_get_session(screen->to, &session) || session.exists) {
+            return session.exists;
+        }
+        pollfd waiting[] = {{watch_fd(screen->watching), POLLIN, 0}, {signals, POLLIN, 0}};
+        poll(waiting, 2, SOURCE_ASK_AGAIN);
+        if (waiting[1].revents != 0) {
+            screen->to->why = "interrupted";
+            return false;
+        }
+        take_changes(screen);
+    }
+    return true;
+}
+
+/* A plug-in refuses a source that it is just reporting; a moment later it does not. */
+bool make_session(screen* screen, int32_t source, int signals) {
+    const arguments& what = *screen->what;
+    for (int refused = 0;; ++refused) {
+        std::string folder;
+        request_session session;
+        if (choose_folder(screen->to, source, what.folder, &folder) &&
+            session_make(screen->to, source, folder, what.expected, what.start, &session)) {
+            return true;
+        }
+        pollfd waiting = {signals, POLLIN, 0};
+        if (refused == MAKE_AGAIN || poll(&waiting, 1, SOURCE_ASK_AGAIN) != 0) {
+            return false;
+        }
+    }
+}
+
+bool start_playing(screen* screen, int signals) {
     request_source source;
-    std::string folder;
-    request_session session;
+    bool resumed = false;
     int32_t result = 0;
+    const arguments& what = *screen->what;
     connection* to = screen->to;
-    if (!await_source(screen, &source) ||
-        !choose_folder(to, source.id, screen->what->folder, &folder) ||
-        !session_make(to, source.id, folder, screen->what->expected, screen->what->start,
-                      &session) ||
-        !request_command(to, LYR_MSG_PLAY, &result)) {
+    if (!await_source(screen, &source)) {
+        return false;
+    }
+    if (what.resume >= 0 &&
+        (!await_session(screen, signals) || !resume_session(to, source.id, &resumed))) {
+        return false;
+    }
+    if (!resumed && !make_session(screen, source.id, signals)) {
+        return false;
+    }
+    if (!request_command(to, LYR_MSG_PLAY, &result)) {
         return false;
     }
     if (result != 0) {
@@ -248,11 +295,12 @@ bool run(screen* screen, int signals) {
 } // namespace
 
 bool command_screen(const arguments& what, std::string* why) {
+    screen screen;
+    screen.existed = what.playlist && enter_exists(what.player);
     const connection_owner to = what.playlist ? enter_new(what, why) : enter_existing(what, why);
     if (to == nullptr) {
         return false;
     }
-    screen screen;
     screen.what = &what;
     screen.to = to.get();
     screen.end = clock_type::now() + std::chrono::seconds(std::max(what.seconds, 0));
@@ -261,7 +309,7 @@ bool command_screen(const arguments& what, std::string* why) {
     if (!watch_open(&screen.watching, to->player, why)) {
         return false;
     }
-    bool well = !what.playlist || start_playing(&screen);
+    bool well = !what.playlist || start_playing(&screen, signals.value);
     screen.terminal = terminal_there();
     if (well && screen.terminal) {
         std::atexit(terminal_end);
@@ -269,6 +317,9 @@ bool command_screen(const arguments& what, std::string* why) {
     }
     well = well && run(&screen, signals.value);
     terminal_end();
+    if (well && what.resume >= 0) {
+        connection_abandon(to.get()); /* so that there is something to go on with */
+    }
     if (!well || !connection_leave(to.get())) {
         *why = to->why;
         return false;

@@ -30,6 +30,7 @@ bool command_state(const arguments& what, std::string* why);
 bool command_now(const arguments& what, std::string* why);
 bool command_watch(const arguments& what, std::string* why);
 bool command_open(const arguments& what, std::string* why);
+bool command_doctor(const arguments& what, std::string* why);
 bool command_screen(const arguments& what, std::string* why);
 
 #endif

@@ -34,6 +34,7 @@ enum takes : uint32_t {
     TAKES_RATE = 0x8000,     /* operand: a rate */
     TAKES_ON_OFF = 0x10000,  /* operand: on or off */
     TAKES_REPEAT = 0x20000,  /* operand: off, all or one */
+    TAKES_CONFIG = 0x40000,  /* --config */
 };
 
 struct command {
@@ -79,6 +80,8 @@ constexpr command COMMANDS[] = {
     {"open", TAKES_NAME | TAKES_HOLD | TAKES_JSON, command_open,
      "Make a player, which stays until the service ends"},
     {"close", TAKES_NAME | TAKES_JSON, command_close, "Close a player that nobody else holds"},
+    {"doctor", TAKES_CONFIG | TAKES_JSON, command_doctor,
+     "Look for what keeps the service from playing, and say what to mend"},
     {"screen", TAKES_PLAYER | TAKES_START | TAKES_SCREEN, command_screen,
      "Show a player on the terminal, with keys to steer it"},
 };
@@ -162,6 +165,10 @@ void declare_options(CLI::App* sub, uint32_t takes, arguments* what) {
         sub->add_flag("--hold", what->hold,
                       "Keep the player open until interrupted, then close it");
     }
+    if ((takes & TAKES_CONFIG) != 0) {
+        sub->add_option("-c,--config", what->config, "Configuration file of the service")
+            ->capture_default_str();
+    }
     if ((takes & TAKES_JSON) != 0) {
         sub->add_flag("--json", what->json, "Answer in JSON, one line a document");
     }
@@ -173,6 +180,11 @@ void declare_screen(CLI::App* sub, arguments* what) {
                     "play it")
         ->needs(sub->get_option("--player"));
     sub->add_option("--folder", what->folder, "The folder of the track session")
+        ->needs(sub->get_option("--source"));
+    sub->add_option("--resume", what->resume,
+                    "Go on with the track session of this media source that the player has or, "
+                    "if it is there already, gets within these seconds; leave the player open")
+        ->check(CLI::Range(0, INT32_MAX))
         ->needs(sub->get_option("--source"));
     sub->add_option("--seconds", what->seconds, "End after this time")
         ->check(CLI::Range(0, INT32_MAX));

@@ -40,7 +40,7 @@ bool send_expecting_success(connection* to, uint16_t type, const std::string& fi
 }
 
 request_node node_of(const lyr_ms_node& node) {
-    return {text_of(node.id), text_of(node.name), node.type, node.count};
+    return {text_of(node.id), text_of(node.name), node.type, node.count, node.ms_id};
 }
 
 /* Strings of one record of an array; the array is freed by its owner. */

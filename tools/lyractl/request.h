@@ -25,8 +25,9 @@ struct request_source {
 struct request_node {
     std::string id;
     std::string name;
-    int32_t type = 0;  /* LYR_NODE_*, or the plug-in's own */
-    int32_t count = 0; /* children of a folder */
+    int32_t type = 0;    /* LYR_NODE_*, or the plug-in's own */
+    int32_t count = 0;   /* children of a folder */
+    int32_t source = -1; /* id of its media source */
 };
 
 struct request_metadata {

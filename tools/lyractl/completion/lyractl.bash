@@ -32,8 +32,12 @@ _lyractl() {
     done
     case $before in
     -p | --player) candidates=$(_lyractl_players) ;;
+    -c | --config)
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
+        ;;
     --source) candidates=$(_lyractl_sources) ;;
-    --service | --folder | --note | --filter | --key | --offset | --limit | --start | --expected | --seconds)
+    --service | --folder | --note | --filter | --key | --offset | --limit | --start | --expected | --resume | --seconds)
         return
         ;;
     *)

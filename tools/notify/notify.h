@@ -1,6 +1,6 @@
 /* Tells the service manager that started us how far we are. */
-#ifndef NOWPLAYINGD_NOTIFY_H
-#define NOWPLAYINGD_NOTIFY_H
+#ifndef TOOLS_NOTIFY_H
+#define TOOLS_NOTIFY_H
 
 #include <string>
 
