@@ -63,7 +63,8 @@ TEST(Album, PlaysFromFolderToSound) {
         "audioconvert ! audio/x-raw,format=S16LE,channels=1 ! wavenc ! filesink location=" +
         rig.daemon.root + "/%u.wav";
     rig.daemon.player["update_interval"] = "50";
-    rig.daemon.plugins.push_back({"files", "", {{"folders", music.path}}, false, FILES_PLUGIN});
+    rig.daemon.plugins.push_back(
+        {"files", "", {{"folders", music.path}, {"mounts", ""}}, false, FILES_PLUGIN});
     ASSERT_TRUE(daemon_start(rig.daemon));
     ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
     ASSERT_EQ(request_sources(rig.client).size(), 1u);
@@ -99,7 +100,8 @@ TEST(Album, EndsInTheMiddleOfATrack) {
     daemon_prepare(rig.daemon);
     rig.daemon.player["audio_output"] = "fakesink sync=true";
     rig.daemon.player["update_interval"] = "20";
-    rig.daemon.plugins.push_back({"files", "", {{"folders", music.path}}, false, FILES_PLUGIN});
+    rig.daemon.plugins.push_back(
+        {"files", "", {{"folders", music.path}, {"mounts", ""}}, false, FILES_PLUGIN});
     ASSERT_TRUE(daemon_start(rig.daemon));
     ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
     EXPECT_EQ(request_open(rig.client, "radio"), 0);

@@ -1,16 +1,23 @@
 /* Clients that do what clients must not: it costs them, and nobody else. */
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "rig.h"
 
 namespace {
 
+constexpr int16_t OPEN = 0x200;
 constexpr int16_t PUTGET = 0x203;
 constexpr int16_t PUT = 0x204;
 
@@ -188,6 +195,8 @@ TEST(Hostile, ClientsThatNeverReadCostOnlyThemselves) {
     rig_end(rig);
 }
 
+/* With 64 descriptors the service takes 16 clients, half of them of one process; whoever is too
+ * many is told so, or waits at the door, and those inside notice nothing. */
 TEST(Hostile, OneThousandConnectionsOnFewDescriptors) {
     /* This process needs as many as it opens. */
     rlimit limit = {};
@@ -195,21 +204,44 @@ TEST(Hostile, OneThousandConnectionsOnFewDescriptors) {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     rig rig;
-    rig.daemon.descriptor_limit = 256;
+    rig.daemon.descriptor_limit = 64;
     ASSERT_TRUE(rig_start(rig, "/album|tracks:3\n"));
     EXPECT_EQ(request_open(rig.client, "radio"), 0);
     const int64_t before = daemon_descriptors(rig.daemon);
     std::vector<wire_client> crowd(1000);
+    int served = 0;
     for (wire_client& client : crowd) {
         /* Connecting must not block when the service does not take any more. */
-        wire_connect_nowait(client, rig_socket(rig.daemon));
+        if (!wire_connect_nowait(client, rig_socket(rig.daemon))) {
+            EXPECT_EQ(errno, EAGAIN);
+            continue;
+        }
+        const std::string name = rig.daemon.service + '\0';
+        (void)wire_send(client, wire_header(client, OPEN, static_cast<int32_t>(name.size()), 28) +
+                                    name); /* a refusal may be there before it */
+        const wire_reply reply = wire_receive(client);
+        EXPECT_TRUE(reply.came);
+        EXPECT_EQ(reply.status, reply.error ? ENOMEM : 0);
+        served += reply.came && !reply.error ? 1 : 0;
     }
+    EXPECT_EQ(served, 7);
     for (int i = 0; i < 100; ++i) {
         expect_served(rig);
     }
     uint64_t ts_id = 0;
     EXPECT_EQ(request_create(rig.client, 0, "/album", -1, 0, &ts_id), 0);
     EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    const pid_t other = fork(); /* there is room for another process */
+    if (other == 0) {
+        request_client client;
+        const bool is_served = request_connect(client, rig.daemon.service) &&
+                               request_open(client, "kitchen") == 0 &&
+                               request_close(client, "kitchen") == 0;
+        _exit(is_served ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
     for (wire_client& client : crowd) {
         wire_close(client);
     }
@@ -218,6 +250,52 @@ TEST(Hostile, OneThousandConnectionsOnFewDescriptors) {
     EXPECT_TRUE(request_connect(late, rig.daemon.service));
     EXPECT_EQ(request_open(late, "radio"), 0);
     request_disconnect(late);
+    expect_served(rig);
+    rig_end(rig);
+}
+
+/* It has asked for all that the sockets hold and reads none of it. */
+TEST(Hostile, OneThatNeverReadsWhileThirtyOneWork) {
+    constexpr int WORKERS = 31;
+    constexpr int32_t REQUESTS = 100;
+    rig rig;
+    ASSERT_TRUE(rig_start(rig, "/many|tracks:400\n"));
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    wire_client deaf = hostile_client(rig, true);
+    fcntl(deaf.fd, F_SETFL, O_NONBLOCK);
+    const std::string ask = request_begin(LYR_MSG_GET_MEDIA_SOURCE);
+    while (
+        wire_send(deaf, wire_header(deaf, PUTGET, static_cast<int32_t>(ask.size()), 65536) + ask)) {
+    }
+    const int64_t resident = daemon_resident(rig.daemon);
+    std::atomic<int> right = 0;
+    std::vector<std::thread> workers;
+    for (int i = 0; i < WORKERS; ++i) {
+        workers.emplace_back([&rig, &right, i] {
+            request_client client;
+            request_metadata data;
+            EXPECT_TRUE(request_connect(client, rig.daemon.service));
+            EXPECT_EQ(request_open(client, "p" + std::to_string(i % 8)), 0);
+            for (int32_t n = 0; n < REQUESTS; ++n) {
+                const std::string track = std::to_string((i + n) % 400);
+                right += request_metadata_of(client, 0, "/many/t" + track, data) == 0 &&
+                                 data.title == "Track " + std::to_string((i + n) % 400 + 1)
+                             ? 1
+                             : 0;
+            }
+            EXPECT_EQ(request_close(client, "p" + std::to_string(i % 8)), 0);
+            request_disconnect(client);
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    EXPECT_EQ(right, WORKERS * REQUESTS);
+    EXPECT_LT(daemon_resident(rig.daemon), resident + 128 * 1024); /* KiB; a sanitizer keeps some */
+    /* It may think better of it. */
+    fcntl(deaf.fd, F_SETFL, 0);
+    EXPECT_TRUE(wire_receive(deaf).came);
+    wire_close(deaf);
     expect_served(rig);
     rig_end(rig);
 }
@@ -236,5 +314,58 @@ TEST(Hostile, PlayersHaveABound) {
     EXPECT_GT(opened, 8);
     expect_served(rig);
     request_disconnect(greedy);
+    rig_end(rig);
+}
+
+/* What one user's clients take is bounded before it is everything. */
+TEST(Hostile, OneUserLeavesRoomForOthers) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user, too";
+    }
+    constexpr uid_t GREEDY = 54321;
+    rig rig;
+    rig.daemon.limits = R"({"players_per_user": "3", "tracks_per_user": "120"})";
+    ASSERT_TRUE(rig_start(rig, "/many|tree:1,3,50\n/few|tracks:3\n"));
+    const std::string folder = rig.daemon.root.substr(0, rig.daemon.root.rfind('/'));
+    ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
+    request_client greedy[4];
+    /* Of this thread alone: who connects is who it is at that moment. */
+    ASSERT_EQ(syscall(SYS_setresuid, -1, GREEDY, -1), 0);
+    for (request_client& client : greedy) {
+        EXPECT_TRUE(request_connect(client, rig.daemon.service));
+    }
+    ASSERT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
+
+    EXPECT_EQ(request_open(rig.client, "theirs"), 0);
+    EXPECT_EQ(request_open(greedy[0], "theirs"), 0); /* is another's, and costs nothing */
+    EXPECT_EQ(request_close(greedy[0], "theirs"), 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(request_open(greedy[i], "p" + std::to_string(i)), 0);
+    }
+    EXPECT_EQ(request_open(greedy[3], "p3"), -1);
+    EXPECT_NE(daemon_log(rig.daemon).find("Player p3 refused: user 54321 has 3 players open"),
+              std::string::npos);
+    EXPECT_EQ(request_close(greedy[2], "p2"), 0);
+    EXPECT_EQ(request_open(greedy[3], "p3"), 0);
+
+    uint64_t ts_id = 0;
+    uint64_t theirs = 0;
+    int32_t length = 0;
+    EXPECT_EQ(request_create(greedy[0], 0, "/many", -1, 0, &ts_id), 0);
+    EXPECT_TRUE(daemon_await_log(rig.daemon, "the sessions of user 54321 would have more"));
+    EXPECT_EQ(request_session(greedy[0], &ts_id, &length), 0);
+    EXPECT_GE(length, 50);
+    EXPECT_LE(length, 120);
+    EXPECT_EQ(request_create(rig.client, 0, "/many", -1, 0, &theirs), 0);
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "theirs", "trksession", "length", ":n:200"));
+    /* As many as go with those are there, and what is destroyed comes back. */
+    EXPECT_EQ(request_create(greedy[1], 0, "/many/f0", -1, 49, &theirs), -1);
+    EXPECT_EQ(request_destroy(greedy[0], ts_id), 0);
+    for (int i = 0; i < 60; ++i) {
+        EXPECT_EQ(request_create(greedy[1], 0, "/few", -1, 2, &ts_id), 0);
+    }
+    for (request_client& client : greedy) {
+        request_disconnect(client);
+    }
     rig_end(rig);
 }

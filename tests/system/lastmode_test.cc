@@ -1,10 +1,16 @@
 /* Ending and starting again: what the players played comes back. */
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "rig.h"
+#include "saved.h"
 
 namespace {
 
@@ -16,6 +22,9 @@ bool start(rig& rig, const std::string& script = "source disk") {
         daemon_prepare(rig.daemon);
         rig.daemon.options.push_back("-l");
         rig.daemon.options.push_back("-vvvvvvv");
+        if (rig.daemon.lastmode.empty()) { /* no source comes too late */
+            rig.daemon.lastmode = R"({"timeout": "300", "device_type": ["HDD"]})";
+        }
     }
     rig.daemon.plugins = {{"disk", script, {}}};
     if (!daemon_start(rig.daemon)) {
@@ -91,29 +100,7 @@ void expect_back(rig& rig, const saved_player& row) {
     EXPECT_EQ(request_close(rig.client, row.name), 0);
 }
 
-std::string database(const rig& rig) {
-    return rig.daemon.root + "/state/db/lyrane.db";
-}
-
 } // namespace
-
-TEST(Lastmode, BringsEveryPlayerBackTwice) {
-    rig rig;
-    ASSERT_TRUE(start(rig));
-    for (const saved_player& row : saved) {
-        bring(rig, row);
-    }
-    for (int run = 0; run < 2; ++run) {
-        stop(rig);
-        ASSERT_TRUE(start(rig));
-        for (const saved_player& row : saved) {
-            expect_back(rig, row);
-        }
-    }
-    EXPECT_EQ(fake_do(rig.disk, "violations"), "");
-    stop(rig);
-    daemon_remove(rig.daemon);
-}
 
 /* The source comes late, or never, or a client was faster. */
 TEST(Lastmode, WaitsForTheSourceAndYieldsToAClient) {
@@ -141,23 +128,138 @@ TEST(Lastmode, WaitsForTheSourceAndYieldsToAClient) {
     daemon_remove(rig.daemon);
 }
 
-/* Whatever stands in the place of the database, the service plays. */
-TEST(Lastmode, StartsWithoutAUsableDatabase) {
-    const char* contents[] = {"no database at all", "SQLite format 3"};
-    for (const char* content : contents) {
-        rig rig;
-        daemon_prepare(rig.daemon);
-        std::filesystem::create_directories(rig.daemon.root + "/state/db");
-        std::ofstream(database(rig)) << content;
-        rig.daemon.options.push_back("-l");
-        rig.daemon.plugins = {{"disk", "source disk", {}}};
-        ASSERT_TRUE(start(rig));
-        bring(rig, saved[0]);
-        stop(rig);
-        ASSERT_TRUE(start(rig));
-        expect_back(rig, saved[0]);
-        stop(rig);
-        EXPECT_TRUE(std::filesystem::exists(database(rig) + ".damaged"));
-        daemon_remove(rig.daemon);
+/* With saves while it runs, a kill loses nothing that was saved: not what plays, not what still
+ * waits for its source, and not what a plug-in keeps busy. */
+TEST(Lastmode, SavesWhileItRuns) {
+    rig rig;
+    rig.daemon.lastmode = R"({"checkpoint": "1", "timeout": "60", "device_type": ["HDD"]})";
+    ASSERT_TRUE(start(rig));
+    bring(rig, saved[0]);
+    bring(rig, saved[1]);
+    stop(rig);
+
+    /* Both wait for their source while a third one plays from another. */
+    ASSERT_TRUE(start(rig, "source disk auto=0\nsource other"));
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_open(rig.client, "third"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/a", -1, 2, &ts_id), 0);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    EXPECT_TRUE(saved_await("third", "length||' '||trk_id||' '||status", "20 2 2"));
+    EXPECT_EQ(saved_tracks("third"), 20);
+    EXPECT_EQ(saved_tracks("plays"), 20);
+    EXPECT_EQ(saved_tracks("paused"), 20);
+
+    /* A client's own session takes the place of one that waits, and goes with its player. */
+    EXPECT_EQ(request_open(rig.client, "paused"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/", -1, 0, &ts_id), 0);
+    EXPECT_TRUE(saved_await("paused", "mn_id||' '||length", "/ 21"));
+    EXPECT_EQ(saved_tracks("paused"), 21);
+    EXPECT_EQ(request_open(rig.client, "gone"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/a", -1, 0, &ts_id), 0);
+    EXPECT_TRUE(saved_await("gone", "length", "20"));
+    EXPECT_EQ(request_close(rig.client, "gone"), 0);
+    EXPECT_TRUE(saved_await("gone", "length", ""));
+
+    /* A player that its plug-in does not let go stays as it was; the others go on. */
+    EXPECT_EQ(request_open(rig.client, "busy"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/a", -1, 5, &ts_id), 0);
+    EXPECT_TRUE(saved_await("busy", "trk_id", "5"));
+    fake_do(rig.disk, "rule pause block=gate");
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    std::thread client([&rig] { EXPECT_EQ(request_simple(rig.client, LYR_MSG_PAUSE), 0); });
+    fake_do(rig.disk, "blocked gate");
+    const auto sessions = fake_log(rig.disk, "play.create");
+    fake_do(rig.disk, "event position value=777 session=%s",
+            fake_word(sessions.front(), "session").c_str());
+    EXPECT_TRUE(saved_await("third", "trk_pos", "777"));
+    EXPECT_EQ(saved_value("busy", "trk_id"), "5");
+    fake_do(rig.disk, "release gate");
+    client.join();
+
+    request_disconnect(rig.client);
+    fake_close(rig.disk);
+    daemon_signal(rig.daemon, SIGKILL);
+    daemon_wait(rig.daemon);
+    ASSERT_TRUE(start(rig, "source other\nsource disk"));
+    expect_back(rig, saved[0]);
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "paused", "trksession", "length", ":n:21"));
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "third", "state", "status", "::playing"));
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "busy", "track", "index", ":n:5"));
+    EXPECT_FALSE(rig_has_player(rig.daemon, "gone"));
+    stop(rig);
+    daemon_remove(rig.daemon);
+}
+
+/* An entry that never returns costs the orderly end, not what was played. Each takes the service's
+ * whole limit, so they hang side by side. */
+TEST(Lastmode, SavesAlthoughAPluginHangs) {
+    const struct {
+        const char* entry;
+        void (*ask)(request_client&); /* hangs the main thread; null: the end itself comes to it */
+    } rows[] = {{"pause", [](request_client& client) { request_simple(client, LYR_MSG_PAUSE); }},
+                {"rate", [](request_client& client) { request_speed(client, 2); }},
+                {"seek", [](request_client& client) { request_number(client, LYR_MSG_SEEK, 1); }},
+                {"browse",
+                 [](request_client& client) {
+                     std::vector<request_node> nodes;
+                     request_browse(client, 0, "/a", 0, 5, nodes);
+                 }},
+                {"search",
+                 [](request_client& client) {
+                     std::vector<request_node> nodes;
+                     request_search(client, 0, "", "x", 0, 5, nodes);
+                 }},
+                {"metadata",
+                 [](request_client& client) {
+                     request_metadata data;
+                     request_metadata_of(client, 0, "/a/t1", data);
+                 }},
+                {"extended",
+                 [](request_client& client) {
+                     std::vector<std::string> values;
+                     request_extended(client, 0, "/a/t1", {"key"}, values);
+                 }},
+                {"stop", nullptr},
+                {"play.destroy", nullptr},
+                {"browse.destroy", nullptr},
+                {"detection", nullptr},
+                {"cleanup", nullptr}};
+    struct rig rigs[std::size(rows)];
+    std::thread clients[std::size(rows)];
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        rigs[i].daemon.service = "hangs" + std::to_string(i);
+        rigs[i].daemon.own_root = true;
+        daemon_prepare(rigs[i].daemon);
+        rigs[i].daemon.options = {"-l", "-vvvvvvv"};
+        rigs[i].daemon.plugins = {{"disk", "source disk", {}}};
+        ASSERT_TRUE(daemon_start(rigs[i].daemon));
+        rigs[i].disk = daemon_fake(rigs[i].daemon, "disk");
+        fake_tree(rigs[i].disk, "", TREE);
+        ASSERT_TRUE(request_connect_wire(rigs[i].client, rig_socket(rigs[i].daemon),
+                                         rigs[i].daemon.service));
+        bring(rigs[i], saved[0]);
+        fake_do(rigs[i].disk, "rule %s block=never", rows[i].entry);
+        if (rows[i].ask != nullptr) {
+            clients[i] = std::thread(rows[i].ask, std::ref(rigs[i].client));
+            fake_do(rigs[i].disk, "blocked never");
+        }
+        daemon_signal(rigs[i].daemon, SIGTERM);
+    }
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        SCOPED_TRACE(rows[i].entry);
+        EXPECT_EQ(daemon_wait(rigs[i].daemon), EXIT_FAILURE);
+        EXPECT_TRUE(daemon_log(rigs[i].daemon).find("does not return (player") !=
+                    std::string::npos);
+        if (clients[i].joinable()) {
+            clients[i].join();
+        }
+        request_disconnect(rigs[i].client);
+        fake_close(rigs[i].disk);
+        rigs[i].daemon.plugins[0].script = "source disk";
+        ASSERT_TRUE(daemon_start(rigs[i].daemon));
+        EXPECT_TRUE(daemon_await_object(rigs[i].daemon, "plays", "state", "status", "::playing"));
+        EXPECT_TRUE(daemon_await_object(rigs[i].daemon, "plays", "track", "index", ":n:7"));
+        EXPECT_EQ(daemon_stop(rigs[i].daemon), 0);
+        daemon_remove(rigs[i].daemon);
     }
 }

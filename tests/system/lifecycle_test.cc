@@ -224,15 +224,3 @@ TEST(Lifecycle, EndsAlthoughAPluginDoesNotReturn) {
     fake_close(rig.disk);
     daemon_remove(rig.daemon);
 }
-
-TEST(Lifecycle, CountsItsVerbosityInSignals) {
-    rig rig;
-    ASSERT_TRUE(rig_start(rig, ALBUM));
-    for (int level : {5, 6, 7, 0, 1, 2, 3, 4}) {
-        const size_t from = daemon_log_mark(rig.daemon);
-        daemon_signal(rig.daemon, SIGUSR1);
-        ASSERT_TRUE(
-            daemon_await_log(rig.daemon, " INFO: verbosity now " + std::to_string(level), from));
-    }
-    rig_end(rig);
-}

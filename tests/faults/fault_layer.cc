@@ -1,0 +1,175 @@
+/* A layer between a process and the C library that fails one call. It counts from the load of the
+ * library on, and does nothing without FAULT_FILE. */
+#include "fault_layer.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+}
+
+static fault_plan* plan;
+
+/* Before anything that is counted: a constructor of the first library that is initialised. */
+__attribute__((constructor(101))) static void find_plan() {
+    const char* path = getenv("FAULT_FILE");
+    const int fd = path != nullptr ? open(path, O_RDWR | O_CLOEXEC) : -1;
+    if (fd >= 0) {
+        void* memory = mmap(nullptr, sizeof(fault_plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        close(fd);
+        plan = memory != MAP_FAILED ? static_cast<fault_plan*>(memory) : nullptr;
+    }
+}
+
+/* True for a call from the scripted plug-in or a library that starts threads for it: they are not
+ * what is under test. */
+static bool is_of_plugin(const void* caller) {
+    Dl_info where = {};
+    return dladdr(caller, &where) != 0 && where.dli_fname != nullptr &&
+           (strstr(where.dli_fname, "/disk.so") != nullptr ||
+            strstr(where.dli_fname, "libstdc++") != nullptr);
+}
+
+/* True when this call is to fail; errno is set then. A null caller counts always. */
+static bool fails(fault_call call, int error, const void* caller = nullptr) {
+    if (plan == nullptr || (caller != nullptr && is_of_plugin(caller)) ||
+        plan->counts[call].fetch_add(1) + 1 != plan->number || plan->call != call) {
+        return false;
+    }
+    errno = error;
+    return true;
+}
+
+/* The C library's function of that name and type. */
+template <typename type>
+static type* real(const char* name) {
+    return reinterpret_cast<type*>(dlsym(RTLD_NEXT, name));
+}
+
+/* Only what is written to a disk may find it full. */
+static bool is_file(int fd) {
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+extern "C" {
+
+void* malloc(size_t size) noexcept {
+    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) noexcept {
+    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, size_t size) noexcept {
+    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : __libc_realloc(memory, size);
+}
+
+int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    static const auto next = real<int(const char*, int, ...)>("open");
+    return fails(FAULT_OPEN, EMFILE, __builtin_return_address(0)) ? -1 : next(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    static const auto next = real<int(const char*, int, ...)>("open64");
+    return fails(FAULT_OPEN, EMFILE, __builtin_return_address(0)) ? -1 : next(path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    static const auto next = real<int(int, const char*, int, ...)>("openat");
+    return fails(FAULT_OPEN, EMFILE, __builtin_return_address(0))
+               ? -1
+               : next(directory, path, flags, mode);
+}
+
+ssize_t write(int fd, const void* bytes, size_t count) {
+    static const auto next = real<ssize_t(int, const void*, size_t)>("write");
+    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, __builtin_return_address(0))
+               ? -1
+               : next(fd, bytes, count);
+}
+
+ssize_t writev(int fd, const iovec* pieces, int count) {
+    static const auto next = real<ssize_t(int, const iovec*, int)>("writev");
+    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, __builtin_return_address(0))
+               ? -1
+               : next(fd, pieces, count);
+}
+
+ssize_t pwrite64(int fd, const void* bytes, size_t count, off64_t offset) {
+    static const auto next = real<ssize_t(int, const void*, size_t, off64_t)>("pwrite64");
+    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, __builtin_return_address(0))
+               ? -1
+               : next(fd, bytes, count, offset);
+}
+
+int rename(const char* from, const char* to) noexcept {
+    static const auto next = real<int(const char*, const char*)>("rename");
+    return fails(FAULT_RENAME, EIO, __builtin_return_address(0)) ? -1 : next(from, to);
+}
+
+int renameat(int from_directory, const char* from, int to_directory, const char* to) noexcept {
+    static const auto next = real<int(int, const char*, int, const char*)>("renameat");
+    return fails(FAULT_RENAME, EIO, __builtin_return_address(0))
+               ? -1
+               : next(from_directory, from, to_directory, to);
+}
+
+int fsync(int fd) {
+    static const auto next = real<int(int)>("fsync");
+    return fails(FAULT_SYNC, EIO, __builtin_return_address(0)) ? -1 : next(fd);
+}
+
+int fdatasync(int fd) {
+    static const auto next = real<int(int)>("fdatasync");
+    return fails(FAULT_SYNC, EIO, __builtin_return_address(0)) ? -1 : next(fd);
+}
+
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    static const auto next = real<int(int, sockaddr*, socklen_t*, int)>("accept4");
+    return fails(FAULT_ACCEPT, EMFILE, __builtin_return_address(0))
+               ? -1
+               : next(fd, address, length, flags);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                   void* argument) noexcept {
+    static const auto next =
+        real<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+    return fails(FAULT_THREAD, EAGAIN, __builtin_return_address(0))
+               ? EAGAIN
+               : next(thread, attributes, body, argument);
+}
+
+void* dlopen(const char* path, int flags) noexcept {
+    static const auto next = real<void*(const char*, int)>("dlopen");
+    return fails(FAULT_DLOPEN, ENOENT, __builtin_return_address(0)) ? nullptr : next(path, flags);
+}
+}

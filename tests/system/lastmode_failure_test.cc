@@ -1,0 +1,321 @@
+/* Databases that are not as they should be, and places where none can be had: the line about it,
+ * and a service that plays. */
+#include <filesystem>
+#include <fstream>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <veloran/lock.h>
+#include <veloran/pps.h>
+
+#include "rig.h"
+#include "saved.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int32_t ABSENT = -2; /* the player was not opened */
+constexpr int32_t NONE = -1;   /* it is open without a session */
+
+struct lastmode_failure_test : ::testing::Test {
+    struct rig rig;
+    std::string saved; /* the database with one player and its session of three tracks */
+
+    std::string file() const { return rig.daemon.root + "/state/db/lyrane.db"; }
+    std::string configuration() const {
+        return daemon_path(rig.daemon, "/pps/veloran/sqldb/config/lyrane");
+    }
+    void SetUp() override {
+        daemon_prepare(rig.daemon);
+        rig.daemon.options = {"-l", "-vvvvvvv"};
+        rig.daemon.plugins = {{"disk", "source disk", {}}};
+        ASSERT_TRUE(start());
+        play();
+        stop();
+        std::ifstream in(file(), std::ios::binary);
+        saved.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    void TearDown() override { daemon_remove(rig.daemon); }
+
+    bool connect() {
+        rig.disk = daemon_fake(rig.daemon, "disk");
+        fake_tree(rig.disk, "", "/a|tracks:3");
+        return request_connect(rig.client, rig.daemon.service);
+    }
+    bool start() { return daemon_start(rig.daemon) && connect(); }
+    void play() {
+        uint64_t ts_id = 0;
+        EXPECT_EQ(request_open(rig.client, "p"), 0);
+        EXPECT_EQ(request_create(rig.client, 0, "/a", -1, 1, &ts_id), 0);
+        EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:3"));
+        EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    }
+    void stop() {
+        request_disconnect(rig.client);
+        fake_close(rig.disk);
+        EXPECT_EQ(daemon_stop(rig.daemon), 0);
+    }
+    void put_back() {
+        std::ofstream out(file(), std::ios::binary | std::ios::trunc);
+        out << saved;
+    }
+    void run_sql(const std::string& text) const {
+        sqlite3* database = nullptr;
+        ASSERT_EQ(sqlite3_open(file().c_str(), &database), SQLITE_OK);
+        char* reason = nullptr;
+        EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, &reason), SQLITE_OK)
+            << text << ": " << reason;
+        sqlite3_close(database);
+    }
+    int count(const std::string& table) const {
+        sqlite3* database = nullptr;
+        sqlite3_stmt* statement = nullptr;
+        EXPECT_EQ(sqlite3_open(file().c_str(), &database), SQLITE_OK);
+        sqlite3_prepare_v2(database, ("SELECT count(*) FROM " + table).c_str(), -1, &statement,
+                           nullptr);
+        const int rows =
+            sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int(statement, 0) : -1;
+        sqlite3_finalize(statement);
+        sqlite3_close(database);
+        return rows;
+    }
+    bool said(const std::string& text) const {
+        return daemon_log(rig.daemon).find(text) != std::string::npos;
+    }
+    /* Tracks of the player "p", ABSENT or NONE; once its restore is over. */
+    int32_t restored() {
+        if (!rig_has_player(rig.daemon, "p")) {
+            return ABSENT;
+        }
+        uint64_t ts_id = 0;
+        int32_t length = 0;
+        EXPECT_EQ(request_open(rig.client, "p"), 0);
+        return request_session(rig.client, &ts_id, &length) == 0 ? length : NONE;
+    }
+};
+
+/* Plays the database service of a root: the service finds the place taken. */
+struct served_by_us {
+    explicit served_by_us(const test_daemon& daemon) : root(daemon), lock(open_lock(daemon)) {
+        EXPECT_EQ(flock(lock.value, LOCK_EX | LOCK_NB), 0);
+    }
+    ~served_by_us() {
+        pps_unlink("/pps/veloran/sqldb/status/lyrane");
+        pps_unlink("/pps/veloran/sqldb/status/lyrane2");
+        fs::remove(daemon_path(root, "/dev/sqldb/lyrane"));
+    }
+    static int open_lock(const test_daemon& daemon) {
+        const std::string path = daemon_path(daemon, "/dev/sqldb/.lock");
+        fs::create_directories(fs::path(path).parent_path());
+        return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    }
+    void name(const std::string& database) const {
+        std::ofstream(daemon_path(root, "/dev/sqldb/lyrane")) << "Filename::" << database << '\n';
+    }
+    static void status(const std::string& object, const std::string& text) {
+        pps_object* file = pps_open(("/pps/veloran/sqldb/status/" + object).c_str(),
+                                    O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        ASSERT_NE(file, nullptr);
+        EXPECT_EQ(pps_write(file, text.data(), text.size()), 0);
+        pps_close(file);
+    }
+    const test_daemon& root;
+    vel_fd lock;
+};
+
+} // namespace
+
+TEST_F(lastmode_failure_test, rows_edited_by_hand) {
+    const struct {
+        const char* sql;
+        const char* line; /* null: none */
+        int32_t length;
+    } rows[] = {
+        {"INSERT INTO trksessions SELECT * FROM trksessions",
+         "The trksession saved for p is not unique", NONE},
+        {"DELETE FROM trksessions", "The trksession saved for p is not unique", NONE},
+        {"UPDATE trksessions SET length=0", "The trksession saved for p has zero tracks", NONE},
+        {"UPDATE trksessions SET length=NULL", "The trksession saved for p has zero tracks", NONE},
+        {"UPDATE trksessions SET length='x'", "The trksession saved for p has zero tracks", NONE},
+        {"UPDATE trksessions SET length=2", "The number of tracks was not properly saved for p",
+         NONE},
+        {"UPDATE trksessions SET length=-3", "The number of tracks was not properly saved for p",
+         NONE},
+        {"UPDATE trksessions SET length=4294967299",
+         "The number of tracks was not properly saved for p", NONE},
+        {"DELETE FROM trksession_medianodes WHERE id=2",
+         "The number of tracks was not properly saved for p", NONE},
+        {"UPDATE players SET name=NULL", "A player was saved without its name", ABSENT},
+        {"UPDATE players SET name=x'70'", "A player was saved without its name", ABSENT},
+        {"UPDATE players SET name='a/b'", "Player refused: its name", ABSENT},
+        {"INSERT INTO players SELECT 'p2', ts_id, status, shuffle_mode, repeat_mode, "
+         "playback_rate FROM players",
+         "Last mode trksession is created", 3},
+        {"UPDATE players SET ts_id=-1", nullptr, NONE},
+        {"UPDATE players SET ts_id=NULL", nullptr, NONE},
+        {"UPDATE players SET ts_id='x'", nullptr, NONE},
+        {"UPDATE players SET ts_id=9223372036854775807", "The trksession saved for p is not unique",
+         NONE},
+        {"UPDATE players SET ts_id=9223372036854775807;"
+         "UPDATE trksessions SET ts_id=9223372036854775807;"
+         "UPDATE trksession_medianodes SET ts_id=9223372036854775807",
+         "Last mode trksession is created", 3},
+        {"UPDATE trksessions SET trk_id=-5", nullptr, NONE},
+        {"UPDATE trksessions SET trk_id=3", nullptr, NONE},
+        {"UPDATE trksessions SET trk_id=4294967296", "Last mode trksession is created", 3},
+        {"UPDATE trksessions SET trk_pos='x', ms_type=NULL, mn_id=NULL",
+         "Last mode trksession is created", 3},
+        {"UPDATE trksessions SET ms_uid=NULL", nullptr, NONE},
+        {"UPDATE trksessions SET ms_plugin_name=NULL", nullptr, NONE},
+        {"UPDATE players SET status='x', shuffle_mode=7, repeat_mode=99, playback_rate='fast'",
+         "Last mode trksession is created", 3},
+        {"UPDATE trksession_medianodes SET name=NULL, url=NULL, ms_uid=NULL, ms_type=NULL, "
+         "mn_type='x'",
+         "Last mode trksession is created", 3},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.sql);
+        put_back();
+        run_sql(row.sql);
+        const size_t mark = daemon_log_mark(rig.daemon);
+        ASSERT_TRUE(start());
+        ASSERT_EQ(daemon_settle(rig.daemon, saved_restoring, 0), 0);
+        const std::string log = daemon_log(rig.daemon).substr(mark);
+        if (row.line != nullptr) {
+            EXPECT_NE(log.find(row.line), std::string::npos) << log;
+        }
+        EXPECT_EQ(restored(), row.length) << log;
+        EXPECT_EQ(fake_do(rig.disk, "violations"), "");
+        stop();
+    }
+}
+
+/* Tables that are missing show only when somebody else serves the database. */
+TEST_F(lastmode_failure_test, what_the_database_service_does_wrong) {
+    const struct {
+        const char* sql;
+        const char* line;
+        int32_t length;
+    } rows[] = {
+        {"DROP TABLE players", "Failed to access TABLE players: ", ABSENT},
+        {"DROP TABLE trksessions", "The TABLE trksession was not properly saved for p", NONE},
+        {"DROP TABLE trksession_medianodes",
+         "The TABLE trksession_medianodes was not properly saved for p", NONE},
+        {"", "Failed to connect to database", ABSENT}, /* its name is not there */
+    };
+    const served_by_us service(rig.daemon);
+    service.status("lyrane", "Status::Validating\n"); /* begins as it must */
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        put_back();
+        if (row.sql[0] != '\0') {
+            run_sql(row.sql);
+            service.name(file());
+        } else {
+            fs::remove(daemon_path(rig.daemon, "/dev/sqldb/lyrane"));
+        }
+        const size_t mark = daemon_log_mark(rig.daemon);
+        ASSERT_TRUE(start());
+        EXPECT_NE(daemon_log(rig.daemon).find(row.line, mark), std::string::npos);
+        EXPECT_EQ(restored(), row.length);
+        stop();
+    }
+    /* Nothing has been read, and so nothing is replaced. */
+    rig.daemon.lastmode = R"({"keep_missing": "1", "checkpoint": "1"})";
+    ASSERT_TRUE(start());
+    play();
+    service.name(file());
+    stop();
+    EXPECT_TRUE(said("What is saved of the players could not be read and is left as it is"));
+    EXPECT_EQ(count("trksession_medianodes"), 3);
+}
+
+TEST_F(lastmode_failure_test, start_without_a_valid_database) {
+    const std::string config = fs::path(configuration()).parent_path();
+    const std::string status = daemon_path(rig.daemon, "/pps/veloran/sqldb/status");
+    const struct {
+        std::string path; /* a file where a directory should be */
+        const char* line;
+    } rows[] = {{config, "Error: database creation failed "},
+                {status, "sqldb not running... exiting"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        fs::remove_all(row.path);
+        std::ofstream(row.path) << "x";
+        ASSERT_TRUE(start());
+        EXPECT_TRUE(said(row.line));
+        play();
+        stop();
+        fs::remove(row.path);
+        fs::create_directory(row.path);
+    }
+    EXPECT_TRUE(said("database_initialize failed"));
+
+    /* The states of others, and other attributes, do not count. */
+    const served_by_us service(rig.daemon);
+    service.name(file());
+    service.status("lyrane2", "Status::Valid\n");
+    service.status("lyrane", "OldStatus::Valid\nBackupDir::u@lyrane\n");
+    const size_t mark = daemon_log_mark(rig.daemon);
+    ASSERT_TRUE(start());
+    EXPECT_NE(daemon_log(rig.daemon).find("database_initialize failed", mark), std::string::npos);
+    EXPECT_EQ(restored(), ABSENT);
+    stop();
+    /* One that becomes valid later is waited for. */
+    put_back(); /* what was not read is replaced by default */
+    ASSERT_TRUE(daemon_spawn(rig.daemon));
+    ASSERT_TRUE(daemon_await_log(rig.daemon, "backup database initializes ...",
+                                 daemon_log_mark(rig.daemon)));
+    service.status("lyrane", "Status::Valid\n");
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:3"));
+    EXPECT_EQ(daemon_stop(rig.daemon), 0);
+}
+
+TEST_F(lastmode_failure_test, saves_that_fail) {
+    /* A refused row is left out, and its session is not taken for a whole one. */
+    const struct {
+        const char* table;
+        int32_t length; /* after the next start */
+    } tables[] = {{"players", ABSENT}, {"trksessions", NONE}, {"trksession_medianodes", NONE}};
+    for (const auto& row : tables) {
+        SCOPED_TRACE(row.table);
+        const std::string table = row.table;
+        put_back();
+        run_sql("CREATE TRIGGER refuse BEFORE INSERT ON " + table + " WHEN " +
+                (table == "trksession_medianodes" ? "NEW.mn_id='/a/t1'" : "1") +
+                " BEGIN SELECT RAISE(ABORT, 'no'); END");
+        ASSERT_TRUE(start());
+        EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:3"));
+        stop();
+        EXPECT_TRUE(said("sqldb_statement on TABLE " + table + " failed: "));
+        EXPECT_FALSE(fs::exists(configuration()));
+        ASSERT_TRUE(start());
+        EXPECT_EQ(restored(), row.length);
+        stop();
+    }
+
+    /* Tables that cannot be cleared stay as they were, all of them. */
+    put_back();
+    run_sql("CREATE TRIGGER refuse BEFORE DELETE ON players BEGIN SELECT RAISE(ABORT, 'no'); END");
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:3"));
+    stop();
+    EXPECT_TRUE(fs::exists(configuration()));
+    EXPECT_EQ(count("trksession_medianodes"), 3);
+
+    /* A database that is no longer served. */
+    put_back();
+    ASSERT_TRUE(start());
+    fs::remove(daemon_path(rig.daemon, "/dev/sqldb/lyrane"));
+    const size_t mark = daemon_log_mark(rig.daemon);
+    stop();
+    EXPECT_NE(daemon_log(rig.daemon).find("Failed to connect to database", mark),
+              std::string::npos);
+    EXPECT_TRUE(fs::exists(configuration()));
+    EXPECT_EQ(count("players"), 1);
+}
