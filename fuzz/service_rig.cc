@@ -87,7 +87,7 @@ int32_t take_reply(osb* connection, recv_context* context, int32_t status, const
     return take_replyv(connection, context, status, &piece, 1);
 }
 
-/* Waits for the build thread of the connection's player, if there is one. */
+/* Waits for the build thread of a player, if there is one. */
 void await_build(player* owner) {
     trksession* session = owner == nullptr ? nullptr : trksession_hold(owner);
     if (session != nullptr) {
@@ -202,6 +202,9 @@ void rig_begin(unsigned bits) {
     settings = {nullptr, nullptr, 250, static_cast<int32_t>(bits >> 2 & 1), depths[bits >> 3 & 3]};
     put_plugins_back();
     descriptors = next_descriptor();
+}
+
+void rig_connect(void) {
     for (osb& connection : connections) {
         connection = {};
         connection.server = &server;
@@ -211,7 +214,10 @@ void rig_begin(unsigned bits) {
 
 void rig_end(void) {
     for (osb& connection : connections) {
-        service_disconnect(&connection, nullptr, nullptr);
+        if (connection.server != nullptr) {
+            service_disconnect(&connection, nullptr, nullptr);
+        }
+        connection = {};
     }
     require(mmcontrol.client_count == 0, "clients are counted");
     (void)players_force_close(&mmcontrol);
@@ -228,6 +234,16 @@ void rig_end(void) {
     while (next_descriptor() != descriptors) {
         sched_yield();
     }
+}
+
+void rig_await_builds(void) {
+    for (int32_t i = 0; i < mmcontrol.players.count; ++i) {
+        await_build(static_cast<player*>(mmcontrol.players.items[i]));
+    }
+}
+
+void rig_calm(int plugin) {
+    tell(plugin, "event finished session=null data=null"); /* refused, in its turn */
 }
 
 void rig_reconnect(int connection) {

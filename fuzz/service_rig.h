@@ -1,6 +1,6 @@
-/* The service in the process of a fuzz target: players, media sources of the scripted plug-in, and
- * two connections whose requests go straight to the service's worker and whose replies come back
- * here. */
+/* The service in the process of a fuzz target: players, media sources of the scripted plug-in, and,
+ * if wanted, two connections whose requests go straight to the service's worker and whose replies
+ * come back here. */
 #ifndef FUZZ_SERVICE_RIG_H
 #define FUZZ_SERVICE_RIG_H
 
@@ -19,9 +19,18 @@ struct rig_reply {
 /* Sets everything up, once. */
 void rig_start(void);
 
-/* Puts the plug-in and the settings back, and connects. `settings`: the log level, the progression
- * mode and the recursion depth, a few bits each. */
+/* Puts the plug-in and the settings back. `settings`: the log level, the progression mode and the
+ * recursion depth, a few bits each. */
 void rig_begin(unsigned settings);
+
+/* Makes the two connections whose requests go straight to the worker. */
+void rig_connect(void);
+
+/* Waits for all track sessions that are being built. */
+void rig_await_builds(void);
+
+/* Waits until a plug-in has made the events that it owes. */
+void rig_calm(int plugin);
 
 /* Disconnects and closes all players. Whatever is left then is a finding. */
 void rig_end(void);

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include "input.h"
 #include "msgserver.h"
 #include "reply.h"
+#include "serve.h"
 
 namespace {
 
@@ -107,19 +107,6 @@ void answer_late(size_t position) {
     (void)server->reply2(entry.connection, entry.rcvid, entry.tag, 3, &body, 1);
 }
 
-/* Lets the server work until it has nothing to do. It is woken each time, so that it never waits
- * for a client: here nobody else would send. */
-void serve(void) {
-    pollfd channel = {server->chid, POLLIN, 0};
-    while (poll(&channel, 1, 0) == 1) {
-        require(message_wake(server->dispatch) == 0, "the server can be woken");
-        do {
-            (void)msgserver_receive(server);
-            (void)msgserver_dispatch(server);
-        } while (msgserver_context(server)->info.pulse != MESSAGE_PULSE_WAKE);
-    }
-}
-
 /* --- Clients -----------------------------------------------------------------------------------
  */
 
@@ -177,7 +164,7 @@ bool read_packet(client* c) {
 
 void read_replies(client* c) {
     while (c->fd >= 0 && read_packet(c)) {
-        serve(); /* what did not fit into the socket follows */
+        serve_all(server); /* what did not fit into the socket follows */
     }
 }
 
@@ -267,7 +254,7 @@ void send_step(fuzz_input* input, client* c, bool made, unsigned flags) {
         close(descriptor);
     }
     if ((flags & 1) == 0) {
-        serve();
+        serve_all(server);
     }
     if ((flags & 3) == 0) {
         read_replies(c);
@@ -348,14 +335,14 @@ void require_idle(void) {
 }
 
 void finish(void) {
-    serve();
+    serve_all(server);
     for_each_connection(require_counts);
     for (client& c : clients) {
         read_replies(&c);
         require(c.halved || c.answered == c.sent, "every packet is answered");
         disconnect(&c);
     }
-    serve();
+    serve_all(server);
     while (!late.empty()) {
         answer_late(0);
     }
