@@ -1,147 +1,159 @@
-/* What requests to the whole service cost, service and client on one core; medians. One line a
- * figure: name, value, unit.
+/* What requests to the whole service cost, service and clients on one core.
  *
- * bare_ping_pong  an exchange of the same sizes between two processes over a bare socket
- * state           get_current_state; state_ratio over the bare exchange
- * track_of_list   one track of a list of 100,000: packed, sent, received and unpacked */
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
+ * request_rtt       get_current_state over a bare exchange of the same sizes
+ * request_rtt_1000  the same with 1,000 other connections idle
+ * request_async     put, pulse and get over the bare exchange
+ * throughput_32     requests a second of 32 clients at once over those of a bare server
+ * publish           a request until a watcher has read what it changed, over the bare exchange
+ * list_100k         a track of a list of 100,000: packed, sent, received and decoded
+ * list_1m           the same of a list of a million; of the big sizes
+ */
 #include <cstdlib>
-#include <functional>
+#include <string>
 #include <vector>
 
-#include <sched.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "daemon.h"
-#include "requests.h"
+#include "bench_service.h"
+#include "measure.h"
 
 namespace {
 
-constexpr int ROUNDS = 50000;
+constexpr int PAIRS = 41;
+constexpr int ROUNDS = 300; /* of each half of a pair */
 constexpr int LIST_ROUNDS = 15;
 constexpr int32_t TRACKS = 100000;
-/* On the socket, header and frame included. */
-constexpr size_t REQUEST = 28 + sizeof(lyr_request);
-constexpr size_t REPLY = 44 + sizeof(lyr_state_reply);
+constexpr int32_t BIG_TRACKS = 1000000;
 
-using steady = std::chrono::steady_clock;
+struct measured {
+    bench_service service;
+    msgclient_t* client; /* of the one player */
+    bench_echo echo;
+};
 
-double median_us(int rounds, const std::function<void()>& round) {
-    std::vector<double> times;
-    for (int i = 0; i < rounds; ++i) {
-        const steady::time_point begin = steady::now();
-        round();
-        times.push_back(std::chrono::duration<double, std::micro>(steady::now() - begin).count());
-    }
-    std::sort(times.begin(), times.end());
-    return times[times.size() / 2];
+double echo_seconds(const measured& all) {
+    return bench_rounds(ROUNDS, [&] { bench_echo_round(all.echo, STATE_REQUEST); });
 }
 
-double bare_ping_pong() {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-        std::exit(EXIT_FAILURE);
-    }
-    const pid_t child = fork();
-    char buffer[256] = {};
-    if (child == 0) {
-        close(ends[0]);
-        while (recv(ends[1], buffer, REQUEST, MSG_WAITALL) > 0 &&
-               send(ends[1], buffer, REPLY, MSG_NOSIGNAL) > 0) {
-        }
-        _exit(0);
-    }
-    close(ends[1]);
-    const double median = median_us(ROUNDS, [&] {
-        if (send(ends[0], buffer, REQUEST, MSG_NOSIGNAL) < 0 ||
-            recv(ends[0], buffer, REPLY, MSG_WAITALL) < 0) {
-            std::exit(EXIT_FAILURE);
-        }
-    });
-    close(ends[0]);
-    waitpid(child, nullptr, 0);
-    return median;
+double over_echo(const measured& all, const std::function<double()>& ours) {
+    return bench_ratio(PAIRS, ours, [&] { return echo_seconds(all); });
 }
 
-double state_us(request_client& client) {
+double rtt(const measured& all) {
+    return over_echo(all, [&] { return bench_rounds(ROUNDS, [&] { state_round(all.client); }); });
+}
+
+double rtt_in_crowd(const measured& all) {
+    idle_crowd crowd = crowd_begin(all.service.daemon.service.c_str());
+    const double ratio = rtt(all);
+    crowd_end(crowd);
+    return ratio;
+}
+
+double async(const measured& all) {
+    msgclient_t* client = all.client;
+    if (msgclient_notify_pulse(client, 1) != 0) {
+        bench_give_up("no channel for pulses");
+    }
     const lyr_request request = {LYR_MSG_GET_CURRENT_STATE, {}};
-    return median_us(ROUNDS, [&] {
-        lyr_state_reply state;
-        int32_t length = 0;
-        if (msgclient_putget(client.library, &request, sizeof request, &state, sizeof state,
-                             &length, 0) != 0 ||
-            state.result != 0) {
-            std::exit(EXIT_FAILURE);
-        }
+    return over_echo(all, [&] {
+        return bench_rounds(ROUNDS, [&] {
+            lyr_state_reply state;
+            int32_t length = 0;
+            if (msgclient_put(client, 1, &request, sizeof request, 0) != 0 ||
+                msgclient_wait_pulse(client) != 1 ||
+                msgclient_get(client, 1, &state, sizeof state, &length, 0) != 0 ||
+                state.result != 0) {
+                bench_give_up("a request without waiting failed");
+            }
+        });
     });
 }
 
-/* The whole list at once into room that was there before, and its records made and freed. */
-double list_us(request_client& client, uint64_t ts_id) {
+double publish(const measured& all) {
+    watch_bench* bench = watch_begin("/pps/services/lyrane/player0/state?wait,delta", all.client);
+    const double ratio = over_echo(all, [&] { return watch_seconds(bench, ROUNDS); });
+    watch_end(bench);
+    return ratio;
+}
+
+/* A session of a folder of tracks, known whole. */
+uint64_t make_session(measured& all, int32_t tracks) {
+    fake_client disk = daemon_fake(all.service.daemon, "disk");
+    fake_tree(disk, "", "/a|tracks:" + std::to_string(tracks) + "\n");
+    fake_close(disk);
+    uint64_t ts_id = 0;
+    if (request_create(all.service.clients[0], 0, "/a", -1, 0, &ts_id) != 0) {
+        bench_give_up("no track session");
+    }
+    for (int32_t length = 0; length < tracks;) {
+        if (request_session(all.service.clients[0], &ts_id, &length) != 0) {
+            bench_give_up("the track session has gone");
+        }
+    }
+    return ts_id;
+}
+
+/* Microseconds a track; the reply comes into room that was there before. */
+double list(measured& all, int32_t tracks) {
     std::string request = request_begin(LYR_MSG_GET_TRKSESSION_TRACKS);
-    request_u64(request, ts_id);
+    request_u64(request, make_session(all, tracks));
     request_i32(request, 0);
     request_i32(request, -1);
-    std::vector<char> reply(16U << 20);
-    return median_us(LIST_ROUNDS, [&] {
+    std::vector<char> reply(static_cast<size_t>(tracks) * 160);
+    const double seconds = bench_rounds(LIST_ROUNDS, [&] {
         int32_t length = 0;
-        lyr_ms_node* tracks = nullptr;
-        if (msgclient_putget(client.library, request.data(), static_cast<int32_t>(request.size()),
+        lyr_ms_node* nodes = nullptr;
+        if (msgclient_putget(all.client, request.data(), static_cast<int32_t>(request.size()),
                              reply.data(), static_cast<int32_t>(reply.size()), &length, 0) != 0 ||
-            unpack_media_node(reply.data() + 8, length - 8, TRACKS, &tracks) != 0) {
-            std::exit(EXIT_FAILURE);
+            unpack_media_node(reply.data() + 8, length - 8, tracks, &nodes) != 0) {
+            bench_give_up("no list of tracks");
         }
-        free_lyr_ms_nodes(&tracks, TRACKS);
+        free_lyr_ms_nodes(&nodes, tracks);
     });
-}
-
-/* A service with a player that has a session of TRACKS tracks. */
-void start(test_daemon& daemon, request_client& client, uint64_t* ts_id) {
-    daemon_prepare(daemon);
-    daemon.plugins.push_back({"disk", "source disk", {}});
-    int32_t length = 0;
-    bool ready = daemon_start(daemon);
-    if (ready) {
-        fake_client disk = daemon_fake(daemon, "disk");
-        fake_tree(disk, "", "/a|tracks:" + std::to_string(TRACKS) + "\n");
-        fake_close(disk);
-    }
-    ready = ready && request_connect(client, daemon.service) &&
-            request_open(client, "bench") == 0 &&
-            request_create(client, 0, "/a", -1, 0, ts_id) == 0;
-    while (ready && length < TRACKS) {
-        ready = request_session(client, ts_id, &length) == 0;
-    }
-    if (!ready) {
-        std::exit(EXIT_FAILURE);
-    }
+    return seconds * 1e6 / tracks;
 }
 
 } // namespace
 
-int main() {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(static_cast<size_t>(std::max(sched_getcpu(), 0)), &one);
-    (void)sched_setaffinity(0, sizeof one, &one);
-    const double bare = bare_ping_pong();
-    test_daemon daemon;
-    request_client client;
-    uint64_t ts_id = 0;
-    start(daemon, client, &ts_id);
-    const double state = state_us(client);
-    const double list = list_us(client, ts_id);
-    std::printf("bare_ping_pong %.2f us\n", bare);
-    std::printf("state %.2f us\n", state);
-    std::printf("state_ratio %.2f times\n", state / bare);
-    std::printf("track_of_list %.3f us\n", list / TRACKS);
-    (void)request_close(client, "bench");
-    request_disconnect(client);
-    (void)daemon_stop(daemon);
-    daemon_remove(daemon);
-    return 0;
+void state_round(msgclient_t* client) {
+    const lyr_request request = {LYR_MSG_GET_CURRENT_STATE, {}};
+    lyr_state_reply state;
+    int32_t length = 0;
+    if (msgclient_putget(client, &request, sizeof request, &state, sizeof state, &length, 0) != 0 ||
+        state.result != 0) {
+        bench_give_up("get_current_state failed");
+    }
+}
+
+int main(int argc, char** argv) {
+    bench_begin(argc, argv);
+    bench_pin();
+    measured all;
+    all.echo = bench_echo_start(STATE_REPLY);
+    bench_service_start(all.service, bench_scripted(), 1);
+    all.client = all.service.clients[0].library;
+    (void)make_session(all, 1);
+    if (bench_wanted("request_rtt")) {
+        bench_figure("request_rtt", rtt(all), "ratio");
+    }
+    if (bench_wanted("request_rtt_1000")) {
+        bench_figure("request_rtt_1000", rtt_in_crowd(all), "ratio");
+    }
+    if (bench_wanted("request_async")) {
+        bench_figure("request_async", async(all), "ratio");
+    }
+    if (bench_wanted("throughput_32")) {
+        bench_figure("throughput_32", throughput_32(all.service.daemon.service.c_str()), "ratio");
+    }
+    if (bench_wanted("publish")) {
+        bench_figure("publish", publish(all), "ratio");
+    }
+    if (bench_wanted("list_100k")) {
+        bench_figure("list_100k", list(all, TRACKS), "us/track");
+    }
+    if (bench_wanted("list_1m", true)) {
+        bench_figure("list_1m", list(all, BIG_TRACKS), "us/track");
+    }
+    bench_service_stop(all.service);
+    bench_echo_end(all.echo);
+    return EXIT_SUCCESS;
 }

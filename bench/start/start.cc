@@ -1,18 +1,14 @@
-/* How fast the service comes up, and how large it is then.
+/* How fast the service comes up, and how large it is then: it is started again and again in a name
+ * space of its own.
  *
- * Starts it again and again in a name space of its own, once without a plug-in and once with the
- * `files` plug-in, and prints one line a figure: name, value, unit.
- *   start       from the fork to the first request answered, `files` loaded; median
- *   rss_idle    resident size without a plug-in
- *   rss_files   resident size with `files` loaded and nothing played
+ * start      from the fork to the first request answered, `files` plug-in loaded
+ * rss_idle   resident size without a plug-in
+ * rss_files  resident size with `files` loaded and nothing played
  */
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -24,21 +20,19 @@
 
 #include <lyrane/client.h>
 
+#include "bench.h"
+
 namespace {
 
 constexpr int ROUNDS = 21;
 
-/* A place of our own, gone at the end; one for all, since the roots are looked up once. */
+/* One name space for all, since the roots are looked up once. */
 std::string make_place() {
-    std::string root = std::filesystem::temp_directory_path() / "lyrane-bench-XXXXXX";
-    if (mkdtemp(root.data()) == nullptr) {
-        std::perror("mkdtemp");
-        std::exit(1);
-    }
+    const std::string root = bench_folder();
     setenv("VELORAN_RUN", (root + "/run").c_str(), 1);
     setenv("VELORAN_STATE", (root + "/state").c_str(), 1);
+    setenv("XDG_CACHE_HOME", (root + "/cache").c_str(), 1);
     setenv("VELORAN_SLOG", ("file:" + root + "/log").c_str(), 1);
-    std::filesystem::create_directory(root + "/music");
     return root;
 }
 
@@ -77,8 +71,7 @@ void await_answer(pid_t child) {
             }
         }
         if (waitpid(child, nullptr, WNOHANG) == child) {
-            std::fprintf(stderr, "the service ended at once\n");
-            std::exit(1);
+            bench_give_up("the service ended at once");
         }
         std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
@@ -96,19 +89,13 @@ double resident_megabytes(pid_t child) {
 
 /* One start: milliseconds to the first answer, and the size then. */
 void measure(const std::string& root, std::vector<double>& times, std::vector<double>& sizes) {
-    const auto begin = std::chrono::steady_clock::now();
+    const double begin = bench_now();
     const pid_t child = start(root);
     await_answer(child);
-    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-    times.push_back(took.count());
+    times.push_back((bench_now() - begin) * 1000);
     sizes.push_back(resident_megabytes(child));
     kill(child, SIGTERM);
     waitpid(child, nullptr, 0);
-}
-
-double median(std::vector<double>& values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 void measure_with(const std::string& root, const char* plugins, double& time, double& size) {
@@ -118,20 +105,28 @@ void measure_with(const std::string& root, const char* plugins, double& time, do
     for (int i = 0; i < ROUNDS; ++i) {
         measure(root, times, sizes);
     }
-    time = median(times);
-    size = median(sizes);
+    time = bench_median(times);
+    size = bench_median(sizes);
 }
 
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    bench_begin(argc, argv);
+    bench_use_memory();
     double time = 0;
     double size = 0;
     const std::string root = make_place();
     measure_with(root, "\"" FILES_PLUGIN "\": {\"folders\": \"/usr/share\"}", time, size);
-    std::printf("start %.1f ms\nrss_files %.1f MB\n", time, size);
-    measure_with(root, "", time, size);
-    std::printf("rss_idle %.1f MB\n", size);
-    std::filesystem::remove_all(root);
+    if (bench_wanted("start")) {
+        bench_figure("start", time, "ms");
+    }
+    if (bench_wanted("rss_files")) {
+        bench_figure("rss_files", size, "MB");
+    }
+    if (bench_wanted("rss_idle")) {
+        measure_with(root, "", time, size);
+        bench_figure("rss_idle", size, "MB");
+    }
     return 0;
 }
