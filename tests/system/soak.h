@@ -38,6 +38,11 @@ enum soak_count {
     SOAK_COUNTS
 };
 
+/* What goes on beside the polite client: nothing, as much as many people and programs make, or as
+ * much as all can. */
+enum soak_load { SOAK_ALONE, SOAK_BUSY, SOAK_RUSH, SOAK_LOADS };
+constexpr unsigned SOAK_BUSY_PAUSES = 20; /* times as long as in a rush */
+
 struct soak {
     int64_t seconds = 60;
     int64_t life_seconds = 0; /* of one run of the service */
@@ -49,6 +54,7 @@ struct soak {
     std::atomic<int64_t> counts[SOAK_COUNTS] = {};
     std::atomic<int64_t> differences = 0;
     std::set<std::string> kept; /* players that last mode brought back; they stay to the end */
+    std::atomic<unsigned> pauses = 1;    /* times as long as in a rush */
     std::atomic<bool> is_dying = false;  /* failed requests tell nothing any more */
     std::atomic<int64_t> deaf_opens = 0; /* players left open by the deaf in this life */
     /* Odd while an arbiter is there or coming: the focus moves players besides their commands. */
@@ -74,7 +80,7 @@ void soak_resume(soak& soak);
 void soak_join(soak& soak);
 
 /* The pause of somebody who does a thing now and then; without it all would only wait in line. */
-void soak_pause(std::mt19937& random, unsigned most_us);
+void soak_pause(const soak& soak, std::mt19937& random, unsigned most_us);
 
 /* Something that is not as it must be. Said at once, unless the service is being ended. */
 void soak_differ(soak& soak, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -93,12 +99,15 @@ void soak_hostile_client(soak& soak, unsigned number);
 void soak_arbiter(soak& soak, unsigned number);
 void soak_end_arbiter(soak& soak, bool is_quiet);
 
-/* soak_polite.cc: a client whose requests are timed. */
+/* soak_polite.cc: a client that is timed, on a source that is left alone by all others. */
+constexpr const char* SOAK_POLITE_SOURCE = "polite";
+constexpr int32_t SOAK_POLITE_TRACKS = 100;
 void soak_polite_client(soak& soak, unsigned number);
-/* From now on under load, and not alone any more. */
-void soak_polite_loaded();
-/* 99th percentiles in microseconds. */
-int64_t soak_polite_alone();
-int64_t soak_polite_under_load();
+void soak_polite_load(soak_load now);
+/* 99th percentiles in microseconds: of a visit of some twenty requests, and of a single one. */
+struct soak_polite_times {
+    int64_t visit, request;
+};
+soak_polite_times soak_polite_result(soak_load under);
 
 #endif

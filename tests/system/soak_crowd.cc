@@ -6,11 +6,11 @@
 
 namespace {
 
-/* The sources that nobody's model counts on. */
+/* The sources that nobody counts on. */
 std::vector<int32_t> shared_sources(request_client& client) {
     std::vector<int32_t> ids;
     for (const request_source& source : request_sources(client)) {
-        if (source.uid.compare(0, 5, "model") != 0) {
+        if (source.uid.compare(0, 5, "model") != 0 && source.uid != SOAK_POLITE_SOURCE) {
             ids.push_back(source.id);
         }
     }
@@ -91,7 +91,7 @@ void visit_player(soak& soak, std::mt19937& random) {
             soak_differ(soak, "a request on %s is not answered", player.c_str());
         }
         soak_add(soak, SOAK_REQUESTS);
-        soak_pause(random, 20000);
+        soak_pause(soak, random, 20000);
     }
     if (request_close(visit.client, player) != 0) {
         soak_differ(soak, "%s cannot be closed", player.c_str());
@@ -153,7 +153,7 @@ void soak_wind(soak& soak, unsigned number) {
     fake_client fake = daemon_fake(soak.daemon, uid);
     while (soak_turn(soak)) {
         gust(soak, fake, uid, random);
-        soak_pause(random, 40000);
+        soak_pause(soak, random, 40000);
     }
     fake_close(fake);
 }
@@ -201,7 +201,8 @@ void soak_check_shared(soak& soak) {
             soak_differ(soak, "%s is published although all have closed it", player);
         }
     }
-    constexpr size_t sources = 3 + 3; /* of the models; spare, stick, the folder */
+    constexpr size_t sources =
+        3 + 4; /* of the models; the polite one's, spare, stick, the folder */
     const size_t found = request_sources(client).size();
     if (found != sources) {
         soak_differ(soak, "%zu sources, not %zu", found, sources);

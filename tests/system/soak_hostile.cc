@@ -140,7 +140,7 @@ void soak_hostile_client(soak& soak, unsigned number) {
     std::mt19937 random(soak.seed * 100 + 50 + number);
     const int32_t source = spare_source(soak);
     while (soak_turn(soak)) {
-        soak_pause(random, 80000);
+        soak_pause(soak, random, 80000);
         switch (random() % 4) {
         case 0:
             send_garbage(soak, random);

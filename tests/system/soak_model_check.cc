@@ -172,7 +172,7 @@ void soak_models_join(soak& soak, bool is_back) {
 void soak_model_client(soak& soak, unsigned number) {
     while (soak_turn(soak)) {
         soak_model_step(soak, players[number]);
-        soak_pause(players[number].random, 8000);
+        soak_pause(soak, players[number].random, 8000);
     }
 }
 

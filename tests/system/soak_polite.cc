@@ -1,4 +1,6 @@
-/* A client as it should be, whose requests are timed: first alone, then beside all others. */
+/* A client as it should be. Its visits are timed, first alone, then beside all others. A single
+ * request is told besides: it may meet one of others that takes longer than itself, as all are
+ * served one after another. */
 #include <algorithm>
 #include <ctime>
 
@@ -16,8 +18,10 @@ struct histogram {
     std::vector<int64_t> counts = std::vector<int64_t>(LONGEST / STEP + 1);
     int64_t total = 0;
 };
-histogram times[2]; /* alone, under load; of the one polite client */
-std::atomic<int> is_loaded = 0;
+/* Of the one polite client. */
+histogram visits[SOAK_LOADS];
+histogram requests[SOAK_LOADS];
+std::atomic<int> load = SOAK_ALONE;
 
 int64_t now_us() {
     timespec time = {};
@@ -36,38 +40,88 @@ int64_t percentile_99(const histogram& times_of) {
     return 0;
 }
 
+int32_t source_of(request_client& client, const std::string& uid) {
+    for (const request_source& source : request_sources(client)) {
+        if (source.uid == uid) {
+            return source.id;
+        }
+    }
+    return -1;
+}
+
+bool is_at(request_client& client, int32_t index) {
+    return request_current_settled(client).index == index;
+}
+
+/* All tracks of the session that is being built; nobody else makes one on this player. */
+bool await_built(request_client& client) {
+    const int64_t limit = soak_now() + DAEMON_LIMIT;
+    uint64_t ts_id = 0;
+    int32_t length = 0;
+    while (length != SOAK_POLITE_TRACKS && soak_now() < limit) {
+        if (request_session(client, &ts_id, &length) != 0) {
+            return false;
+        }
+    }
+    return length == SOAK_POLITE_TRACKS;
+}
+
+/* What somebody does with a screen: looks into a folder, takes a track of it, looks through the
+ * session, moves about in it, and clears it away. False when an answer is wrong. */
+bool visit(request_client& client, int32_t source, int32_t track) {
+    std::vector<request_node> nodes;
+    uint64_t ts_id = 0;
+    request_metadata data;
+    return request_browse(client, source, "/", 0, 30, nodes) == 0 && nodes.size() == 1 &&
+           request_browse(client, source, "/f", 0, 30, nodes) == 0 && nodes.size() == 30 &&
+           request_create(client, source, "/f", SOAK_POLITE_TRACKS, track, &ts_id) == 0 &&
+           is_at(client, track) && await_built(client) &&
+           request_tracks(client, ts_id, 0, 30, nodes) == 0 && nodes.size() == 30 &&
+           request_metadata_of(client, source, nodes[0].id, data) == 0 &&
+           request_simple(client, LYR_MSG_NEXT) == 0 && is_at(client, track + 1) &&
+           request_simple(client, LYR_MSG_PREVIOUS) == 0 && is_at(client, track) &&
+           request_number(client, LYR_MSG_JUMP, 7) == 0 && is_at(client, 7) &&
+           request_state(client).status == LYR_STATUS_STOPPED &&
+           request_destroy(client, ts_id) == 0 && request_state(client).status == LYR_STATUS_IDLE;
+}
+
+void count(histogram& into, int64_t took) {
+    into.counts[static_cast<size_t>(std::min(took, LONGEST) / STEP)] += 1;
+    into.total += 1;
+}
+
 } // namespace
 
 void soak_polite_client(soak& soak, unsigned number) {
     (void)number;
+    std::mt19937 random(soak.seed * 100 + 90);
     request_client client;
-    if (!request_connect(client, soak.daemon.service) || request_open(client, "polite") != 0) {
+    int32_t source = -1;
+    if (!request_connect(client, soak.daemon.service) || request_open(client, "polite") != 0 ||
+        (source = source_of(client, SOAK_POLITE_SOURCE)) < 0) {
         soak_differ(soak, "the polite client cannot begin");
     }
     while (soak_turn(soak)) {
+        const auto track = static_cast<int32_t>(random() % (SOAK_POLITE_TRACKS - 1));
         const int64_t begin = now_us();
-        if (request_state(client).result != 0) {
-            soak_differ(soak, "the polite client is not answered");
+        if (!visit(client, source, track)) {
+            soak_differ(soak, "the polite client got a wrong answer, beginning at %d", track);
         }
-        const int64_t took = std::min(now_us() - begin, LONGEST);
+        const int64_t between = now_us();
+        (void)request_state(client);
         if (!soak.is_dying) {
-            histogram& into = times[is_loaded];
-            into.counts[static_cast<size_t>(took / STEP)] += 1;
-            into.total += 1;
+            count(visits[load], between - begin);
+            count(requests[load], now_us() - between);
         }
-        usleep(2000);
+        usleep(5000);
     }
     request_disconnect(client);
 }
 
-void soak_polite_loaded() {
-    is_loaded = 1;
+void soak_polite_load(soak_load now) {
+    load = now;
 }
 
-int64_t soak_polite_alone() {
-    return percentile_99(times[0]);
-}
-
-int64_t soak_polite_under_load() {
-    return percentile_99(times[1]);
+soak_polite_times soak_polite_result(soak_load under) {
+    return {percentile_99(visits[under]), percentile_99(requests[under])};
 }
