@@ -10,8 +10,8 @@
 #include <sys/types.h>
 
 constexpr size_t PEERS_MAX = 1024;
-constexpr int32_t PEER_BURST = 64;     /* messages that a client may send at once */
-constexpr int64_t PEER_REFILL_MS = 20; /* time in which it may send one more */
+constexpr int32_t PEER_BURST = 64;    /* messages that a client may send at once */
+constexpr int64_t PEER_REFILL_MS = 2; /* time in which it may send one more */
 
 struct peer {
     int fd = -1;
