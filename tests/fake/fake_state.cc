@@ -105,8 +105,9 @@ fake_session* fake_session_of(fake_state& state, const void* handle, bool plays,
         return nullptr;
     }
     /* Only so many dead ones are kept for events with stale handles. */
-    while (state.sessions.size() > SESSIONS_KEPT && !state.sessions.begin()->second.alive) {
-        state.sessions.erase(state.sessions.begin());
+    for (auto at = state.sessions.begin();
+         state.sessions.size() > SESSIONS_KEPT && at != state.sessions.end();) {
+        at = at->second.alive ? std::next(at) : state.sessions.erase(at);
     }
     return &found->second;
 }
