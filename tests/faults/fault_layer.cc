@@ -16,10 +16,17 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+/* Looking these up by name would allocate. What C++ allocates with the address sanitizer does not
+ * come by here. */
+#ifdef FAULT_LAYER_OVER_SANITIZER
+#define REAL(name) __interceptor_##name
+#else
+#define REAL(name) __libc_##name
+#endif
 extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
+void* REAL(malloc)(size_t size);
+void* REAL(calloc)(size_t count, size_t size);
+void* REAL(realloc)(void* memory, size_t size);
 }
 
 static fault_plan* plan;
@@ -69,15 +76,15 @@ static bool is_file(int fd) {
 extern "C" {
 
 void* malloc(size_t size) noexcept {
-    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : __libc_malloc(size);
+    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : REAL(malloc)(size);
 }
 
 void* calloc(size_t count, size_t size) noexcept {
-    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : __libc_calloc(count, size);
+    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : REAL(calloc)(count, size);
 }
 
 void* realloc(void* memory, size_t size) noexcept {
-    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : __libc_realloc(memory, size);
+    return fails(FAULT_ALLOCATE, ENOMEM) ? nullptr : REAL(realloc)(memory, size);
 }
 
 int open(const char* path, int flags, ...) {
