@@ -156,7 +156,7 @@ bool work(soak& soak, int64_t until) {
     return true;
 }
 
-bool check_quiet(soak& soak, int64_t life_began) {
+bool check_quiet(soak& soak, int64_t load_began) {
     if (!soak_quiet(soak)) {
         soak_differ(soak, "not all come to rest");
         daemon_signal(soak.daemon, SIGABRT);
@@ -165,7 +165,7 @@ bool check_quiet(soak& soak, int64_t life_began) {
     soak_end_arbiter(soak, true);
     soak_models_check(soak);
     soak_check_shared(soak);
-    soak_watch(soak, soak_now() - life_began);
+    soak_watch(soak, soak_now() - load_began);
     soak_add(soak, SOAK_QUIETS);
     return true;
 }
@@ -213,18 +213,19 @@ bool live(soak& soak, bool is_back, int64_t until, const ending& how) {
         !work(soak, began + std::min(ALONE_MS, (until - began) / 4))) {
         return false;
     }
+    const int64_t load_began = soak_now();
     set_load(soak, SOAK_BUSY);
     spawn_all(soak);
     soak_load load = SOAK_BUSY;
     for (int64_t next = soak_now() + round; next < until; next = soak_now() + round) {
-        if (!work(soak, next) || !check_quiet(soak, began)) {
+        if (!work(soak, next) || !check_quiet(soak, load_began)) {
             return false;
         }
         load = load == SOAK_BUSY ? SOAK_RUSH : SOAK_BUSY;
         set_load(soak, load);
         soak_resume(soak);
     }
-    if (!work(soak, until) || (how.is_quiet && !check_quiet(soak, began))) {
+    if (!work(soak, until) || (how.is_quiet && !check_quiet(soak, load_began))) {
         return false;
     }
     end_life(soak, how);
@@ -255,7 +256,7 @@ void print_table(const soak& soak) {
         printf("  99th percentile %-24s visit %8lld us, request %8lld us\n", loads[load],
                static_cast<long long>(polite.visit), static_cast<long long>(polite.request));
     }
-    printf("  %-40s %10lld KiB\n", "most memory above a life's first minute",
+    printf("  %-40s %10lld KiB\n", "most memory above that after a minute",
            static_cast<long long>(soak_watch_growth()));
     printf("  %-40s %10lld\n", "differences", static_cast<long long>(soak.differences));
 }
