@@ -1,6 +1,10 @@
 #include "log.h"
 
+#include <algorithm>
+#include <climits>
 #include <ctime>
+
+#include <poll.h>
 #include <unistd.h>
 
 #include <veloran/slog.h>
@@ -13,7 +17,8 @@ constexpr size_t LINE_MAX_BYTES = 1000;
 
 bool to_system = false;
 time_t second = 0;
-int32_t lines = 0; /* asked for in this second */
+int32_t lines = 0;    /* asked for in this second */
+int32_t left_out = 0; /* since this was told */
 
 time_t clock_seconds() {
     timespec now = {};
@@ -21,13 +26,18 @@ time_t clock_seconds() {
     return now.tv_sec;
 }
 
-void put(int32_t severity, const std::string& text) {
+/* False when nobody reads the standard error: all players wait for the arbiter, so it waits for
+ * nobody. There is room for PIPE_BUF bytes when a pipe says that there is some. */
+bool put(int32_t severity, const std::string& text) {
     if (to_system) {
         (void)slogb(0, severity, text.data(), text.size());
-        return;
+        return true;
     }
-    const std::string line = "nowplayingd: " + text + "\n";
-    (void)!write(STDERR_FILENO, line.data(), line.size());
+    std::string line = "nowplayingd: " + text;
+    line.resize(std::min<size_t>(line.size(), PIPE_BUF - 1));
+    line += '\n';
+    pollfd standard_error = {STDERR_FILENO, POLLOUT, 0};
+    return poll(&standard_error, 1, 0) == 1 && write(STDERR_FILENO, line.data(), line.size()) > 0;
 }
 
 } // namespace
@@ -40,13 +50,13 @@ void log_to_system() {
 void log_line(int32_t severity, const std::string& text) {
     const time_t now = clock_seconds();
     if (now != second) {
-        if (lines > LOG_LINES_MAX) {
-            put(LOG_ODD, std::to_string(lines - LOG_LINES_MAX) + " lines were left out");
+        if (left_out > 0 && put(LOG_ODD, std::to_string(left_out) + " lines were left out")) {
+            left_out = 0;
         }
         second = now;
         lines = 0;
     }
-    if (++lines <= LOG_LINES_MAX) {
-        put(severity, text_printable(text.substr(0, LINE_MAX_BYTES)));
+    if (++lines > LOG_LINES_MAX || !put(severity, text_printable(text.substr(0, LINE_MAX_BYTES)))) {
+        ++left_out;
     }
 }
