@@ -139,8 +139,8 @@ int run(scene& scene) {
     return hung ? -1 : status;
 }
 
-/* The last line of a log at level 3 or below. */
-std::string last_warning(const std::string& log) {
+/* The last line of a log at level 3 or below, without the place of this run. */
+std::string last_warning(const std::string& log, const std::string& root) {
     std::string found;
     size_t at = 0;
     while (at < log.size()) {
@@ -150,12 +150,13 @@ std::string last_warning(const std::string& log) {
         }
         at = end + 1;
     }
-    return found;
+    const size_t place = found.find(root);
+    return place == std::string::npos ? found : found.replace(place, root.size(), "...");
 }
 
-outcome judge(fault_call call, int status, const std::string& log) {
+outcome judge(fault_call call, int status, const std::string& log, const std::string& root) {
     outcome result;
-    result.why = last_warning(log);
+    result.why = last_warning(log, root);
     if (status == 0) {
         result.text = "goes on";
     } else if (status == EXIT_FAILURE && !result.why.empty()) {
@@ -231,7 +232,8 @@ TEST(Faults, EveryCallMayFail) {
             put_back(scene);
             const int status = run(scene);
             const std::string log = daemon_log(scene.rig.daemon).substr(mark);
-            const outcome result = judge(static_cast<fault_call>(call), status, log);
+            const outcome result =
+                judge(static_cast<fault_call>(call), status, log, scene.rig.daemon.root);
             EXPECT_NE(result.text, "") << "status " << status << '\n' << log;
             auto& entry = table[std::string(names[call]) + " | " + result.text];
             entry.first += 1;
@@ -244,7 +246,10 @@ TEST(Faults, EveryCallMayFail) {
     }
     const char* path = std::getenv("LYRANE_FAULT_TABLE");
     std::ofstream file(path != nullptr ? path : "/dev/null");
-    file << "| call that fails | outcome | runs | a last line |\n| --- | --- | --- | --- |\n";
+    file << "# What became of a call that failed\n\nWritten by `faults_test` with "
+            "LYRANE_FAULT_TABLE: "
+         << points << " runs of one scenario,\nin each of which one call fails.\n\n"
+         << "| call | outcome | runs | a last line |\n| --- | --- | --- | --- |\n";
     for (const auto& [name, entry] : table) {
         file << "| " << name << " | " << entry.first << " | " << entry.second << " |\n";
     }
