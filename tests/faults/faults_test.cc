@@ -139,14 +139,15 @@ int run(scene& scene) {
     return hung ? -1 : status;
 }
 
-/* The last line of a log at level 3 or below, without the place of this run. */
+/* The last line of a log at level 3 or below, none of a stack, without the place of this run. */
 std::string last_warning(const std::string& log, const std::string& root) {
     std::string found;
     size_t at = 0;
     while (at < log.size()) {
         const size_t end = std::min(log.find('\n', at), log.size());
-        if (log[at] >= '1' && log[at] <= '3') {
-            found = log.substr(at, end - at);
+        const std::string line = log.substr(at, end - at);
+        if (line[0] >= '1' && line[0] <= '3' && line.find("(+0x") == std::string::npos) {
+            found = line;
         }
         at = end + 1;
     }
