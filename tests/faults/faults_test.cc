@@ -27,7 +27,6 @@
 
 namespace {
 
-constexpr int POINTS = 8; /* of each call, in a round */
 constexpr int HANG_MS = 30000;
 
 const char* const names[FAULT_CALLS] = {"allocation", "open",   "write",      "rename",
@@ -219,7 +218,7 @@ TEST(Faults, EveryCallMayFail) {
     scene.saved = read_all(database(scene));
 
     const char* rounds = std::getenv("LYRANE_ROUNDS");
-    const int64_t wanted = POINTS * int64_t{rounds != nullptr ? std::atoi(rounds) : 1};
+    const int64_t wanted = FAULT_POINTS * int64_t{rounds != nullptr ? std::atoi(rounds) : 1};
     std::map<std::string, std::pair<int, std::string>> table;
     int points = 0;
     for (int call = 0; call < FAULT_CALLS; ++call) {
