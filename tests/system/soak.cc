@@ -228,7 +228,6 @@ bool live(soak& soak, bool is_back, int64_t until, const ending& how) {
     if (!work(soak, until) || (how.is_quiet && !check_quiet(soak, load_began))) {
         return false;
     }
-    soak_watch_end(soak);
     end_life(soak, how);
     return true;
 }

@@ -36,7 +36,6 @@ int64_t first_minute;
 int64_t same_for; /* ms */
 bool has_base;
 measure base;
-measure latest; /* at the last quiet moment */
 int64_t growth = -1;
 
 measure take(const soak& soak) {
@@ -94,8 +93,11 @@ void soak_watch(soak& soak, int64_t age) {
     }
     if (MEMORY_TELLS && first_minute == FIRST_MINUTE) {
         growth = std::max(growth, now.memory - base.memory);
+        if (now.memory > base.memory + MEMORY_MORE) {
+            soak_differ(soak, "%lld KiB, %lld after the first minute",
+                        static_cast<long long>(now.memory), static_cast<long long>(base.memory));
+        }
     }
-    latest = now;
     printf("soak: life %lld, %lld s: %lld commands compared, %lld descriptors, %lld threads, "
            "%lld KiB, %lld differences\n",
            static_cast<long long>(soak.counts[SOAK_LIVES]), static_cast<long long>(age / 1000),
@@ -103,12 +105,4 @@ void soak_watch(soak& soak, int64_t age) {
            static_cast<long long>(now.descriptors), static_cast<long long>(now.threads),
            static_cast<long long>(now.memory), static_cast<long long>(soak.differences));
     fflush(stdout);
-}
-
-void soak_watch_end(soak& soak) {
-    if (MEMORY_TELLS && has_base && first_minute == FIRST_MINUTE &&
-        latest.memory > base.memory + MEMORY_MORE) {
-        soak_differ(soak, "%lld KiB at the last quiet moment, %lld after the first minute",
-                    static_cast<long long>(latest.memory), static_cast<long long>(base.memory));
-    }
 }
