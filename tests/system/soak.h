@@ -38,8 +38,8 @@ enum soak_count {
     SOAK_COUNTS
 };
 
-/* What goes on beside the polite client: nothing, as much as many people and programs make, or as
- * much as all can. */
+/* What goes on beside the polite client: nothing new, as much as many people and programs make, or
+ * as much as all can. */
 enum soak_load { SOAK_ALONE, SOAK_BUSY, SOAK_RUSH, SOAK_LOADS };
 constexpr unsigned SOAK_BUSY_PAUSES = 20; /* times as long as in a rush */
 
@@ -64,19 +64,22 @@ struct soak {
 
     std::mutex lock;
     std::condition_variable changed;
-    enum { WORK, QUIET, OVER } phase = OVER;
+    enum { WORK, ALONE, QUIET, OVER } phase = OVER; /* ALONE: work for the polite client */
     int actors = 0;
     int parked = 0;
 };
 
 int64_t soak_now(); /* ms */
 
-/* Between two turns of an actor: parks while it is quiet. False when the life is over. */
+/* Between two turns of an actor: parks while it is quiet, or another's time. False when the life is
+ * over. */
 bool soak_turn(soak& soak);
+bool soak_turn_polite(soak& soak);
 void soak_spawn(soak& soak, void (*actor)(::soak&, unsigned), unsigned number);
 /* Waits until all are parked; false when they do not come. */
 bool soak_quiet(soak& soak);
-void soak_resume(soak& soak);
+/* Lets all go on, or the polite client only. */
+void soak_resume(soak& soak, soak_load load);
 void soak_join(soak& soak);
 
 /* The pause of somebody who does a thing now and then; without it all would only wait in line. */
@@ -103,10 +106,13 @@ void soak_end_arbiter(soak& soak, bool is_quiet);
 constexpr const char* SOAK_POLITE_SOURCE = "polite";
 constexpr int32_t SOAK_POLITE_TRACKS = 100;
 void soak_polite_client(soak& soak, unsigned number);
+/* For what comes next, while it is parked: the load beside it. Ends a round. */
 void soak_polite_load(soak_load now);
-/* 99th percentiles in microseconds: of a visit of some twenty requests, and of a single one. */
+/* 99th percentiles in microseconds: of a visit of some twenty requests, and of a single one. A
+ * virtual machine that is not given a processor for a moment spoils the rounds of that moment, and
+ * with them the percentile of all visits; the median of what the rounds had stays. */
 struct soak_polite_times {
-    int64_t visit, request;
+    int64_t round, visit, request;
 };
 soak_polite_times soak_polite_result(soak_load under);
 

@@ -1,4 +1,4 @@
-/* A client as it should be. Its visits are timed, first alone, then beside all others. A single
+/* A client as it should be. Its visits are timed, alone and beside all others in turn. A single
  * request is told besides: it may meet one of others that takes longer than itself, as all are
  * served one after another. */
 #include <algorithm>
@@ -12,6 +12,7 @@ namespace {
 
 constexpr int64_t LONGEST = 1000000; /* us that are told apart */
 constexpr int64_t STEP = 10;
+constexpr size_t ROUND_LEAST = 100; /* visits; fewer have no 99th percentile */
 
 /* Counts of times; a long run has too many to keep them all. */
 struct histogram {
@@ -19,14 +20,28 @@ struct histogram {
     int64_t total = 0;
 };
 /* Of the one polite client. */
-histogram visits[SOAK_LOADS];
-histogram requests[SOAK_LOADS];
+struct timing {
+    histogram visits;
+    histogram requests;
+    std::vector<int64_t> rounds; /* 99th percentiles of visits, in microseconds */
+};
+timing timings[SOAK_LOADS];
 std::atomic<int> load = SOAK_ALONE;
+std::vector<int64_t> of_round; /* us; visits, written while not parked */
 
 int64_t now_us() {
     timespec time = {};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return time.tv_sec * 1000000 + time.tv_nsec / 1000;
+}
+
+int64_t percentile_of(std::vector<int64_t>& times, size_t percent) {
+    if (times.empty()) {
+        return 0;
+    }
+    const auto at = times.begin() + static_cast<ptrdiff_t>((times.size() - 1) * percent / 100);
+    std::nth_element(times.begin(), at, times.end());
+    return *at;
 }
 
 int64_t percentile_99(const histogram& times_of) {
@@ -101,7 +116,7 @@ void soak_polite_client(soak& soak, unsigned number) {
         (source = source_of(client, SOAK_POLITE_SOURCE)) < 0) {
         soak_differ(soak, "the polite client cannot begin");
     }
-    while (soak_turn(soak)) {
+    while (soak_turn_polite(soak)) {
         const auto track = static_cast<int32_t>(random() % (SOAK_POLITE_TRACKS - 1));
         const int64_t begin = now_us();
         if (!visit(client, source, track)) {
@@ -110,8 +125,9 @@ void soak_polite_client(soak& soak, unsigned number) {
         const int64_t between = now_us();
         (void)request_state(client);
         if (!soak.is_dying) {
-            count(visits[load], between - begin);
-            count(requests[load], now_us() - between);
+            of_round.push_back(between - begin);
+            count(timings[load].visits, between - begin);
+            count(timings[load].requests, now_us() - between);
         }
         usleep(5000);
     }
@@ -119,9 +135,15 @@ void soak_polite_client(soak& soak, unsigned number) {
 }
 
 void soak_polite_load(soak_load now) {
+    if (of_round.size() >= ROUND_LEAST) {
+        timings[load].rounds.push_back(percentile_of(of_round, 99));
+    }
+    of_round.clear();
     load = now;
 }
 
 soak_polite_times soak_polite_result(soak_load under) {
-    return {percentile_99(visits[under]), percentile_99(requests[under])};
+    timing& timing = timings[under];
+    return {percentile_of(timing.rounds, 50), percentile_99(timing.visits),
+            percentile_99(timing.requests)};
 }
