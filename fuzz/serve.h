@@ -2,7 +2,11 @@
 #ifndef FUZZ_SERVE_H
 #define FUZZ_SERVE_H
 
+#include <string>
+
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <veloran/message.h>
 
@@ -20,6 +24,19 @@ inline void serve_all(msgserver* server) {
             (void)msgserver_dispatch(server);
         } while (msgserver_context(server)->info.pulse != MESSAGE_PULSE_WAKE);
     }
+}
+
+/* A client's socket to a service that is served here; the caller's. */
+inline int connect_to(const char* service) {
+    const std::string path = fuzz_root() + "/run/sys/csm/" + service + "/default";
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    require(path.size() < sizeof address.sun_path, "a path that is short enough");
+    path.copy(address.sun_path, path.size());
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    require(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
+            "a client can connect");
+    return fd;
 }
 
 #endif

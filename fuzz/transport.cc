@@ -10,7 +10,6 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <veloran/message.h>
@@ -118,17 +117,6 @@ void disconnect(client* c) {
         close(c->events);
     }
     *c = {};
-}
-
-void connect_client(client* c) {
-    const std::string path = fuzz_root() + "/run/sys/csm/" + SERVICES[0] + "/default";
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    require(path.size() < sizeof address.sun_path, "a path that is short enough");
-    path.copy(address.sun_path, path.size());
-    c->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    require(connect(c->fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
-            "a client can connect");
 }
 
 /* Takes one packet of a reply; false when there is none. */
@@ -246,7 +234,7 @@ void send_step(fuzz_input* input, client* c, bool made, unsigned flags) {
     const unsigned kind = with_descriptor ? input_u8(input) : 0;
     const std::string bytes = made ? make_message(input) : input_bytes(input, input_u16(input));
     if (c->fd < 0) {
-        connect_client(c);
+        c->fd = connect_to(SERVICES[0]);
     }
     const int descriptor = with_descriptor ? descriptor_of_kind(c, kind) : -1;
     send_packet(c, bytes, descriptor);

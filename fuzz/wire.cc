@@ -6,9 +6,9 @@
 #include <vector>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include <veloran/handover.h>
 #include <veloran/message.h>
 
 #include "control.h"
@@ -54,36 +54,17 @@ msg_header header_of(int16_t type, uint32_t tag, int32_t size) {
     return header;
 }
 
-void connect_client(client* c) {
-    const std::string path = fuzz_root() + "/run/sys/csm/" + SERVICE + "/default";
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    require(path.size() < sizeof address.sun_path, "a path that is short enough");
-    path.copy(address.sun_path, path.size());
-    c->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    require(connect(c->fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
-            "a client can connect");
-}
-
 void transmit(client* c, msg_header header, const std::string& payload, int descriptor) {
     header.service_index = c->service;
     header.connection_index = c->connection;
     header.length = static_cast<int32_t>(payload.size());
     iovec pieces[] = {{&header, sizeof header},
                       {const_cast<char*>(payload.data()), payload.size()}};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    vel_handover handover;
     msghdr packet = {};
     packet.msg_iov = pieces;
     packet.msg_iovlen = 2;
-    if (descriptor >= 0) {
-        packet.msg_control = control;
-        packet.msg_controllen = sizeof control;
-        cmsghdr* part = CMSG_FIRSTHDR(&packet);
-        part->cmsg_level = SOL_SOCKET;
-        part->cmsg_type = SCM_RIGHTS;
-        part->cmsg_len = CMSG_LEN(sizeof descriptor);
-        memcpy(CMSG_DATA(part), &descriptor, sizeof descriptor);
-    }
+    vel_handover_attach(&packet, &handover, descriptor);
     if (sendmsg(c->fd, &packet, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
         c->sent.push_back({header, payload});
     }
@@ -91,7 +72,7 @@ void transmit(client* c, msg_header header, const std::string& payload, int desc
 
 void open_service(client* c) {
     if (c->fd < 0) {
-        connect_client(c);
+        c->fd = connect_to(SERVICE);
     }
     if (!c->is_open) {
         c->service = -1;

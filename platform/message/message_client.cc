@@ -16,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <veloran/handover.h>
 #include <veloran/lock.h>
 #include <veloran/paths.h>
 
@@ -102,16 +103,8 @@ int32_t send_request(int fd, const iovec* vector, int32_t count, int32_t descrip
     msghdr packet{};
     packet.msg_iov = const_cast<iovec*>(vector);
     packet.msg_iovlen = static_cast<size_t>(count);
-    alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
-    if (descriptor >= 0) {
-        packet.msg_control = control;
-        packet.msg_controllen = sizeof control;
-        cmsghdr* part = CMSG_FIRSTHDR(&packet);
-        part->cmsg_level = SOL_SOCKET;
-        part->cmsg_type = SCM_RIGHTS;
-        part->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(part), &descriptor, sizeof descriptor);
-    }
+    vel_handover handover;
+    vel_handover_attach(&packet, &handover, descriptor);
     ssize_t sent = send_looped(fd, &packet);
     if (sent < 0 && errno == EMSGSIZE) {
         /* Larger than the default buffer takes: ask for as much as is needed, once. */

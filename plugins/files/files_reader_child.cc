@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <veloran/handover.h>
 #include <veloran/lock.h>
 
 /* Who waits looks so often whether it is cancelled, in ms. */
@@ -100,17 +101,11 @@ files_reader_packet files_reader_child_receive(files_reader_child* child, uint32
 bool files_reader_child_send(const files_reader_child& child, const files_reader_request& request,
                              int fd) noexcept {
     iovec part = {const_cast<files_reader_request*>(&request), sizeof request};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof fd)] = {};
     msghdr message = {};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr* handed = CMSG_FIRSTHDR(&message);
-    handed->cmsg_level = SOL_SOCKET;
-    handed->cmsg_type = SCM_RIGHTS;
-    handed->cmsg_len = CMSG_LEN(sizeof fd);
-    std::memcpy(CMSG_DATA(handed), &fd, sizeof fd);
+    vel_handover handover;
+    vel_handover_attach(&message, &handover, fd);
     return sendmsg(child.socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) == sizeof request;
 }
 

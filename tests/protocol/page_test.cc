@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <veloran/handover.h>
+
 #include "notation.h"
 #include "world.h"
 
@@ -75,16 +77,8 @@ void send_message(const wire_client& client, const std::vector<int>& written, in
     msghdr packet = {};
     packet.msg_iov = &piece;
     packet.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
-    if (descriptor >= 0) {
-        packet.msg_control = control;
-        packet.msg_controllen = sizeof control;
-        cmsghdr* part = CMSG_FIRSTHDR(&packet);
-        part->cmsg_level = SOL_SOCKET;
-        part->cmsg_type = SCM_RIGHTS;
-        part->cmsg_len = CMSG_LEN(sizeof descriptor);
-        std::memcpy(CMSG_DATA(part), &descriptor, sizeof descriptor);
-    }
+    vel_handover handover;
+    vel_handover_attach(&packet, &handover, descriptor);
     EXPECT_EQ(sendmsg(client.fd, &packet, MSG_NOSIGNAL), static_cast<ssize_t>(message.size()));
 }
 
