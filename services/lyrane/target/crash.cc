@@ -3,7 +3,6 @@
 #include "crash.h"
 
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 
@@ -32,21 +31,6 @@ constexpr int FRAMES = 48;
 constexpr unsigned LIMIT_SECONDS = 2;
 constexpr size_t STACK_SIZE = 65536;
 
-void append(char* line, const char* text) {
-    const size_t length = strlen(line);
-    const size_t room = MSGLOG_LINE_SIZE - 1 - length;
-    const size_t wanted = strlen(text);
-    const size_t part = wanted < room ? wanted : room;
-    memcpy(line + length, text, part);
-    line[length + part] = '\0';
-}
-
-void append_number(char* line, int32_t number) {
-    char digits[16];
-    *std::to_chars(digits, digits + sizeof digits - 1, number).ptr = '\0';
-    append(line, digits);
-}
-
 /* Also on the standard error: it is there when the system log is not. */
 void say(const char* line) {
     (void)!write(STDERR_FILENO, line, strlen(line));
@@ -56,21 +40,21 @@ void say(const char* line) {
 
 void say_what(int signal) {
     char line[MSGLOG_LINE_SIZE] = "";
-    append(line, msglog_program());
-    append(line, ": crashed by signal ");
-    append_number(line, signal);
-    append(line, " (");
+    msglog_append(line, msglog_program());
+    msglog_append(line, ": crashed by signal ");
+    msglog_append_number(line, signal);
+    msglog_append(line, " (");
     const char* name = sigabbrev_np(signal);
-    append(line, name != nullptr ? name : "?");
-    append(line, ")");
+    msglog_append(line, name != nullptr ? name : "?");
+    msglog_append(line, ")");
     plugin_watch_call call;
     if (plugin_watch_here(&call)) {
-        append(line, " in a call of '");
-        append(line, call.entry);
-        append(line, "' into ");
-        append(line, call.plugin);
-        append(line, " for player ");
-        append(line, call.player != nullptr ? call.player : "none");
+        msglog_append(line, " in a call of '");
+        msglog_append(line, call.entry);
+        msglog_append(line, "' into ");
+        msglog_append(line, call.plugin);
+        msglog_append(line, " for player ");
+        msglog_append(line, call.player != nullptr ? call.player : "none");
     }
     say(line);
 }
@@ -89,9 +73,9 @@ void say_frames() {
         const bool is_last = *end == '\0';
         *end = '\0';
         char line[MSGLOG_LINE_SIZE] = "";
-        append(line, msglog_program());
-        append(line, ":   ");
-        append(line, at);
+        msglog_append(line, msglog_program());
+        msglog_append(line, ":   ");
+        msglog_append(line, at);
         say(line);
         at = is_last ? end : end + 1;
     }

@@ -1,6 +1,7 @@
 #include "msglog.h"
 
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -95,6 +96,19 @@ int32_t msglog(int32_t level, const char* format, ...) noexcept {
 
 void msglog_direct(int32_t severity, const char* text) noexcept {
     slogb(MSGLOG_CODE, severity, text, strlen(text));
+}
+
+void msglog_append(char* line, const char* text) noexcept {
+    const size_t length = strlen(line);
+    const size_t taken = strnlen(text, MSGLOG_LINE_SIZE - 1 - length);
+    memcpy(line + length, text, taken);
+    line[length + taken] = '\0';
+}
+
+void msglog_append_number(char* line, int32_t number) noexcept {
+    char digits[16];
+    *std::to_chars(digits, digits + sizeof digits - 1, number).ptr = '\0';
+    msglog_append(line, digits);
 }
 
 const char* msglog_program(void) noexcept {

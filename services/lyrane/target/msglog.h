@@ -35,6 +35,11 @@ int32_t msglog(int32_t level, const char* format, ...) noexcept
 /* Writes text straight to the system log: no filter, no echo. Callable from a signal handler. */
 void msglog_direct(int32_t severity, const char* text) noexcept;
 
+/* Puts together a line of MSGLOG_LINE_SIZE bytes that begins as an empty text; what does not fit is
+ * left out. Callable from a signal handler, as the formatting functions of the library are not. */
+void msglog_append(char* line, const char* text) noexcept;
+void msglog_append_number(char* line, int32_t number) noexcept;
+
 /* The name under which the program was started, without its folder. */
 const char* msglog_program(void) noexcept;
 

@@ -2,10 +2,8 @@
 
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include <pthread.h>
@@ -23,24 +21,14 @@ constexpr int32_t SEVERITY_WARNING = 3;
 constexpr int32_t SEVERITY_NOTICE = 4;
 constexpr int32_t SEVERITY_INFO = 5;
 
-void append(char* line, const char* text) {
-    const size_t length = strlen(line);
-    const size_t left = MSGLOG_LINE_SIZE - 1 - length;
-    const size_t taken = strnlen(text, left);
-    memcpy(line + length, text, taken);
-    line[length + taken] = '\0';
-}
-
 /* Writes "program" + text + number (unless negative) without any formatting function: those take
  * locks and allocate. */
 void log_line(int32_t severity, const char* text, int32_t number) {
     char line[MSGLOG_LINE_SIZE] = "";
-    append(line, msglog_program());
-    append(line, text);
+    msglog_append(line, msglog_program());
+    msglog_append(line, text);
     if (number >= 0) {
-        char digits[16];
-        *std::to_chars(digits, digits + sizeof digits - 1, number).ptr = '\0';
-        append(line, digits);
+        msglog_append_number(line, number);
     }
     msglog_direct(severity, line);
 }
