@@ -1,6 +1,7 @@
 #include "plugin_call.h"
 
 #include <cerrno>
+#include <type_traits>
 
 #include "msglog.h"
 #include "plugin_browsing.h"
@@ -38,50 +39,50 @@ static int32_t missing(void) noexcept {
     return -1;
 }
 
-/* Entries that take the play session alone, or with one number. */
-static int32_t call_play(const mediasource_session* session, const char* name,
-                         int32_t (*lyr_play_api::*entry)(void*) noexcept) noexcept {
-    if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
-        return missing();
-    }
+/* A call of an entry that is there. */
+template <typename... Parameters, typename Result>
+static Result call(const mediasource_session* session, const char* name,
+                   Result (*entry)(Parameters...) noexcept,
+                   std::type_identity_t<Parameters>... values) noexcept {
     const int32_t ticket = enter(name, session);
-    const int32_t result = (session->play_api->*entry)(session->play_session);
+    const Result result = entry(values...);
     leave(ticket);
     return result;
 }
 
-static int32_t call_play_number(const mediasource_session* session, const char* name,
-                                int32_t (*lyr_play_api::*entry)(void*, int32_t) noexcept,
-                                int32_t number) noexcept {
+/* A call of an entry that takes its half's session first. */
+template <typename... Parameters>
+static int32_t call_play(const mediasource_session* session, const char* name,
+                         int32_t (*lyr_play_api::*entry)(void*, Parameters...) noexcept,
+                         std::type_identity_t<Parameters>... values) noexcept {
     if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
         return missing();
     }
-    const int32_t ticket = enter(name, session);
-    const int32_t result = (session->play_api->*entry)(session->play_session, number);
-    leave(ticket);
-    return result;
+    return call(session, name, session->play_api->*entry, session->play_session, values...);
+}
+
+template <typename... Parameters>
+static int32_t call_browse(const mediasource_session* session, const char* name,
+                           int32_t (*lyr_browse_api::*entry)(void*, Parameters...) noexcept,
+                           std::type_identity_t<Parameters>... values) noexcept {
+    if (!plugin_call_can_browse(session) || session->browse_api->*entry == nullptr) {
+        return missing();
+    }
+    return call(session, name, session->browse_api->*entry, session->browse_session, values...);
 }
 
 void* plugin_call_play_create(const lyr_play_api* api, const mediasource_session* session,
                               void* data) noexcept {
-    if (api == nullptr || api->create == nullptr) {
-        return nullptr;
-    }
-    const int32_t ticket = enter("create", session);
-    void* handle = api->create(session->ms_id, data);
-    leave(ticket);
-    return handle;
+    return api == nullptr || api->create == nullptr
+               ? nullptr
+               : call(session, "create", api->create, session->ms_id, data);
 }
 
 void* plugin_call_browse_create(const lyr_browse_api* api, const mediasource_session* session,
                                 void* data) noexcept {
-    if (api == nullptr || api->create == nullptr) {
-        return nullptr;
-    }
-    const int32_t ticket = enter("create", session);
-    void* handle = api->create(session->ms_id, data);
-    leave(ticket);
-    return handle;
+    return api == nullptr || api->create == nullptr
+               ? nullptr
+               : call(session, "create", api->create, session->ms_id, data);
 }
 
 void plugin_call_play_destroy(const mediasource_session* session) noexcept {
@@ -89,22 +90,11 @@ void plugin_call_play_destroy(const mediasource_session* session) noexcept {
 }
 
 void plugin_call_browse_destroy(const mediasource_session* session) noexcept {
-    if (!plugin_call_can_browse(session) || session->browse_api->destroy == nullptr) {
-        return;
-    }
-    const int32_t ticket = enter("destroy", session);
-    (void)session->browse_api->destroy(session->browse_session);
-    leave(ticket);
+    (void)call_browse(session, "destroy", &lyr_browse_api::destroy);
 }
 
 int32_t plugin_call_attach(const mediasource_session* session, const medianode* node) noexcept {
-    if (!plugin_call_can_play(session) || session->play_api->attach_medianode == nullptr) {
-        return missing();
-    }
-    const int32_t ticket = enter("attach_medianode", session);
-    const int32_t result = session->play_api->attach_medianode(session->play_session, node);
-    leave(ticket);
-    return result;
+    return call_play(session, "attach_medianode", &lyr_play_api::attach_medianode, node);
 }
 
 int32_t plugin_call_play(const mediasource_session* session) noexcept {
@@ -120,17 +110,11 @@ int32_t plugin_call_stop(const mediasource_session* session) noexcept {
 }
 
 int32_t plugin_call_set_rate(const mediasource_session* session, float rate) noexcept {
-    if (!plugin_call_can_play(session) || session->play_api->set_playback_rate == nullptr) {
-        return missing();
-    }
-    const int32_t ticket = enter("set_playback_rate", session);
-    const int32_t result = session->play_api->set_playback_rate(session->play_session, rate);
-    leave(ticket);
-    return result;
+    return call_play(session, "set_playback_rate", &lyr_play_api::set_playback_rate, rate);
 }
 
 int32_t plugin_call_seek(const mediasource_session* session, int32_t position) noexcept {
-    return call_play_number(session, "seek", &lyr_play_api::seek, position);
+    return call_play(session, "seek", &lyr_play_api::seek, position);
 }
 
 int32_t plugin_call_next(const mediasource_session* session) noexcept {
@@ -142,11 +126,11 @@ int32_t plugin_call_previous(const mediasource_session* session) noexcept {
 }
 
 int32_t plugin_call_shuffle(const mediasource_session* session, int32_t mode) noexcept {
-    return call_play_number(session, "shuffle", &lyr_play_api::shuffle, mode);
+    return call_play(session, "shuffle", &lyr_play_api::shuffle, mode);
 }
 
 int32_t plugin_call_repeat(const mediasource_session* session, int32_t mode) noexcept {
-    return call_play_number(session, "repeat", &lyr_play_api::repeat, mode);
+    return call_play(session, "repeat", &lyr_play_api::repeat, mode);
 }
 
 /* Makes sure that a successful listing is what the contract says. A failed one hands nothing over,
@@ -176,82 +160,53 @@ static int32_t checked_listing(int32_t result, const char* entry, int32_t asked,
     return 0;
 }
 
+/* Around a call that makes a listing: a source that goes can end it, and what came is checked. */
+template <typename Call>
+static int32_t listing(const mediasource_session* session, const char* name, int32_t* count,
+                       medianode** nodes, Call make) noexcept {
+    *nodes = nullptr;
+    const int32_t asked = *count;
+    browse_in_progress progress = {session, nullptr, 0, 0};
+    plugin_browsing_enter(&progress);
+    const int32_t result = make();
+    plugin_browsing_leave(&progress);
+    return checked_listing(result, name, asked, count, nodes);
+}
+
 int32_t plugin_call_browse(const mediasource_session* session, const char* node_id, int32_t offset,
                            int32_t* count, medianode** nodes) noexcept {
-    *nodes = nullptr;
-    if (!plugin_call_can_browse(session) || session->browse_api->browse == nullptr) {
-        return missing();
-    }
-    const int32_t asked = *count;
-    browse_in_progress call = {session, nullptr, 0, 0};
-    plugin_browsing_enter(&call);
-    const int32_t ticket = enter("browse", session);
-    const int32_t result =
-        session->browse_api->browse(session->browse_session, node_id, offset, count, nodes);
-    leave(ticket);
-    plugin_browsing_leave(&call);
-    return checked_listing(result, "browse", asked, count, nodes);
+    return listing(session, "browse", count, nodes, [=] {
+        return call_browse(session, "browse", &lyr_browse_api::browse, node_id, offset, count,
+                           nodes);
+    });
 }
 
 int32_t plugin_call_search(const mediasource_session* session, const char* filter, const char* key,
                            int32_t offset, int32_t* count, medianode** nodes) noexcept {
-    *nodes = nullptr;
-    if (!plugin_call_can_browse(session) || session->browse_api->search == nullptr) {
-        return missing();
-    }
-    const int32_t asked = *count;
-    browse_in_progress call = {session, nullptr, 0, 0};
-    plugin_browsing_enter(&call);
-    const int32_t ticket = enter("search", session);
-    const int32_t result =
-        session->browse_api->search(session->browse_session, filter, key, offset, count, nodes);
-    leave(ticket);
-    plugin_browsing_leave(&call);
-    return checked_listing(result, "search", asked, count, nodes);
+    return listing(session, "search", count, nodes, [=] {
+        return call_browse(session, "search", &lyr_browse_api::search, filter, key, offset, count,
+                           nodes);
+    });
 }
 
 int32_t plugin_call_get_metadata(const mediasource_session* session, const char* node_id,
                                  metadata** data) noexcept {
     *data = nullptr;
-    if (!plugin_call_can_browse(session) || session->browse_api->get_metadata == nullptr) {
-        return missing();
-    }
-    const int32_t ticket = enter("get_metadata", session);
-    const int32_t result =
-        session->browse_api->get_metadata(session->browse_session, node_id, data);
-    leave(ticket);
-    return result;
+    return call_browse(session, "get_metadata", &lyr_browse_api::get_metadata, node_id, data);
 }
 
 int32_t plugin_call_get_extended_metadata(const mediasource_session* session, const char* node_id,
                                           const char* const* keys, char** values) noexcept {
-    if (!plugin_call_can_browse(session) || session->browse_api->get_extended_metadata == nullptr) {
-        return missing();
-    }
-    const int32_t ticket = enter("get_extended_metadata", session);
-    const int32_t result =
-        session->browse_api->get_extended_metadata(session->browse_session, node_id, keys, values);
-    leave(ticket);
-    return result;
+    return call_browse(session, "get_extended_metadata", &lyr_browse_api::get_extended_metadata,
+                       node_id, keys, values);
 }
 
 int32_t plugin_call_update_medianodes(const mediasource_session* session, int32_t count,
                                       medianode* nodes) noexcept {
-    if (!plugin_call_can_browse(session) || session->browse_api->update_medianodes == nullptr) {
-        return missing();
-    }
-    const int32_t ticket = enter("update_medianodes", session);
-    const int32_t result =
-        session->browse_api->update_medianodes(session->browse_session, count, nodes);
-    leave(ticket);
-    return result;
+    return call_browse(session, "update_medianodes", &lyr_browse_api::update_medianodes, count,
+                       nodes);
 }
 
 void plugin_call_cancel_browse(const mediasource_session* session) noexcept {
-    if (!plugin_call_can_browse(session) || session->browse_api->cancel_browse == nullptr) {
-        return;
-    }
-    const int32_t ticket = enter("cancel_browse", session);
-    (void)session->browse_api->cancel_browse(session->browse_session);
-    leave(ticket);
+    (void)call_browse(session, "cancel_browse", &lyr_browse_api::cancel_browse);
 }

@@ -21,50 +21,38 @@ static int32_t track_at(const player* player, const trksession* session, int32_t
     return mapped ? session->order[position] : position;
 }
 
-int32_t trksession_next_by_mode(player* player, int32_t repeat_mode, int32_t* next) noexcept {
+/* The track one step (1 or -1) on in playback order. */
+static int32_t step_by_mode(player* player, int32_t repeat_mode, int32_t step,
+                            int32_t* track) noexcept VEL_REQUIRES(player->lock) {
     trksession* session = player->trksession;
     vel_lock_guard guard(session->lock);
     const int32_t position = position_of(player, session, session->trk_id);
-    const bool last = position >= session->length - 1;
+    const bool is_end = step > 0 ? position >= session->length - 1 : position <= 0;
+    const int32_t other_end = step > 0 ? 0 : session->length - 1;
     switch (repeat_mode) {
     case LYR_REPEAT_ALL:
-        *next = track_at(player, session, last ? 0 : position + 1);
+        *track = track_at(player, session, is_end ? other_end : position + step);
         return 0;
     case LYR_REPEAT_OFF:
-        if (last) {
+        if (is_end) {
             return -1;
         }
-        *next = track_at(player, session, position + 1);
+        *track = track_at(player, session, position + step);
         return 0;
     case LYR_REPEAT_ONE:
-        *next = track_at(player, session, position);
+        *track = track_at(player, session, position);
         return 0;
     default:
         return -1;
     }
 }
 
+int32_t trksession_next_by_mode(player* player, int32_t repeat_mode, int32_t* next) noexcept {
+    return step_by_mode(player, repeat_mode, 1, next);
+}
+
 int32_t trksession_previous_by_mode(player* player, int32_t repeat_mode, int32_t* prev) noexcept {
-    trksession* session = player->trksession;
-    vel_lock_guard guard(session->lock);
-    const int32_t position = position_of(player, session, session->trk_id);
-    const bool first = position <= 0;
-    switch (repeat_mode) {
-    case LYR_REPEAT_ALL:
-        *prev = track_at(player, session, (first ? session->length : position) - 1);
-        return 0;
-    case LYR_REPEAT_OFF:
-        if (first) {
-            return -1;
-        }
-        *prev = track_at(player, session, position - 1);
-        return 0;
-    case LYR_REPEAT_ONE:
-        *prev = track_at(player, session, position);
-        return 0;
-    default:
-        return -1;
-    }
+    return step_by_mode(player, repeat_mode, -1, prev);
 }
 
 int32_t trksession_length(trksession* session) noexcept {
