@@ -1,22 +1,14 @@
 // nowplayingd: decides which player may sound, on machines that have nobody else to do so.
-#include <csignal>
-#include <exception>
-#include <iostream>
-
-#include <CLI/CLI.hpp>
-
-#include <veloran/process.h>
+#include <string>
 
 #include "control.h"
 #include "ctl.h"
+#include "daemon_main.h"
 #include "log.h"
 #include "policy_file.h"
 #include "server.h"
 
 namespace {
-
-constexpr int STATUS_FAILED = 1;
-constexpr int STATUS_USAGE = 2;
 
 struct arguments {
     std::string config;
@@ -90,24 +82,9 @@ bool run(const CLI::App& app, const arguments& what, std::string* why) {
 } // namespace
 
 int main(int argc, char** argv) {
-    (void)process_fill_standard_descriptors();
-    (void)std::signal(SIGPIPE, SIG_IGN);
-    std::string why;
-    try {
-        arguments what;
-        CLI::App app("Decides which player may sound.", "nowplayingd");
-        declare(&app, &what);
-        try {
-            app.parse(argc, argv);
-        } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : STATUS_USAGE;
-        }
-        if (run(app, what, &why)) {
-            return 0;
-        }
-    } catch (const std::exception& failure) {
-        why = failure.what();
-    }
-    std::cerr << "nowplayingd: " << why << std::endl;
-    return STATUS_FAILED;
+    arguments what;
+    return daemon_main(
+        argc, argv, "nowplayingd", "Decides which player may sound.",
+        [&what](CLI::App* app) { declare(app, &what); },
+        [&what](const CLI::App& app, std::string* why) { return run(app, what, why); });
 }

@@ -5,25 +5,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <iostream>
 #include <string>
 #include <system_error>
 
-#include <CLI/CLI.hpp>
 #include <unistd.h>
 
 #include <veloran/paths.h>
-#include <veloran/process.h>
 #include <veloran/slog.h>
 #include <veloran/sqldb.h>
 
+#include "daemon_main.h"
 #include "notify.h"
 #include "text.h"
 
 namespace {
 
-constexpr int STATUS_FAILED = 1;
-constexpr int STATUS_USAGE = 2;
 constexpr int32_t EVENT = 5; /* severity */
 
 struct arguments {
@@ -105,24 +101,9 @@ bool run(arguments* what, std::string* why) {
 } // namespace
 
 int main(int argc, char** argv) {
-    (void)process_fill_standard_descriptors();
-    (void)std::signal(SIGPIPE, SIG_IGN);
-    std::string why;
-    try {
-        arguments what;
-        CLI::App app("Serves the databases of several services.", "sqldbd");
-        declare(&app, &what);
-        try {
-            app.parse(argc, argv);
-        } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : STATUS_USAGE;
-        }
-        if (run(&what, &why)) {
-            return 0;
-        }
-    } catch (const std::exception& failure) {
-        why = failure.what();
-    }
-    std::cerr << "sqldbd: " << why << std::endl;
-    return STATUS_FAILED;
+    arguments what;
+    return daemon_main(
+        argc, argv, "sqldbd", "Serves the databases of several services.",
+        [&what](CLI::App* app) { declare(app, &what); },
+        [&what](const CLI::App&, std::string* why) { return run(&what, why); });
 }
