@@ -10,26 +10,11 @@
 
 #include "fake_control.h"
 #include "fake_state.h"
+#include "fake_stream.h"
 
 namespace {
 
 constexpr uint32_t REQUEST_LIMIT = 64 << 20; /* bytes */
-
-bool transfer(int fd, void* data, size_t size, bool in) {
-    char* at = static_cast<char*>(data);
-    while (size > 0) {
-        const ssize_t moved = in ? recv(fd, at, size, 0) : send(fd, at, size, MSG_NOSIGNAL);
-        if (moved < 0 && errno == EINTR) {
-            continue;
-        }
-        if (moved <= 0) {
-            return false;
-        }
-        at += moved;
-        size -= static_cast<size_t>(moved);
-    }
-    return true;
-}
 
 bool serve_one(int fd) {
     uint32_t length = 0;

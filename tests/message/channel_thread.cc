@@ -4,7 +4,6 @@
 #include <cstring>
 #include <filesystem>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -132,11 +131,6 @@ int plain_socket() {
 }
 
 int descriptor_count() {
-    DIR* folder = opendir("/proc/self/fd");
-    int count = 0;
-    while (readdir(folder) != nullptr) {
-        ++count;
-    }
-    closedir(folder);
-    return count;
+    const std::filesystem::directory_iterator folder("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(folder), end(folder)));
 }

@@ -19,6 +19,8 @@
 
 #include <veloran/lock.h>
 
+#include "program.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -124,15 +126,6 @@ std::vector<std::string> environment_of(const test_daemon& daemon) {
     variables.push_back("VELORAN_SLOG=file:" + daemon.root + "/log");
     variables.push_back("VELORAN_SQLDB_DEFAULTS=" SCHEMA_FILES);
     return variables;
-}
-
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 /* In the child: becomes the service. */
@@ -245,8 +238,8 @@ bool daemon_spawn(test_daemon& daemon) {
     const std::vector<std::string> under = run_under();
     arguments.insert(arguments.begin(), under.begin(), under.end());
     std::vector<std::string> variables = environment_of(daemon);
-    const std::vector<char*> argument_pointers = pointers_to(arguments);
-    const std::vector<char*> variable_pointers = pointers_to(variables);
+    const std::vector<char*> argument_pointers = program_pointers(arguments);
+    const std::vector<char*> variable_pointers = program_pointers(variables);
     const vel_fd errors(
         open((daemon.root + "/err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     daemon.pid = fork();

@@ -12,25 +12,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fake_stream.h>
 #include <fake_words.h>
 
 namespace {
-
-bool transfer(int fd, void* data, size_t size, bool in) {
-    char* at = static_cast<char*>(data);
-    while (size > 0) {
-        const ssize_t moved = in ? recv(fd, at, size, 0) : send(fd, at, size, MSG_NOSIGNAL);
-        if (moved < 0 && errno == EINTR) {
-            continue;
-        }
-        if (moved <= 0) {
-            return false;
-        }
-        at += moved;
-        size -= static_cast<size_t>(moved);
-    }
-    return true;
-}
 
 int32_t execute_remote(int fd, std::string command, std::string& answer) {
     uint32_t length = static_cast<uint32_t>(command.size());

@@ -43,16 +43,6 @@ bool read_more(program& running) {
     return true;
 }
 
-/* The texts as execv takes them. */
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 [[noreturn]] void become(char** arguments, int in, int out, int err) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(in, STDIN_FILENO);
@@ -64,10 +54,19 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
 
 } // namespace
 
+std::vector<char*> program_pointers(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 program program_start(const std::vector<std::string>& words,
                       const std::map<std::string, std::string>& variables) {
     std::vector<std::string> texts = words;
-    std::vector<char*> pointers = pointers_to(texts);
+    std::vector<char*> pointers = program_pointers(texts);
     int out[2];
     int err[2];
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -89,7 +88,7 @@ program program_start(const std::vector<std::string>& words,
 
 program program_start_on_terminal(const std::vector<std::string>& words) {
     std::vector<std::string> texts = words;
-    std::vector<char*> pointers = pointers_to(texts);
+    std::vector<char*> pointers = program_pointers(texts);
     winsize size = {24, 80, 0, 0};
     int near = -1;
     int far = -1;

@@ -8,6 +8,9 @@
 
 #include <sys/types.h>
 
+/* The texts as execv takes them; they stay the caller's. */
+std::vector<char*> program_pointers(std::vector<std::string>& texts);
+
 struct program_result {
     int status = -1; /* exit status, or 128 + the number of the signal that ended it */
     std::string out;

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <filesystem>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 static const std::string root = [] {
@@ -209,11 +208,6 @@ msg_header raw_open(message_client* client) {
 }
 
 int descriptor_count() {
-    DIR* folder = opendir("/proc/self/fd");
-    int count = 0;
-    while (readdir(folder) != nullptr) {
-        ++count;
-    }
-    closedir(folder);
-    return count;
+    const std::filesystem::directory_iterator folder("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(folder), end(folder)));
 }
