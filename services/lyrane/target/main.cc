@@ -183,13 +183,17 @@ void start_signal_thread() {
 
 /* Each thread would get a heap of its own, up to eight a processor, and what players, builds and
  * plug-ins leave behind in them adds up over months. Their small pieces come from caches of their
- * own as before, so they do not wait for each other. */
-void share_heap() {
+ * own as before, so they do not wait for each other. What is large, a long listing and its reply,
+ * never lives long: it comes from the system and goes back to it, and leaves no holes among what
+ * stays. By itself the limit would grow with the largest piece ever given back. */
+void keep_heap_small() {
+    constexpr int LARGE = 32 * 1024; /* bytes */
     (void)mallopt(M_ARENA_MAX, 1);
+    (void)mallopt(M_MMAP_THRESHOLD, LARGE);
 }
 
 void start(int argc, char** argv) {
-    share_heap();
+    keep_heap_small();
     slog_open(msglog_program());
     read_command_line(argc, argv);
     detach();
