@@ -71,7 +71,8 @@ typedef struct lyrane_internal_callbacks_table {
                                      const char* view_name, int32_t type, uint64_t capabilities,
                                      int32_t status) LYR_NOEXCEPT;
     /* The source has gone. Before this returns, every play and browse session on it is destroyed,
-     * on the calling thread. */
+     * on the calling thread; but those of a player that is just being closed may be destroyed a
+     * little later, on the thread that closes it. */
     int32_t (*mediasource_disconnected)(int32_t ms_id) LYR_NOEXCEPT;
     int32_t (*mediasource_status_changed)(int32_t ms_id, int32_t status) LYR_NOEXCEPT;
     int32_t (*mediasource_capability_changed)(int32_t ms_id, uint64_t capabilities) LYR_NOEXCEPT;

@@ -1,9 +1,14 @@
 /* Sources that come, change and go, with players at work on them. */
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include "mediasource.h"
@@ -11,6 +16,8 @@
 #include "player_commands.h"
 #include "player_registry.h"
 #include "player_rig.h"
+#include "plugin_load.h"
+#include "plugin_watch.h"
 
 static constexpr uint64_t ALL = 0xF045F;
 
@@ -149,6 +156,85 @@ TEST(mediasource_events, pass_by_a_call_that_does_not_return) {
     caller.join();
     EXPECT_EQ(rig_logged(rig, named), 1);
     player_close(&mmcontrol, "stuck");
+}
+
+/* The code must stay, and what is told of the call must be there to be told. */
+TEST(mediasource_events, find_a_plugin_left_that_a_call_is_in) {
+    player_rig& rig = rig_fresh();
+    const lyrp_api api = {};
+    plugin record = {4711, strdup("held.so"), &api, dlopen(nullptr, RTLD_NOW), 0, 1};
+    const int32_t other = plugin_watch_enter({"held.so", nullptr, "play", 0}); /* reads the same */
+    const int32_t ticket = plugin_watch_enter({record.name, nullptr, "play", 4712});
+    EXPECT_EQ(plugin_unload(&mmcontrol, &record), -1);
+    EXPECT_STREQ(record.name, "held.so");
+    EXPECT_EQ(record.api, &api);
+    EXPECT_EQ(rig_logged(rig, "Plug-in held.so is left loaded"), 1);
+    plugin_watch_leave(ticket);
+    EXPECT_EQ(plugin_unload(&mmcontrol, &record), 0);
+    EXPECT_EQ(record.name, nullptr);
+    EXPECT_EQ(rig_logged(rig, "Unloaded plugin held.so"), 1);
+    plugin_watch_leave(other);
+}
+
+/* As for the list of sources, which is packed under this lock alone. */
+TEST(mediasource_events, are_never_shown_by_half) {
+    player_rig& rig = rig_fresh();
+    const int32_t id = rig_source(rig, "1", 1, "");
+    const mediasource* source = mediasource_by_id(&mmcontrol, id);
+    std::atomic<bool> over = false;
+    std::thread reporter([&over, id] {
+        for (int32_t i = 0; i < 2000; ++i) {
+            const int32_t value = 1 + i % 2;
+            const std::string name = std::to_string(value);
+            (void)lyrane_internal_mediasource_connected(0, "1", name.c_str(), nullptr, 1,
+                                                        static_cast<uint64_t>(value), value);
+            if (i % 4 == 3) {
+                (void)lyrane_internal_mediasource_disconnected(id);
+            }
+        }
+        over = true;
+    });
+    int32_t halves = 0;
+    while (!over) {
+        if (!vel_mutex_try_lock(&mmcontrol.registry_leaf)) {
+            continue;
+        }
+        const bool active = mediasource_active(source) != 0;
+        const int32_t named = atoi(source->name);
+        const bool same = mediasource_capabilities(source) == static_cast<uint64_t>(named) &&
+                          mediasource_status(source) == (active ? named : 0);
+        vel_mutex_unlock(&mmcontrol.registry_leaf);
+        halves += same ? 0 : 1;
+    }
+    reporter.join();
+    EXPECT_EQ(halves, 0);
+}
+
+/* What the log is written to may hold it up; that holds no other event up. */
+TEST(mediasource_events, are_logged_when_others_may_go_on) {
+    player_rig& rig = rig_fresh();
+    const int32_t id = rig_source(rig, "logged", 0, "");
+    const mediasource* source = mediasource_by_id(&mmcontrol, id);
+    for (const bool connect : {false, true}) {
+        flockfile(stdout); /* flushed before each line */
+        std::thread reporter([connect, id] {
+            if (connect) {
+                (void)lyrane_internal_mediasource_connected(0, "logged", "n", "v", 1, 0, 1);
+            } else {
+                (void)lyrane_internal_mediasource_disconnected(id);
+            }
+        });
+        while ((mediasource_active(source) != 0) != connect) {
+            std::this_thread::yield();
+        }
+        vel_mutex_lock(&mmcontrol.mediasources_lock);
+        vel_mutex_unlock(&mmcontrol.mediasources_lock);
+        funlockfile(stdout);
+        reporter.join();
+    }
+    EXPECT_EQ(rig_logged(rig, "media source disconnected: logged\\x09id: " + std::to_string(id)),
+              1);
+    EXPECT_EQ(rig_logged(rig, "media source connected: n\\x09id: " + std::to_string(id)), 1);
 }
 
 TEST(mediasource_events, know_their_players) {

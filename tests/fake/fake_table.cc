@@ -17,7 +17,7 @@ namespace {
 
 lyr_play_api play_table = fake_play_entries;
 lyr_browse_api browse_table = fake_browse_entries;
-char table_name[64] = "fake";
+char table_name[512] = "fake";
 
 fake_call plain_call(const char* entry) {
     fake_call call;

@@ -1,6 +1,7 @@
 /* Starting and ending the service, also beside others and in the middle of everything. */
 #include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -58,13 +59,15 @@ TEST(Lifecycle, LoadsAndUnloadsItsPlugins) {
 }
 
 TEST(Lifecycle, EndsWhenAPluginCannotBeUsed) {
+    const std::string long_name(300, 'n');
     const struct {
-        const char* script;
+        std::string script;
         int status;
-        const char* line;
+        std::string line;
     } cases[] = {
         {"rule init result=-1", 1, "Error initializing DLL \"fake\"."},
-        {"name Other\nrule init result=-1", 1, "Error initializing DLL \"Other\"."},
+        {"name " + long_name + "\nrule init result=-1", 1,
+         "Error initializing DLL \"" + long_name + "\"."},
         {"rule init result=-2", 0, ""}, /* only -1 is a failure */
         {"rule cleanup result=-1", 0, "Failed to clean up fake"},
         {"null cleanup\nnull detection", 0, ""},
@@ -221,6 +224,88 @@ TEST(Lifecycle, EndsAlthoughAPluginDoesNotReturn) {
     EXPECT_FALSE(std::filesystem::exists(rig_socket(rig.daemon)));
     request_disconnect(other);
     request_disconnect(rig.client);
+    fake_close(rig.disk);
+    daemon_remove(rig.daemon);
+}
+
+/* The main thread hangs in a plug-in, so the signal thread saves; it waits for a restore as the
+ * main thread comes out, which must not take the players apart under it. */
+TEST(Lifecycle, ASaveAtTheLastIsNotPassedBy) {
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.options = {"-l"};
+    rig.daemon.plugins = {{"disk", "source disk\ntree\n /album|tracks:3\n", {}},
+                          {"stick", "source stick\ntree\n /album|tracks:3\n", {}}};
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    uint64_t ts_id = 0;
+    for (const auto& [player, source] : {std::pair("held", 1), std::pair("kept", 0)}) {
+        EXPECT_EQ(request_open(rig.client, player), 0);
+        EXPECT_EQ(request_create(rig.client, source, "/album", 3, 1, &ts_id), 0);
+    }
+    request_disconnect(rig.client);
+    EXPECT_EQ(daemon_stop(rig.daemon), 0);
+
+    rig.daemon.plugins[1].script += "rule update block=restoring\n";
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    fake_client stick = daemon_fake(rig.daemon, "stick");
+    fake_do(stick, "blocked restoring");
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "kept", "track", "index", ":n:1"));
+    rig.disk = daemon_fake(rig.daemon, "disk");
+    fake_do(rig.disk, "rule seek block=seeking");
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    EXPECT_EQ(request_open(rig.client, "kept"), 0);
+    std::thread seeking([&rig] { request_number(rig.client, LYR_MSG_SEEK, 1); });
+    fake_do(rig.disk, "blocked seeking");
+    daemon_signal(rig.daemon, SIGTERM);
+    EXPECT_TRUE(daemon_await_log(rig.daemon, "cut short"));
+    fake_do(rig.disk, "release seeking");
+    EXPECT_EQ(daemon_wait(rig.daemon), EXIT_FAILURE);
+    seeking.join();
+    request_disconnect(rig.client);
+    fake_close(rig.disk);
+    fake_close(stick);
+
+    rig.daemon.plugins[1].script = "source stick\ntree\n /album|tracks:3\n";
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    for (const char* player : {"held", "kept"}) {
+        EXPECT_TRUE(daemon_await_object(rig.daemon, player, "track", "index", ":n:1")) << player;
+    }
+    EXPECT_EQ(daemon_stop(rig.daemon), 0);
+    daemon_remove(rig.daemon);
+}
+
+/* What a session is played by need not be what its source came from: the one that the thread is in
+ * is named, and both stay, since the thread may go on into the other. */
+TEST(Lifecycle, LeavesThePluginThatACallIsIn) {
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.plugins.push_back({"disk", "source disk type=0x2\nnull play_api", {}});
+    rig.daemon.plugins.push_back({"player", "types 0x2", {}});
+    rig.daemon.options = {"-vvvvvvv"};
+    ASSERT_TRUE(daemon_start(rig.daemon));
+    rig.disk = daemon_fake(rig.daemon, "disk");
+    fake_client player = daemon_fake(rig.daemon, "player");
+    fake_tree(rig.disk, "", ALBUM);
+    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    uint64_t ts_id = 0;
+    EXPECT_EQ(request_open(rig.client, "radio"), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/album", -1, 0, &ts_id), 0);
+    EXPECT_EQ(request_number(rig.client, LYR_MSG_REPEAT, 1), 0);
+    fake_do(player, "rule attach block=attach deaf=1");
+    fake_do(player, "event finished nowait=1");
+    fake_do(player, "blocked attach");
+    EXPECT_EQ(daemon_stop(rig.daemon), 0);
+    const std::string log = daemon_log(rig.daemon);
+    const std::string folder = rig.daemon.root + '/';
+    for (const std::string& line :
+         {"A call of 'attach_medianode' into " + folder + "player.so does not return",
+          "Plug-in " + folder + "player.so is left loaded",
+          "Plug-in " + folder + "disk.so is left loaded"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << line << '\n' << log;
+    }
+    request_disconnect(rig.client);
+    fake_close(player);
     fake_close(rig.disk);
     daemon_remove(rig.daemon);
 }

@@ -114,15 +114,25 @@ void restore_lastmode() {
 }
 
 /* Saves once, on whatever thread comes first: the main one, or the signal thread when the main one
- * hangs in a plug-in. */
-void save_lastmode() noexcept {
+ * hangs in a plug-in. False when another thread is at it. */
+bool save_lastmode() {
     static std::atomic<bool> begun;
-    if (mmcontrol.lastmode == 1 && !begun.exchange(true)) {
-        lastmode_end();
-        lastmode_checkpoints_stop();
-        (void)players_save_state(&mmcontrol);
-        lastmode_database_stop();
+    if (mmcontrol.lastmode != 1) {
+        return true;
     }
+    if (begun.exchange(true)) {
+        return false;
+    }
+    lastmode_end();
+    lastmode_checkpoints_stop();
+    (void)players_save_state(&mmcontrol);
+    lastmode_database_stop();
+    return true;
+}
+
+/* Before an end that is cut short. A save that the main thread is in does not come to its end. */
+void save_at_last() noexcept {
+    (void)save_lastmode();
 }
 
 void create_service() {
@@ -173,9 +183,9 @@ void start_signal_thread() {
     if (error != 0) {
         LOG_FAILED_CALL(2, "pthread_sigmask()", error);
     }
-    static signals_last_words last_words = {save_lastmode};
+    signals_set_last_words(save_at_last);
     pthread_t thread;
-    error = process_thread_start("signal catcher", 1, signal_thread, &last_words, &thread);
+    error = process_thread_start("signal catcher", 1, signal_thread, nullptr, &thread);
     if (error != 0) {
         LOG_FAILED_CALL(2, "signal thread creation", error);
     }
@@ -221,7 +231,11 @@ void shut_down() {
      * will give. The lock of the name stays until the process is gone. */
     msgserver_withdraw(mmcontrol.server);
     msglog(4, "lyrane terminating ...");
-    save_lastmode();
+    while (!save_lastmode()) {
+        /* What a save is about must not be closed under it. The signal thread is at it, and ends
+         * the process. */
+        pause();
+    }
     players_force_close(&mmcontrol);
     mediasource_detection_stop(&mmcontrol);
     plugins_unload(&mmcontrol);

@@ -54,6 +54,7 @@ int64_t now_ms() {
 }
 
 std::atomic<bool> loop_ended;
+void (*last_words)(void) noexcept; /* set before the signal thread starts */
 
 /* How long the main thread has been hanging, of the time since the end began. */
 int64_t hanging_ms(int64_t began, int64_t now) {
@@ -91,13 +92,21 @@ int wait_for_signal(const sigset_t* set, int64_t began) {
 /* The main thread is beyond help, the others are not. The system call itself, because the standard
  * output may be what the end hangs on, and nothing in the process, a sanitizer for one, should look
  * at what was not put in order. */
-[[noreturn]] void cut_short(const signals_last_words* last_words) {
-    log_line(SEVERITY_WARNING, ": WARNING: the end takes too long, cut short", -1);
-    if (last_words != nullptr) {
-        last_words->say();
-    }
+[[noreturn]] void end_now(int) {
     syscall(SYS_exit_group, EXIT_FAILURE);
     abort(); /* never reached */
+}
+
+[[noreturn]] void cut_short(int64_t began) {
+    log_line(SEVERITY_WARNING, ": WARNING: the end takes too long, cut short", -1);
+    if (last_words != nullptr) {
+        /* They may hang as well. */
+        const int64_t left = SIGNALS_END_LIMIT - (now_ms() - began) / 1000;
+        signal(SIGALRM, end_now);
+        alarm(left > 1 ? static_cast<unsigned>(left) : 1);
+        last_words();
+    }
+    end_now(0);
 }
 
 } // namespace
@@ -119,13 +128,17 @@ void verbosity_handler(int) noexcept {
     errno = saved;
 }
 
-void* signal_thread(void* last_words) noexcept {
+void signals_set_last_words(void (*say)(void) noexcept) noexcept {
+    last_words = say;
+}
+
+void* signal_thread(void*) noexcept {
     const sigset_t set = termination_signals();
     int64_t began = 0; /* the end */
     for (;;) {
         const int signal = wait_for_signal(&set, began);
         if (signal < 0 && began != 0 && errno == EAGAIN) {
-            cut_short(static_cast<const signals_last_words*>(last_words));
+            cut_short(began);
         }
         if (signal < 0) {
             log_line(SEVERITY_WARNING, ": WARNING: failed on sigwait", -1);

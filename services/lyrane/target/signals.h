@@ -11,21 +11,20 @@ extern "C" {
  * async-signal-safe; any number of threads may run it at once. */
 void verbosity_handler(int signal) noexcept;
 
-/* Body of the signal thread; the argument is a signals_last_words, or null. The first termination
- * signal stops the message server of the control block, later ones are only logged. An end that
- * then takes longer than SIGNALS_END_LIMIT, or whose main thread hangs, is cut short with exit
- * status 1. The main thread hangs when it does not come out of its loop, or of one call into a
- * plug-in, for SIGNALS_HANG_LIMIT. Null when it cannot go on. */
-void* signal_thread(void* last_words) noexcept;
+/* Body of the signal thread; its argument is ignored. The first termination signal stops the
+ * message server of the control block, later ones are only logged. An end that then takes longer
+ * than SIGNALS_END_LIMIT, or whose main thread hangs, is cut short with exit status 1. The main
+ * thread hangs when it does not come out of its loop, or of one call into a plug-in, for
+ * SIGNALS_HANG_LIMIT. Null when it cannot go on. */
+void* signal_thread(void* ignored) noexcept;
 }
 
 constexpr int32_t SIGNALS_END_LIMIT = 60; /* s from the first termination signal */
 constexpr int32_t SIGNALS_HANG_LIMIT = 4; /* s, of those after the first termination signal */
 
-/* What is done before an end is cut short, while the main thread hangs. [the signal thread] */
-struct signals_last_words {
-    void (*say)(void) noexcept;
-};
+/* What is done before an end is cut short, while the main thread hangs; it has what is left of
+ * SIGNALS_END_LIMIT. Set before the signal thread starts, called by it. [main] */
+void signals_set_last_words(void (*say)(void) noexcept) noexcept;
 
 /* First thing in the process: SIGPIPE becomes harmless, SIGUSR1 waits for its handler. */
 void signals_prepare(void) noexcept;

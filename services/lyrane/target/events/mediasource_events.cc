@@ -1,6 +1,7 @@
 #include "mediasource_events.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -154,19 +155,23 @@ static void set_connected(mediasource* source, const char* name, const char* vie
                           uint64_t capabilities, int32_t status) noexcept {
     char* new_name = copy_text(name);
     char* new_view_name = copy_text(view_name);
-    {
-        vel_lock_guard guard(mmcontrol.registry_leaf);
-        free(source->name);
-        free(source->view_name);
-        source->name = new_name;
-        source->view_name = new_view_name;
-    }
     if ((capabilities & LYR_CAP_DEVICE_LIST) != 0) {
         capabilities |= LYR_CAP_DEVICE_LIST_ADDS;
     }
+    vel_lock_guard guard(mmcontrol.registry_leaf);
+    free(source->name);
+    free(source->view_name);
+    source->name = new_name;
+    source->view_name = new_view_name;
     __atomic_store_n(&source->capabilities, capabilities, __ATOMIC_RELEASE);
     __atomic_store_n(&source->status, status, __ATOMIC_RELEASE);
     __atomic_store_n(&source->active, 1, __ATOMIC_RELEASE);
+}
+
+static void set_disconnected(mediasource* source) noexcept {
+    vel_lock_guard guard(mmcontrol.registry_leaf);
+    __atomic_store_n(&source->active, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&source->status, 0, __ATOMIC_RELEASE);
 }
 
 /* The record of an id, or null with the message. */
@@ -178,8 +183,8 @@ static mediasource* source_of(int32_t ms_id) noexcept {
     return source;
 }
 
-static const char* shown_name(const mediasource* source) noexcept {
-    return source->name != nullptr ? source->name : "NULL";
+static const char* shown_name(const char* name) noexcept {
+    return name != nullptr ? name : "NULL";
 }
 
 extern "C" {
@@ -199,18 +204,21 @@ int32_t lyrane_internal_mediasource_connected(int32_t plugin_id, const char* uid
         msglog(3, "Plug-in %s reports a media source without a uid", owner->name);
         return -1;
     }
-    vel_lock_guard guard(mmcontrol.mediasources_lock);
-    mediasource* source = find_known(plugin_id, uid);
-    if (source == nullptr) {
-        source = add_source(owner, uid, type);
+    mediasource* source = nullptr;
+    {
+        vel_lock_guard guard(mmcontrol.mediasources_lock);
+        source = find_known(plugin_id, uid);
+        if (source == nullptr) {
+            source = add_source(owner, uid, type);
+        }
+        if (source == nullptr) {
+            msglog(3, "No memory for another media source");
+            return -1;
+        }
+        set_connected(source, name, view_name, capabilities, status);
+        for_each_player(source, MEDIASOURCE_CONNECTED, publish);
     }
-    if (source == nullptr) {
-        msglog(3, "No memory for another media source");
-        return -1;
-    }
-    set_connected(source, name, view_name, capabilities, status);
-    for_each_player(source, MEDIASOURCE_CONNECTED, publish);
-    msglog(7, "media source connected: %s\tid: %d", shown_name(source), source->id);
+    msglog(7, "media source connected: %s\tid: %d", shown_name(name), source->id);
     return source->id;
 }
 
@@ -218,17 +226,20 @@ int32_t lyrane_internal_mediasource_disconnected(int32_t ms_id) noexcept {
     if (from_inside_a_call("media source disconnected")) {
         return -1;
     }
-    vel_lock_guard guard(mmcontrol.mediasources_lock);
-    mediasource* source = source_of(ms_id);
-    if (source == nullptr) {
-        return -1;
+    char name[MSGLOG_LINE_SIZE]; /* a later event may change the source's own */
+    {
+        vel_lock_guard guard(mmcontrol.mediasources_lock);
+        mediasource* source = source_of(ms_id);
+        if (source == nullptr) {
+            return -1;
+        }
+        /* Inactive first: a player that is opened from now on cannot build on it any more. */
+        set_disconnected(source);
+        cancel_browsing(source);
+        for_each_player(source, MEDIASOURCE_DISCONNECTED, take_away);
+        snprintf(name, sizeof name, "%s", shown_name(source->name));
     }
-    /* Inactive first: a player that is opened from now on cannot build on the source any more. */
-    __atomic_store_n(&source->active, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&source->status, 0, __ATOMIC_RELEASE);
-    cancel_browsing(source);
-    for_each_player(source, MEDIASOURCE_DISCONNECTED, take_away);
-    msglog(7, "media source disconnected: %s\tid: %d", shown_name(source), source->id);
+    msglog(7, "media source disconnected: %s\tid: %d", name, ms_id);
     return 0;
 }
 

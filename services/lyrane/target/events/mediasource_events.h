@@ -1,9 +1,10 @@
 /* What plug-ins report of media sources: arrival, departure, changes.
  *
- * [plug-in], or a thread inside init, set_mediasource_detection or cleanup; a call from inside any
- * other entry is refused. Each event holds the media-source lock, which keeps the events and their
- * publications in one order, and takes the player locks one at a time inside it. Results and
- * arguments: <lyrane/plugin.h>. */
+ * [plug-in], or a thread inside set_mediasource_detection or cleanup; a call from inside any other
+ * entry is refused. Each event holds the media-source lock, which keeps the events and their
+ * publications in one order, and takes the player locks one at a time inside it. Fields of a source
+ * that change together are stored under registry_leaf, so who reads under that alone sees no half
+ * event. Results and arguments: <lyrane/plugin.h>. */
 #ifndef LYRANE_MEDIASOURCE_EVENTS_H
 #define LYRANE_MEDIASOURCE_EVENTS_H
 

@@ -16,18 +16,18 @@ static const plugin* owner_of(control_block* control, const mediasource* source)
     return owner;
 }
 
-/* The play table for a source: its own plug-in's, else the first that can play its type. */
-static const lyr_play_api* find_play_api(control_block* control, const plugin* owner,
-                                         const mediasource* source) noexcept {
+/* The plug-in whose play table serves a source: its own, else the first that can play its type. */
+static const plugin* find_play_plugin(control_block* control, const plugin* owner,
+                                      const mediasource* source) noexcept {
     if (owner->api->play_api != nullptr) {
-        return owner->api->play_api;
+        return owner;
     }
     vel_lock_guard guard(control->registry_leaf);
     for (int32_t i = 0; i < control->plugins.count; ++i) {
         const plugin* other = static_cast<const plugin*>(control->plugins.items[i]);
         if ((other->types & static_cast<uint32_t>(source->type)) != 0 &&
             other->api->play_api != nullptr) {
-            return other->api->play_api;
+            return other;
         }
     }
     return nullptr;
@@ -55,11 +55,13 @@ void mediasource_play_session_create(control_block* control, player* player, med
     }
     session->play_api = nullptr;
     session->play_session = nullptr;
-    const lyr_play_api* api = find_play_api(control, owner, source);
-    if (api == nullptr) {
+    const plugin* playing = find_play_plugin(control, owner, source);
+    if (playing == nullptr) {
         msglog(3, "Cannot find plugin able to play ms %d", source->id);
         return;
     }
+    const lyr_play_api* api = playing->api->play_api;
+    session->play_plugin_name = playing->name;
     session->play_session = plugin_call_play_create(api, session, player);
     if (session->play_session == nullptr) {
         msglog(3, "Cannot create play session for ms_id: %d", source->id);

@@ -11,9 +11,11 @@
 static thread_local int32_t call_depth;
 
 /* What stands around every call: the mark of the thread, and the watch. */
-static int32_t enter(const char* entry, const mediasource_session* session) noexcept {
+static int32_t enter(const char* plugin, const char* entry,
+                     const mediasource_session* session) noexcept {
     ++call_depth;
-    return plugin_watch_enter({session->plugin_name, session->player_name, entry, session->ms_id});
+    return plugin_watch_enter(
+        {plugin, session->player_name, entry, session->ms_id, session->plugin_name});
 }
 
 static void leave(int32_t ticket) noexcept {
@@ -39,12 +41,12 @@ static int32_t missing(void) noexcept {
     return -1;
 }
 
-/* A call of an entry that is there. */
+/* A call of a plug-in's entry that is there. */
 template <typename... Parameters, typename Result>
-static Result call(const mediasource_session* session, const char* name,
+static Result call(const mediasource_session* session, const char* plugin, const char* name,
                    Result (*entry)(Parameters...) noexcept,
                    std::type_identity_t<Parameters>... values) noexcept {
-    const int32_t ticket = enter(name, session);
+    const int32_t ticket = enter(plugin, name, session);
     const Result result = entry(values...);
     leave(ticket);
     return result;
@@ -58,7 +60,8 @@ static int32_t call_play(const mediasource_session* session, const char* name,
     if (!plugin_call_can_play(session) || session->play_api->*entry == nullptr) {
         return missing();
     }
-    return call(session, name, session->play_api->*entry, session->play_session, values...);
+    return call(session, session->play_plugin_name, name, session->play_api->*entry,
+                session->play_session, values...);
 }
 
 template <typename... Parameters>
@@ -68,21 +71,23 @@ static int32_t call_browse(const mediasource_session* session, const char* name,
     if (!plugin_call_can_browse(session) || session->browse_api->*entry == nullptr) {
         return missing();
     }
-    return call(session, name, session->browse_api->*entry, session->browse_session, values...);
+    return call(session, session->plugin_name, name, session->browse_api->*entry,
+                session->browse_session, values...);
 }
 
 void* plugin_call_play_create(const lyr_play_api* api, const mediasource_session* session,
                               void* data) noexcept {
     return api == nullptr || api->create == nullptr
                ? nullptr
-               : call(session, "create", api->create, session->ms_id, data);
+               : call(session, session->play_plugin_name, "create", api->create, session->ms_id,
+                      data);
 }
 
 void* plugin_call_browse_create(const lyr_browse_api* api, const mediasource_session* session,
                                 void* data) noexcept {
     return api == nullptr || api->create == nullptr
                ? nullptr
-               : call(session, "create", api->create, session->ms_id, data);
+               : call(session, session->plugin_name, "create", api->create, session->ms_id, data);
 }
 
 void plugin_call_play_destroy(const mediasource_session* session) noexcept {

@@ -5,8 +5,8 @@
  * the plug-in hands back before anybody uses it.
  *
  * All functions return what the entry returned; -1 with errno ENOTSUP when half, handle or entry is
- * missing. The caller holds the player lock, or is the build thread of the session (browse,
- * get_metadata and cancel only). */
+ * missing. The caller holds the player lock, or is the build thread of the session (browse and
+ * get_metadata only); a browse in progress is cancelled without any. */
 #ifndef LYRANE_PLUGIN_CALL_H
 #define LYRANE_PLUGIN_CALL_H
 
@@ -22,7 +22,8 @@ int32_t plugin_call_inside(void) noexcept;
 int32_t plugin_call_can_play(const mediasource_session* session) noexcept;
 int32_t plugin_call_can_browse(const mediasource_session* session) noexcept;
 
-/* Opening and closing a half of a session whose other fields are set. Null when the plug-in has no
+/* Opening and closing a half of a session whose other fields, the name of the half's plug-in among
+ * them, are set. Null when the plug-in has no
  * such entry or gives none. */
 void* plugin_call_play_create(const lyr_play_api* api, const mediasource_session* session,
                               void* data) noexcept;

@@ -126,23 +126,11 @@ static void warn_of_twin(control_block* control, void* handle, const char* name)
 }
 
 [[noreturn]] static void refuse_library(void* handle, const char* name) noexcept {
-    char copy[256];
+    char copy[MSGLOG_LINE_SIZE];
     snprintf(copy, sizeof copy, "%s", name); /* the text may lie in the library */
     dlclose(handle);
     msglog(2, "Error initializing DLL \"%s\".", copy);
     process_end(1);
-}
-
-/* True when a thread is inside the plug-in: its code must stay. */
-static bool called_into(control_block* control, const plugin* record) noexcept {
-    vel_lock_guard guard(control->registry_leaf);
-    for (int32_t i = 0; i < control->mediasources.count; ++i) {
-        const auto* source = static_cast<const mediasource*>(control->mediasources.items[i]);
-        if (source->plugin_id == record->id && plugin_watch_inside(source->id) != 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 extern "C" {
@@ -208,12 +196,13 @@ static int32_t let_go(plugin* record) noexcept {
 }
 
 int32_t plugin_unload(control_block* control, plugin* record) noexcept {
-    int32_t result = -1;
-    if (called_into(control, record)) {
+    (void)control;
+    if (plugin_watch_inside(record->name) != 0) {
+        /* The code must stay, and so must what the thread, the watch and a crash's report read. */
         msglog(3, "Plug-in %s is left loaded: a call into it does not return", record->name);
-    } else {
-        result = let_go(record);
+        return -1;
     }
+    const int32_t result = let_go(record);
     record->api = nullptr;
     free(record->name);
     record->name = nullptr;
@@ -233,7 +222,9 @@ void plugins_unload(control_block* control) noexcept {
             return;
         }
         (void)plugin_unload(control, record);
-        free(record);
+        if (record->name == nullptr) {
+            free(record);
+        }
     }
 }
 

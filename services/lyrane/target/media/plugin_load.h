@@ -14,12 +14,14 @@ extern "C" {
 /* Loads one library and calls its init. Every failure ends the process; returns 0. [main] */
 int32_t plugin_load(control_block* control, const char* name, const strm_dict* settings) noexcept;
 
-/* Cleans one plug-in up and closes its library; one that a call does not return from is left as it
- * is. 0, or -1 when anything failed. Frees the record's
- * text; the record itself stays with the caller. [main] */
+/* Cleans one plug-in up and closes its library. 0, or -1 when anything failed. Frees the record's
+ * text and forgets it; the record itself stays with the caller. A plug-in that a call does not
+ * return from is left as it is, its record with it: the caller must not free that, since the thread
+ * inside and who looks after it read it. [main] */
 int32_t plugin_unload(control_block* control, plugin* record) noexcept;
 
-/* Unloads every plug-in, the last one first, and frees the records. [main] */
+/* Unloads every plug-in, the last one first, and frees the records but for those of plug-ins that
+ * are left as they are. [main] */
 void plugins_unload(control_block* control) noexcept;
 
 /* Positions in a plug-in list, -1 when there is none: by id; the first whose types share a bit

@@ -24,7 +24,8 @@ static constexpr int64_t TAKEN = -1; /* being filled, or being looked at */
  * meanwhile. */
 struct watch_slot {
     std::atomic<int64_t> since; /* or FREE or TAKEN */
-    std::atomic<int32_t> ms_id;
+    std::atomic<const char*> plugin;
+    std::atomic<const char*> owner;
     std::atomic<pid_t> thread;
     plugin_watch_call call;
     int64_t reported; /* the `since` that has been named in the log; the watch's own */
@@ -109,7 +110,8 @@ int32_t plugin_watch_enter(const plugin_watch_call& call) noexcept {
         int64_t expected = FREE;
         if (slots[i].since.compare_exchange_strong(expected, TAKEN)) {
             slots[i].call = call;
-            slots[i].ms_id = call.ms_id;
+            slots[i].plugin = call.plugin;
+            slots[i].owner = call.owner;
             slots[i].thread = thread;
             slots[i].since = now_ns();
             if (!watch_awake) {
@@ -133,9 +135,9 @@ void plugin_watch_leave(int32_t ticket) noexcept {
     }
 }
 
-int32_t plugin_watch_inside(int32_t ms_id) noexcept {
+int32_t plugin_watch_inside(const char* plugin) noexcept {
     for (const watch_slot& slot : slots) {
-        if (slot.since != FREE && slot.ms_id == ms_id) {
+        if (slot.since != FREE && (slot.plugin == plugin || slot.owner == plugin)) {
             return 1;
         }
     }

@@ -13,10 +13,11 @@ constexpr int32_t PLUGIN_WATCH_SECONDS = 2;
 
 /* What a call is about. */
 struct plugin_watch_call {
-    const char* plugin; /* library name as configured */
+    const char* plugin; /* that is entered: its library name as configured */
     const char* player; /* null: none */
     const char* entry;
-    int32_t ms_id; /* -1: about no media source */
+    int32_t ms_id;               /* -1: about no media source */
+    const char* owner = nullptr; /* the plug-in of that source; the thread may enter it next */
 };
 
 /* Notes a call; its texts must stay until it is left. The ticket is to be given back with
@@ -25,8 +26,10 @@ struct plugin_watch_call {
 int32_t plugin_watch_enter(const plugin_watch_call& call) noexcept;
 void plugin_watch_leave(int32_t ticket) noexcept;
 
-/* 1 while a call about the media source is in progress. [any thread] */
-int32_t plugin_watch_inside(int32_t ms_id) noexcept;
+/* 1 while a call into the plug-in, or about a source of it, is in progress. `plugin` is the very
+ * text that calls into it are noted with; another one that reads the same is another plug-in's.
+ * [any thread] */
+int32_t plugin_watch_inside(const char* plugin) noexcept;
 
 /* The call that the calling thread is in; false when it is in none. Safe in a signal handler. */
 bool plugin_watch_here(plugin_watch_call* call) noexcept;

@@ -19,9 +19,9 @@ static vel_bytes reply_buffer(int32_t size) noexcept {
 /* --- Media sources -----------------------------------------------------------------------------
  */
 
-/* Copies of the active media sources, packed while the names cannot change. The registry's leaf
- * lock is enough for that, so the answer does not wait for an event that is tearing sessions
- * down. */
+/* Copies of the active media sources, packed while the names cannot change and no event is shown by
+ * half. The registry's leaf lock is enough for that, so the answer does not wait for an event that
+ * is tearing sessions down. */
 static vel_bytes pack_active_sources(control_block* control, int32_t* count,
                                      int32_t* size) noexcept {
     vel_lock_guard guard(control->registry_leaf);

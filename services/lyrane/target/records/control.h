@@ -2,6 +2,7 @@
 #ifndef LYRANE_CONTROL_H
 #define LYRANE_CONTROL_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include <sys/types.h>
@@ -47,12 +48,6 @@ struct control_block {
     int32_t lastmode_timeout; /* seconds */
     uint32_t lastmode_devices;
     int32_t lastmode_max_try;
-    int32_t lastmode_keep_missing; /* 1: what could not be restored is saved again */
-    int32_t lastmode_checkpoint;   /* seconds between saves while the service runs; 0: none */
-
-    int32_t players_per_user; /* most that are open for one user, see user_quota.h */
-    int32_t tracks_per_user;  /* most in all sessions of one user */
-
     msgserver* server; /* set by start-up */
     int32_t service_id;
     int32_t client_count; /* main thread only */
@@ -62,10 +57,24 @@ struct control_block {
     gid_t* groups; /* owned */
     int32_t ngroups;
 
-    /* Guards the growth of `plugins` and `mediasources` and the name texts of media sources. A
-     * leaf: held for a look-up, a copy or a line in the log; no other lock is taken inside it. */
+    /* What comes from here on is not for plug-ins. */
+    int32_t lastmode_keep_missing; /* 1: what could not be restored is saved again */
+    int32_t lastmode_checkpoint;   /* seconds between saves while the service runs; 0: none */
+    int32_t players_per_user;      /* most that are open for one user, see user_quota.h */
+    int32_t tracks_per_user;       /* most in all sessions of one user */
+
+    /* Guards the growth of `plugins` and `mediasources`, the name texts of media sources and what
+     * changes of a source together. A leaf: held for a look-up, a copy or a line in the log; no
+     * other lock is taken inside it. */
     vel_mutex registry_leaf;
 };
+
+/* Plug-ins reach the record by its name and know where its fields are. */
+static_assert(offsetof(control_block, server) ==
+              (offsetof(control_block, lastmode_max_try) + sizeof(int32_t) + alignof(void*) - 1) /
+                  alignof(void*) * alignof(void*));
+static_assert(offsetof(control_block, ngroups) ==
+              offsetof(control_block, server) + 5 * sizeof(void*));
 
 extern "C" {
 extern control_block mmcontrol;

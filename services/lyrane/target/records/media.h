@@ -22,8 +22,11 @@ struct plugin {
 struct mediasource_session {
     int32_t ms_id;
     int32_t player_mode;
-    uint64_t capabilities;   /* of the source when the session was made */
-    const char* plugin_name; /* of the plug-in's record, which outlives the session */
+    uint64_t capabilities; /* of the source when the session was made */
+    /* Of the plug-ins' records, which outlive the session: the source's own, which browses, and the
+     * one whose play table is used (null before there was one). */
+    const char* plugin_name;
+    const char* play_plugin_name;
     const char* player_name; /* of the player */
     const lyr_play_api* play_api;
     void* play_session;
