@@ -40,6 +40,29 @@ TEST(playback_events, stop_a_device_at_the_end) {
     player_close(&mmcontrol, "player");
 }
 
+TEST(playback_events, go_on_where_they_can) {
+    event_scene s = playing(1, 0);
+    EXPECT_EQ(rig_do(s.player, player_pause), 0);
+    EXPECT_EQ(fake_number(s.rig->fake, "event finished"), 0); /* whatever the status */
+    EXPECT_EQ(fake_ids(s.rig->fake, "attach"), std::vector<std::string>{"/t2"});
+    EXPECT_EQ(fake_number(s.rig->fake, "count play"), 1);
+    EXPECT_EQ(s.player->status, LYR_STATUS_PAUSED);
+    EXPECT_EQ(fake_number(s.rig->fake, "event error value=0"), 0);
+    EXPECT_EQ(s.player->status, LYR_STATUS_PAUSED) << "the last track's error leaves it";
+    player_close(&mmcontrol, "player");
+
+    const int32_t source = rig_source(*s.rig, "events", ALL, "/|tracks:3");
+    s.player = rig_player(*s.rig, "player", source, "/", 7, -1);
+    rig_await_build(s.player);
+    EXPECT_EQ(rig_tracks(s.player), "") << "begins beyond the folder";
+    EXPECT_EQ(fake_number(s.rig->fake, "event error value=0"), 0);
+    EXPECT_EQ(s.player->status, LYR_STATUS_IDLE);
+    EXPECT_EQ(rig_do(s.player, player_repeat, LYR_REPEAT_ALL), 0);
+    EXPECT_EQ(fake_number(s.rig->fake, "event error value=0"), -1);
+    EXPECT_EQ(rig_logged(*s.rig, "Cannot retrieve media node from trksession"), 1);
+    player_close(&mmcontrol, "player");
+}
+
 TEST(playback_events, of_earlier_sessions_change_nothing) {
     event_scene s = playing(0, 0);
     trksession_set_position(s.player->trksession, 17);
@@ -81,6 +104,14 @@ TEST(playback_events, show_positions_changes_and_states) {
     EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "repeat"), "::one");
     EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "rate"), ":n:1.5");
     EXPECT_EQ(s.player->shuffle_mode, 1);
+    int32_t refused = 0;
+    for (const char* rate : {"nan", "inf", "-inf"}) { /* the rate stays, the rest counts */
+        EXPECT_EQ(fake_number(s.rig->fake, "event state status=4 rate=%s", rate), 0);
+        EXPECT_EQ(s.player->playback_rate, 1.5F);
+        EXPECT_EQ(rig_logged(*s.rig, "reports a playback rate that is no number"), ++refused);
+    }
+    EXPECT_EQ(rig_attribute(*s.rig, "player", "state", "rate"), ":n:1.5");
+    EXPECT_EQ(s.player->status, LYR_STATUS_STOPPED);
     player_close(&mmcontrol, "player");
 }
 

@@ -147,7 +147,7 @@ const outcome outcomes[] = {
      "The device does not support play next"},
     {"previous", ANY, DEVICE, ANY, true, "previous", 9, 0, "previous", SAME, SAME, ""},
     {"previous", ANY, DEVICE, ANY, true, "*", 0, 0, "previous", SAME, SAME, ""},
-    {"jump", ANY, DEVICE, ANY, ANY, "*", -1, 0, "", SAME, SAME, ""},
+    {"jump", ANY, DEVICE, ANY, ANY, "*", -1, ENOTSUP, "", SAME, SAME, ""},
     {"shuffle", ANY, DEVICE, ANY, false, "*", -1, ENOTSUP, "", SAME, SAME, ""},
     {"shuffle", ANY, DEVICE, ANY, true, "shuffle", 9, 0, "shuffle", SAME, SAME, ""},
     {"shuffle", ANY, DEVICE, ANY, true, "*", 0, 0, "shuffle", SAME, SAME, ""},

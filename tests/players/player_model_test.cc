@@ -88,12 +88,12 @@ int32_t attach(model& m, int32_t index, int32_t repeat) {
 
 int32_t skip_error(model& m) {
     int32_t first = -1;
-    for (int32_t tried = 0; m.skips < TRACKS; ++tried) {
+    for (int32_t tried = 0;; ++tried) {
         const int32_t index = walk(m, m.repeat, 1);
         if (index < 0) {
             return 0;
         }
-        if (index == first || tried >= TRACKS) {
+        if (tried == 0 ? m.skips >= TRACKS : index == first || tried >= TRACKS) {
             break;
         }
         first = tried == 0 ? index : first;

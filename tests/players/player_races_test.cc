@@ -276,21 +276,24 @@ TEST(player_races, give_up_at_once_when_the_source_goes) {
     EXPECT_EQ(rig_tracks(player), "none");
     player_close(&mmcontrol, "loser");
 
-    (void)rig_source(rig, "races", ALL, "/|tracks:50");
-    player = rig_player(rig, "loser", source, "/", 0, 50);
-    fake_do(rig.fake, "clear");
-    fake_do(rig.fake, "rule attach result=1");
-    fake_do(rig.fake, "rule attach skip=2 times=1 block=refusing");
-    const std::string finished = start_event(rig, "finished thread=1");
-    fake_do(rig.fake, "blocked refusing");
-    gone = start_event(rig, "disconnected uid=races thread=2");
-    await_cancelled(player);
-    fake_do(rig.fake, "release refusing");
-    EXPECT_EQ(join_event(rig, finished), -1);
-    EXPECT_EQ(join_event(rig, gone), 0);
-    EXPECT_EQ(fake_number(rig.fake, "count attach"), 3);
-    EXPECT_EQ(rig_tracks(player), "none");
-    player_close(&mmcontrol, "loser");
+    for (const char* event : {"finished", "error value=0"}) {
+        fake_do(rig.fake, "unrule");
+        (void)rig_source(rig, "races", ALL, "/|tracks:50");
+        player = rig_player(rig, "loser", source, "/", 0, 50);
+        fake_do(rig.fake, "clear");
+        fake_do(rig.fake, "rule attach result=1");
+        fake_do(rig.fake, "rule attach skip=2 times=1 block=refusing");
+        const std::string walking = start_event(rig, std::string(event) + " thread=1");
+        fake_do(rig.fake, "blocked refusing");
+        gone = start_event(rig, "disconnected uid=races thread=2");
+        await_cancelled(player);
+        fake_do(rig.fake, "release refusing");
+        EXPECT_EQ(join_event(rig, walking), -1);
+        EXPECT_EQ(join_event(rig, gone), 0);
+        EXPECT_EQ(fake_number(rig.fake, "count attach"), 3);
+        EXPECT_EQ(rig_tracks(player), "none");
+        player_close(&mmcontrol, "loser");
+    }
 }
 
 /* Nothing tells the end of one track from the end of the next: each is taken at its word. */
@@ -401,6 +404,11 @@ TEST(player_races, refuse_requests_on_a_player_that_another_client_closed) {
         EXPECT_EQ(ask(second, request.type, request.fields), -1) << request.type;
     }
     EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
+    /* Nor has it a part in the player that has the name by now. */
+    EXPECT_EQ(ask_name(first, LYR_MSG_OPEN, "twin"), 0);
+    EXPECT_EQ(ask_name(second, LYR_MSG_CLOSE, "twin"), -1);
+    EXPECT_EQ(ask(first, LYR_MSG_GET_CURRENT_STATE, ""), 0);
+    EXPECT_EQ(ask_name(first, LYR_MSG_CLOSE, "twin"), 0);
     EXPECT_EQ(ask_name(second, LYR_MSG_OPEN, "twin"), 0);
     EXPECT_EQ(ask_name(second, LYR_MSG_CLOSE, "twin"), 0);
     (void)player_close(&mmcontrol, "Twin");

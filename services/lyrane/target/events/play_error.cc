@@ -42,14 +42,12 @@ static void playing(player* player, trksession* session, int32_t index, const me
     player_publish_track(player, session->ts_id, index, track, data);
 }
 
+/* Gives up within one error when it has come round, or when the source has gone: its disconnection
+ * waits for the lock. And over errors: a plug-in may accept every track and report it broken
+ * afterwards, and repeating a list of broken tracks would go round for ever. */
 static int32_t skip(player* player) noexcept VEL_REQUIRES(player->lock) {
     trksession* session = player->trksession;
     const int32_t length = trksession_length(session);
-    /* A plug-in may accept every track and report it broken afterwards: without this, repeating a
-     * list of broken tracks would go round for ever. */
-    if (player->error_run >= length) {
-        return give_up(player);
-    }
     int32_t first = -1;
     for (int32_t attempts = 0;; ++attempts) {
         int32_t index = 0;
@@ -57,16 +55,17 @@ static int32_t skip(player* player) noexcept VEL_REQUIRES(player->lock) {
             msglog(3, "We are at the end of the trksession");
             return 0;
         }
-        if (index == first || (attempts > 0 && attempts >= length)) {
-            return give_up(player);
-        }
-        first = attempts == 0 ? index : first;
         medianode track = {};
         if (trksession_copy_track(session, index, &track) != 0) {
             msglog(3, "Cannot retrieve media node from trksession");
             errno = EINVAL;
             return -1;
         }
+        if (attempts == 0 ? player->error_run >= length
+                          : index == first || attempts >= length || session->cancelled != 0) {
+            return give_up(player);
+        }
+        first = attempts == 0 ? index : first;
         metadata* data = trksession_fetch_metadata(session, track.id);
         const bool plays = try_track(session, &track);
         if (plays) {

@@ -1,6 +1,7 @@
 #include "playback_events.h"
 
 #include <cerrno>
+#include <cmath>
 
 #include "control.h"
 #include "media.h"
@@ -60,8 +61,7 @@ static int32_t position_updated(player* player, const void* handle, int32_t posi
     return 0;
 }
 
-/* Player mode: the session goes on by itself. A player that was paused or stopped while the end of
- * the track was on its way gets the next track, but does not start to sound. */
+/* Player mode: the session goes on by itself. */
 static int32_t advance(player* player, trksession* session) noexcept VEL_REQUIRES(player->lock) {
     int32_t next = 0;
     if (trksession_internal_next_index(player, &next) != 0) {
@@ -71,9 +71,6 @@ static int32_t advance(player* player, trksession* session) noexcept VEL_REQUIRE
     }
     if (player_internal_attach_medianode(player, next, trksession_length(session)) != 0) {
         return -1;
-    }
-    if (player->status != LYR_STATUS_PLAYING) {
-        return 0;
     }
     const int32_t played = plugin_call_play(session->ms_session);
     if (played != 0) {
@@ -125,7 +122,11 @@ static int32_t state_updated(player* player, const void* handle,
     if (state == nullptr || !concerns(player, handle)) {
         return stale("Invalid state update callback");
     }
-    player->playback_rate = state->playback_rate;
+    if (std::isfinite(state->playback_rate)) {
+        player->playback_rate = state->playback_rate;
+    } else { /* could not be saved, and the player with it */
+        msglog(3, "Plug-in reports a playback rate that is no number; the old one stays");
+    }
     player->status = state->status;
     player->shuffle_mode = state->shuffle_mode;
     player->repeat_mode = state->repeat_mode;

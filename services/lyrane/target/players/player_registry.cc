@@ -167,10 +167,10 @@ static player* player_open_locked(control_block* control, const char* name, uid_
     return found;
 }
 
-/* Everything that others can see of a player goes here, before close returns: sessions, objects,
- * directory. What stays is the memory, for those who still hold a pin. */
+/* Everything that others can see of a player goes here, its track session aside, which has gone:
+ * sessions, objects, directory, before close returns. What stays is the memory, for those who still
+ * hold a pin. */
 static void player_tear_down(player* player) noexcept VEL_REQUIRES(player->lock) {
-    (void)player_destroy_trksession(player);
     while (player->ms_sessions.count > 0) {
         auto* session = static_cast<mediasource_session*>(array_pop(0, &player->ms_sessions));
         mediasource_session_destroy(&session);
@@ -220,6 +220,9 @@ int32_t player_close(control_block* control, const char* name) noexcept {
         if (last->status == LYR_STATUS_PLAYING) {
             (void)player_stop(last);
         }
+        if (last->trksession != nullptr) {
+            (void)player_destroy_trksession(last);
+        }
         player_tear_down(last);
     }
     nowplaying_release(last);
@@ -256,7 +259,7 @@ int32_t players_force_close(control_block* control) noexcept {
             msglog(3, LEFT_BEHIND, last->name);
             continue;
         }
-        const bool idle = player_end_build(last, &deadline);
+        const bool idle = player_destroy_trksession_until(last, &deadline);
         if (idle) {
             player_tear_down(last);
         }

@@ -110,12 +110,11 @@ int32_t player_jump(player* player, int32_t index) noexcept {
         return player_refuse(ENOTSUP, "There is no valid ms_session to play the trksession");
     }
     if (session->ms_session->player_mode == 0) {
-        return -1;
+        return player_refuse(ENOTSUP, nullptr);
     }
     int32_t track = 0;
     if (convert_cli_index_2_internal_index(player, index, &track) != 0) {
-        msglog(3, "Invalid track index");
-        return -1;
+        return player_refuse(EINVAL, "Invalid track index");
     }
     if (player->status == LYR_STATUS_PLAYING && plugin_call_stop(session->ms_session) != 0) {
         msglog(3, "The current trksession is playing but cannot be stopped");

@@ -247,12 +247,16 @@ int32_t player_create_trksession(control_block* control, player* player, int32_t
     if (start_index < 0) {
         return player_refuse(EINVAL, nullptr);
     }
-    session->expected = *expected;
-    session->start_index = start_index;
-    session->mn_id = strdup(mn_id);
-    if (session->mn_id == nullptr) {
+    char* folder = strdup(mn_id);
+    if (folder == nullptr) {
         msglog(1, "Cannot allocate memory for trksession");
         return -1;
+    }
+    {
+        vel_lock_guard guard(session->lock); /* others find the session already */
+        session->expected = *expected;
+        session->start_index = start_index;
+        session->mn_id = folder;
     }
     return build_session(player, session, expected);
 }

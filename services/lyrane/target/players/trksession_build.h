@@ -68,10 +68,11 @@ void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes, int3
 /* An id that no other track session of this run has. [any thread] */
 uint64_t trksession_new_id(void) noexcept;
 
-/* Ends the building of the player's session, if any, before it is destroyed. False when the plug-in
- * does not let the build thread go by the deadline, a time of the real-time clock; the session must
- * not be destroyed then. */
-bool player_end_build(player* player, const timespec* deadline) noexcept VEL_REQUIRES(player->lock);
+/* player_destroy_trksession that waits for the build thread no longer than to the deadline, a time
+ * of the real-time clock (null: without end). False when the plug-in does not let the thread go by
+ * then: the player is stopped, and its session stays. */
+bool player_destroy_trksession_until(player* player, const timespec* deadline) noexcept
+    VEL_REQUIRES(player->lock);
 
 /* get_media_node_children_v2 that gives up (-1) once *cancelled is set. */
 int32_t media_node_children(const mediasource_session* session, const char* mn_id, int32_t* limit,

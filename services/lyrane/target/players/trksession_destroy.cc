@@ -94,23 +94,19 @@ static void reset_player(player* player) noexcept VEL_REQUIRES(player->lock) {
     player_publish_state(player);
 }
 
-bool player_end_build(player* player, const timespec* deadline) noexcept {
-    return player->trksession == nullptr || end_build(player->trksession, deadline);
-}
-
-extern "C" {
-
-int32_t player_destroy_trksession(player* player) noexcept {
+bool player_destroy_trksession_until(player* player, const timespec* deadline) noexcept {
     msglog(7, "Destroy current trksession");
     trksession* session = player->trksession;
     if (session == nullptr) {
-        return 0;
+        return true;
     }
     const int32_t status = player->status;
     if (status != LYR_STATUS_STOPPED && status != LYR_STATUS_IDLE && player_stop(player) != 0) {
         msglog(3, "Calling player_stop() failed");
     }
-    (void)end_build(session, nullptr);
+    if (!end_build(session, deadline)) {
+        return false;
+    }
     {
         vel_lock_guard guard(session->lock);
         const int32_t length = session->length;
@@ -121,6 +117,10 @@ int32_t player_destroy_trksession(player* player) noexcept {
     }
     trksession_set(player, nullptr);
     trksession_release(session);
-    return 0;
+    return true;
 }
+
+extern "C" int32_t player_destroy_trksession(player* player) noexcept {
+    (void)player_destroy_trksession_until(player, nullptr);
+    return 0;
 }
