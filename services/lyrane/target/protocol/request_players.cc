@@ -36,8 +36,14 @@ void handle_close(request_call* call) noexcept {
     if (request_malformed(call)) {
         return;
     }
-    if (call->player == nullptr || !ascii_equal_nocase(name.get(), call->player->name)) {
+    const bool is_own =
+        call->player != nullptr && ascii_equal_nocase(name.get(), call->player->name);
+    const bool is_closed = is_own && call->player->closed != 0; /* by another client */
+    if (!is_own || is_closed) {
         msglog(3, "Client tries to close a non-existed or non-owned player");
+        if (is_closed) {
+            request_set_slot(call->connection, nullptr);
+        }
         request_reply(call, -1);
         return;
     }

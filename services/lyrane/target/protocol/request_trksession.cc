@@ -139,16 +139,19 @@ void handle_create_trksessionv(request_call* call) noexcept {
 void handle_destroy_trksession(request_call* call) noexcept {
     const uint64_t ts_id = request_read_u64(&call->reader);
     msglog(7, "tsid: %llu", static_cast<unsigned long long>(ts_id));
-    bool found = false;
+    /* Without the player lock first: a plug-in may hold it for long, and a client that is wrong
+     * need not wait. */
+    trksession* session = trksession_hold(call->player);
+    bool found = session != nullptr && session->ts_id == ts_id;
     int32_t result = -1;
-    {
+    if (found) {
         vel_lock_guard guard(call->player->lock);
-        const trksession* session = call->player->closed == 0 ? call->player->trksession : nullptr;
-        found = session != nullptr && session->ts_id == ts_id;
+        found = call->player->closed == 0 && call->player->trksession == session;
         if (found) {
             result = player_destroy_trksession(call->player);
         }
     }
+    trksession_release(session);
     request_reply(call, result);
     if (!found) {
         msglog(3, "No active trksession or invalid tsid");
