@@ -4,8 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 static const std::string root = [] {
     char name[] = "/tmp/transport-test-XXXXXX";
@@ -155,6 +157,11 @@ void harness_await_connections(harness* h, int32_t count) {
     }
 }
 
+int32_t harness_connections_open(harness* h) {
+    vel_lock_guard guard(h->server->lock);
+    return static_cast<service*>(_array_get(&h->server->services, 0))->connections_open;
+}
+
 int64_t harness_queued(harness* h) {
     vel_lock_guard guard(h->server->lock);
     return h->server->queued_bytes;
@@ -205,6 +212,33 @@ msg_header raw_open(message_client* client) {
     const raw_reply reply = raw_call(client, header, std::string(TEST_SERVICE) + '\0');
     EXPECT_EQ(reply.error, 0);
     return reply.header;
+}
+
+const std::vector<long> POLL_CALLS = {
+#ifdef SYS_poll
+    SYS_poll,
+#endif
+    SYS_ppoll,
+};
+
+bool await_in(const std::atomic<pid_t>& thread, const std::vector<long>& calls) {
+    while (thread == 0) {
+        std::this_thread::yield();
+    }
+    const std::string path = "/proc/self/task/" + std::to_string(thread) + "/syscall";
+    for (;;) {
+        std::ifstream file(path);
+        std::string number;
+        if (!(file >> number)) {
+            return false;
+        }
+        for (const long call : calls) {
+            if (number == std::to_string(call)) {
+                return true;
+            }
+        }
+        std::this_thread::yield();
+    }
 }
 
 int descriptor_count() {

@@ -51,6 +51,8 @@ void harness_late(harness* h, const char* text);
 /* Waits until the server has so many connection records, over all clients: a client hears of the
  * end of its connection before the record is freed. */
 void harness_await_connections(harness* h, int32_t count);
+/* The service's own count of them. */
+int32_t harness_connections_open(harness* h);
 /* Bytes in all queues. */
 int64_t harness_queued(harness* h);
 
@@ -73,6 +75,11 @@ raw_reply raw_call(message_client* client, const msg_header& header, const std::
                    size_t send_size = SIZE_MAX);
 /* Connects and opens; the header of the reply. */
 msg_header raw_open(message_client* client);
+
+/* Waits until a thread of this process has said its id and sleeps in one of these system calls.
+ * False: it has ended. */
+bool await_in(const std::atomic<pid_t>& thread, const std::vector<long>& calls);
+extern const std::vector<long> POLL_CALLS;
 
 int descriptor_count();
 

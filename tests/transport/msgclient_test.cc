@@ -153,25 +153,6 @@ TEST(MsgClient, LengthsThatLieAreNotPassedOn) {
     harness_stop(&h);
 }
 
-/* Waits until a thread of this process sleeps in poll(). */
-static void await_in_poll(pid_t thread) {
-    const std::string path = "/proc/self/task/" + std::to_string(thread) + "/syscall";
-    for (;;) {
-        std::ifstream file(path);
-        std::string number;
-        file >> number;
-#ifdef SYS_poll
-        if (number == std::to_string(SYS_poll)) {
-            return;
-        }
-#endif
-        if (number == std::to_string(SYS_ppoll)) {
-            return;
-        }
-        std::this_thread::yield();
-    }
-}
-
 TEST(MsgClient, ClosingAndRegisteringAgainWakeTheWaiters) {
     harness h;
     harness_start(&h);
@@ -188,10 +169,7 @@ TEST(MsgClient, ClosingAndRegisteringAgainWakeTheWaiters) {
             });
         }
         for (std::atomic<pid_t>& id : ids) {
-            while (id == 0) {
-                std::this_thread::yield();
-            }
-            await_in_poll(id);
+            EXPECT_TRUE(await_in(id, POLL_CALLS));
         }
         if (round % 2 == 0) {
             ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
@@ -204,6 +182,80 @@ TEST(MsgClient, ClosingAndRegisteringAgainWakeTheWaiters) {
     while (descriptor_count() > before) {
         std::this_thread::yield(); /* the server has not seen the last end yet */
     }
+    harness_stop(&h);
+}
+
+static void ignore_signal(int) {}
+
+/* How often a thread has gone to sleep. */
+static std::string sleeps_of(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/status");
+    std::string line;
+    while (std::getline(file, line) && line.rfind("voluntary_ctxt_switches", 0) != 0) {
+    }
+    return line;
+}
+
+TEST(MsgClient, ACloseLeavesTheRecordToCallsThatWaitBehindIt) {
+    struct sigaction action {};
+    action.sa_handler = ignore_signal;
+    struct sigaction before {};
+    sigaction(SIGUSR2, &action, &before);
+    harness h;
+    harness_start(&h);
+    msgclient_t* client = harness_open();
+    std::atomic<pid_t> ids[3] = {};
+    std::vector<std::thread> threads;
+    const auto start = [&](int i, const char* text) {
+        threads.emplace_back([&ids, client, i, text] {
+            ids[i] = static_cast<pid_t>(syscall(SYS_gettid));
+            if (text == nullptr) {
+                EXPECT_EQ(msgclient_close(client), 0);
+            } else {
+                EXPECT_EQ(ask(client, std::string("e ") + text), text);
+            }
+        });
+    };
+    {
+        vel_lock_guard guard(h.server->lock); /* nothing is answered */
+        start(0, "first");
+        EXPECT_TRUE(await_in(ids[0], {SYS_recvmsg, SYS_recvfrom}));
+        start(1, "second");
+        EXPECT_TRUE(await_in(ids[1], {SYS_futex}));
+        start(2, nullptr);
+        EXPECT_TRUE(await_in(ids[2], {SYS_futex}));
+        /* A signal sends the second to the end of the queue for the lock, behind the close. */
+        const std::string sleeps = sleeps_of(ids[1]);
+        pthread_kill(threads[1].native_handle(), SIGUSR2);
+        while (sleeps_of(ids[1]) == sleeps) {
+            std::this_thread::yield();
+        }
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    harness_stop(&h);
+    sigaction(SIGUSR2, &before, nullptr);
+}
+
+TEST(MsgClient, ThreadsThatRegisterAtOnceLeaveTheChannelThatIsWaitedOn) {
+    harness h;
+    harness_start(&h);
+    msgclient_t* client = harness_open();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([client] {
+            for (int i = 0; i < 200; ++i) {
+                ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(msgclient_put(client, 7, "e x", 3, 0), 0);
+    EXPECT_EQ(msgclient_wait_pulse(client), 7u);
+    msgclient_close(client);
     harness_stop(&h);
 }
 

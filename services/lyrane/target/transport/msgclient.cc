@@ -27,8 +27,12 @@ struct msgclient_internal {
     message_client connection VEL_GUARDED_BY(call_lock);
 
     vel_mutex state_lock;
-    pthread_cond_t left;                        /* a waiter has gone */
+    pthread_cond_t left;                        /* a waiter or a caller has gone */
     int32_t waiters VEL_GUARDED_BY(state_lock); /* threads waiting for a pulse */
+    /* Threads inside any call but the close. A mutex does not serve them in the order in which they
+     * came, so the close cannot be the last one by waiting for it. */
+    int32_t callers VEL_GUARDED_BY(state_lock);
+    bool closing VEL_GUARDED_BY(state_lock);
 };
 
 static_assert(sizeof(msgclient_event) == MSG_EVENT_SIZE);
@@ -116,7 +120,8 @@ bool header_is_true(int16_t type, const msg_header& header, const message_result
 }
 
 /* Sends and waits; the header in `header` is sent and received over. Status or error number. */
-int32_t exchange(msgclient_t* client, const call& what, msg_header* header) {
+int32_t exchange(msgclient_t* client, const call& what, msg_header* header)
+    VEL_REQUIRES(client->internal->call_lock) {
     iovec request_room[1 + PIECES_ON_STACK];
     iovec reply_room[1 + PIECES_ON_STACK];
     std::unique_ptr<iovec, vel_free> request_heap;
@@ -128,7 +133,6 @@ int32_t exchange(msgclient_t* client, const call& what, msg_header* header) {
         return ENOMEM;
     }
     message_result result;
-    vel_lock_guard guard(client->internal->call_lock);
     int32_t error = message_call(&client->internal->connection, request, 1 + what.request_count,
                                  what.descriptor, reply,
                                  what.reply_has_header ? 1 + what.reply_count : 0, &result);
@@ -143,7 +147,8 @@ int32_t exchange(msgclient_t* client, const call& what, msg_header* header) {
     return result.status;
 }
 
-int32_t perform(msgclient_t* client, const call& what, int32_t* reply_length) {
+int32_t perform_locked(msgclient_t* client, const call& what, int32_t* reply_length)
+    VEL_REQUIRES(client->internal->call_lock) {
     msg_header header{};
     header.type = what.type;
     header.code = what.code;
@@ -156,6 +161,30 @@ int32_t perform(msgclient_t* client, const call& what, int32_t* reply_length) {
     if (reply_length != nullptr) {
         *reply_length = header.size;
     }
+    return result;
+}
+
+/* Around every call: the record lives until the last one has left. */
+void enter_call(msgclient_internal* internal) {
+    vel_lock_guard guard(internal->state_lock);
+    internal->callers += 1;
+}
+void leave_call(msgclient_internal* internal) {
+    vel_lock_guard guard(internal->state_lock);
+    internal->callers -= 1;
+    if (internal->closing) {
+        pthread_cond_broadcast(&internal->left);
+    }
+}
+
+int32_t perform(msgclient_t* client, const call& what, int32_t* reply_length) {
+    enter_call(client->internal);
+    int32_t result;
+    {
+        vel_lock_guard guard(client->internal->call_lock);
+        result = perform_locked(client, what, reply_length);
+    }
+    leave_call(client->internal);
     return result;
 }
 
@@ -243,6 +272,7 @@ int32_t open_service(msgclient_t* client, int16_t code) {
     header.code = open.code;
     header.length = open.length;
     header.size = open.size;
+    vel_lock_guard guard(client->internal->call_lock);
     const int32_t result = exchange(client, open, &header);
     client->service_index = header.service_index;
     client->connection_index = header.connection_index;
@@ -264,6 +294,50 @@ void drop_channel(msgclient_t* client, msgclient_internal* internal)
         close(client->notify_coid);
         client->notify_coid = -1;
     }
+}
+
+/* Lets no new channel be made, wakes the threads that wait for a pulse, and waits until every
+ * thread has left its call. */
+void await_callers(msgclient_t* client, msgclient_internal* internal)
+    VEL_REQUIRES(internal->state_lock) {
+    internal->closing = true;
+    if (client->notify_chid >= 0) {
+        (void)shutdown(client->notify_chid, SHUT_RDWR);
+    }
+    while (internal->callers > 0) {
+        pthread_cond_wait(&internal->left, &internal->state_lock.native);
+    }
+}
+
+/* A new private channel in the place of an earlier one, and the event for it. 0, or -1 with errno
+ * set. */
+int32_t make_channel(msgclient_t* client, msgclient_event* event) {
+    vel_lock_guard guard(client->internal->state_lock);
+    drop_channel(client, client->internal);
+    if (client->internal->closing) {
+        errno = EBADF;
+        return -1;
+    }
+    if (message_event_channel(&client->notify_chid, &client->notify_coid) != 0) {
+        return -1;
+    }
+    event->kind = MSGCLIENT_EVENT_PULSE;
+    event->coid = client->notify_coid;
+    event->priority = PULSE_PRIORITY;
+    return 0;
+}
+
+int32_t register_event(msgclient_t* client, int32_t depth, const msgclient_event& event)
+    VEL_REQUIRES(client->internal->call_lock) {
+    msgclient_event copy = event;
+    const iovec payload{&copy, sizeof copy};
+    const call what{.type = CSM_NOTIFY,
+                    .length = MSG_EVENT_SIZE,
+                    .size = depth,
+                    .request = &payload,
+                    .request_count = 1,
+                    .descriptor = copy.kind == MSGCLIENT_EVENT_PULSE ? copy.coid : -1};
+    return perform_locked(client, what, nullptr);
 }
 
 /* Frees a record that no other thread uses any more. */
@@ -317,6 +391,7 @@ int32_t msgclient_close(msgclient_t* client) noexcept {
     }
     {
         vel_lock_guard guard(client->internal->state_lock);
+        await_callers(client, client->internal);
         drop_channel(client, client->internal);
     }
     call close_call{.type = CSM_CLOSE};
@@ -417,33 +492,34 @@ int32_t msgclient_notify(msgclient_t* client, int32_t depth,
     if (client == nullptr || event == nullptr) {
         return EINVAL;
     }
-    msgclient_event copy = *event;
-    const iovec payload{&copy, sizeof copy};
-    const call what{.type = CSM_NOTIFY,
-                    .length = MSG_EVENT_SIZE,
-                    .size = depth,
-                    .request = &payload,
-                    .request_count = 1,
-                    .descriptor = copy.kind == MSGCLIENT_EVENT_PULSE ? copy.coid : -1};
-    return perform(client, what, nullptr);
+    enter_call(client->internal);
+    int32_t result;
+    {
+        vel_lock_guard guard(client->internal->call_lock);
+        result = register_event(client, depth, *event);
+    }
+    leave_call(client->internal);
+    return result;
 }
 
+/* The call lock is held from the making of the channel to its registration: another thread that
+ * registers meanwhile would close it, and the service would be left with an older one. */
 int32_t msgclient_notify_pulse(msgclient_t* client, int32_t depth) noexcept {
     if (client == nullptr) {
         return EINVAL;
     }
     msgclient_event event{};
+    enter_call(client->internal);
+    int32_t result;
     {
-        vel_lock_guard guard(client->internal->state_lock);
-        drop_channel(client, client->internal);
-        if (message_event_channel(&client->notify_chid, &client->notify_coid) != 0) {
-            return -1;
+        vel_lock_guard guard(client->internal->call_lock);
+        result = make_channel(client, &event);
+        if (result == 0) {
+            result = register_event(client, depth, event);
         }
-        event.kind = MSGCLIENT_EVENT_PULSE;
-        event.coid = client->notify_coid;
-        event.priority = PULSE_PRIORITY;
     }
-    return msgclient_notify(client, depth, &event);
+    leave_call(client->internal);
+    return result;
 }
 
 uint32_t msgclient_wait_pulse(msgclient_t* client) noexcept {
@@ -459,12 +535,14 @@ uint32_t msgclient_wait_pulse(msgclient_t* client) noexcept {
             return 0;
         }
         internal->waiters += 1;
+        internal->callers += 1;
     }
     message_event event;
     const int32_t result = message_event_wait(channel, client->coid, &event);
     {
         vel_lock_guard guard(internal->state_lock);
         internal->waiters -= 1;
+        internal->callers -= 1;
         pthread_cond_broadcast(&internal->left);
     }
     return result == 0 ? event.value : 0;

@@ -5,30 +5,16 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include <sys/socket.h>
-#include <sys/time.h>
+#include <poll.h>
 #include <unistd.h>
 
-#include "msglog.h"
+#include "msgserver_requests.h"
 #include "reply.h"
 
 namespace {
 
 constexpr int32_t LEAST_SIZE = 1024;
-/* The capability service holds up everybody while it thinks, so it may not think for ever. */
-constexpr time_t CAPABILITY_WAIT_SECONDS = 5;
-
-/* A connection to the capability service, or -1. */
-int32_t open_capability_service() {
-    message_client authman;
-    if (message_connect(&authman, "/dev/authman") != 0) {
-        return -1;
-    }
-    const timeval wait{CAPABILITY_WAIT_SECONDS, 0};
-    (void)setsockopt(authman.fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    (void)setsockopt(authman.fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-    return authman.fd;
-}
+constexpr int RETRY_MS = 100; /* when there is no memory for a receive context */
 
 /* Frees what a server owns beside its services; errno stays. */
 void free_server(msgserver* server) {
@@ -44,7 +30,7 @@ void free_server(msgserver* server) {
 
 bool prepare(msgserver* server) {
     if ((server->flags & MSGSERVER_NO_CAPABILITIES) == 0) {
-        server->authman_fd = open_capability_service();
+        server->authman_fd = msgserver_open_capability_service();
         if (server->authman_fd < 0) {
             errno = EPERM;
             return false;
@@ -141,10 +127,11 @@ int32_t msgserver_thread_loop(msgserver* server) noexcept {
             continue;
         }
         const recv_context* context = msgserver_context(server);
-        if (context == nullptr || context->failure != 0) {
+        if (context == nullptr) {
+            /* The clients wait until there is memory again. */
+            (void)poll(nullptr, 0, RETRY_MS);
+        } else if (context->failure != 0) {
             /* The next receive would fail, too: better an end that can be seen than a spin. */
-            msglog(3, "%s:%d:%s(): receive failed (%s)", "msgserver.cc", __LINE__, __func__,
-                   msglog_error_text(context != nullptr ? context->failure : ENOMEM));
             break;
         }
     }

@@ -15,8 +15,8 @@
  * that sends and goes away has its messages handled, then its `disconnect`.
  *
  * Locks: the server lock guards the service table, the connection tables and, of each connection,
- * in_use, closed, queue_limit, event, puts_owed and the queue. It is never held while a callback
- * runs or a reply is sent. */
+ * in_use, closed, refused, queue_limit, event, puts_owed and the queue. It is never held while a
+ * callback runs or a reply is sent. */
 #ifndef LYRANE_MSGSERVER_H
 #define LYRANE_MSGSERVER_H
 
@@ -54,9 +54,9 @@ constexpr int64_t MSGSERVER_QUEUE_USER = MSGSERVER_QUEUE_TOTAL / 4 * 3;
 /* Callbacks of a service; called without the server lock. The worker makes exactly one reply call
  * for a request before its thread receives again; a CSM_PUT may instead be answered at any later
  * time by reply2. A CSM_PUTGET left without a reply is answered EIO. `connect` refuses with an
- * error number above 0; the connection is gone then and gets no `disconnect`. `disconnect` is
- * called once for a connection that was accepted; its context is null when the client went away
- * without closing. */
+ * error number above 0; no message finds the connection then, and its record stays until the
+ * client's socket ends. `disconnect` is called once for every connection, a refused one too; its
+ * context is null when the client went away without closing. */
 using service_worker_function = void (*)(osb*, recv_context*, service*);
 using service_connect_function = int32_t (*)(osb*, recv_context*, service*);
 using service_disconnect_function = void (*)(osb*, recv_context*, service*);
@@ -98,7 +98,7 @@ struct service {
     char* name;    /* owned */
     char* options; /* owned */
     vel_mutex lock;
-    int32_t connections_open; /* guarded by the server lock */
+    int32_t connections_open; /* refused ones too; guarded by the server lock */
     service_worker_function worker;
     service_connect_function connect;
     service_disconnect_function disconnect;
@@ -117,11 +117,12 @@ struct osb {
     reply_entry* queue; /* newest first; owned */
     msgserver* server;
     int32_t scoid; /* the client's connection; never reused while the server lives */
-    unsigned char event[MSG_EVENT_SIZE];
+    unsigned char event[MSG_EVENT_SIZE]; /* goes to the event channel of the client's socket */
     ::service* service;
     int32_t index;
 
     int64_t queue_bytes;
+    int32_t refused;   /* 1: `connect` refused it, no message finds it */
     uid_t uid;         /* the client's; constant */
     int32_t puts_owed; /* replies still owed to CSM_PUTs; they count against the queue limit */
     /* The open connections of one client socket, listed from the word that the platform keeps for
@@ -177,8 +178,9 @@ int32_t msgserver_claim(const char* name, const char* variant) noexcept;
 /* Removes the registered names, in an orderly end. No client can connect afterwards. */
 void msgserver_withdraw(msgserver* server) noexcept;
 
-/* Receives and dispatches until `stop` is set, or until the channel is not usable any more
- * (logged). Any number of threads may run it. Returns 0. */
+/* Receives and dispatches until `stop` is set, or until the channel is not usable any more.
+ * Without memory for the thread's receive context it tries again ten times a second. Any number of
+ * threads may run it. Returns 0. */
 int32_t msgserver_thread_loop(msgserver* server) noexcept;
 
 /* Sets `stop` and wakes the loop. 0, or -1 when the server's channel cannot be woken (errno). Any

@@ -19,7 +19,8 @@ bool is_transport_message(const recv_context* context) {
 /* The open connection that the header names, when it belongs to this client. */
 osb* connection_of(const service* owner, const msg_header* header, int32_t scoid) {
     auto* connection = static_cast<osb*>(_array_get(&owner->connections, header->connection_index));
-    return connection != nullptr && connection->scoid == scoid && connection->closed == 0
+    return connection != nullptr && connection->scoid == scoid && connection->closed == 0 &&
+                   connection->refused == 0
                ? connection
                : nullptr;
 }

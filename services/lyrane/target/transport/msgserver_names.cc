@@ -6,8 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
+
+#include <veloran/server_object.h>
 
 #include "msgserver_requests.h"
 
@@ -17,6 +21,8 @@ constexpr size_t PATH_SIZE = 512;
 constexpr int32_t CLAIMS_MAX = MESSAGE_NAMES_MAX;
 constexpr mode_t MODE_MASK = 0666;
 constexpr const char* DEFAULT_VARIANT = "default";
+/* The capability service holds up everybody while it thinks, so it may not think for ever. */
+constexpr time_t CAPABILITY_WAIT_SECONDS = 5;
 
 /* Locks taken ahead of msgserver_add. */
 struct name_claim {
@@ -115,8 +121,8 @@ int32_t attach(msgserver* server, service* added, const char* variant) {
     if (lock < 0) {
         return -1;
     }
-    /* The socket file has neither inode number nor size of our choice, unlike the original
-     * registration; owner, group and mode are what clients can see of it. */
+    /* The socket file has neither inode number nor size of our choice; owner, group and mode are
+     * what clients can see of it. */
     return message_name_attach(server->dispatch, path, lock, access.mode, access.uid, access.gid) <
                    0
                ? -1
@@ -136,6 +142,29 @@ void drop_service(msgserver* server, int32_t index) VEL_REQUIRES(server->lock) {
 
 int32_t entries_of(const char* list) {
     return 1 + static_cast<int32_t>(std::count(list, list + strlen(list), ','));
+}
+
+/* How many capabilities one check grants, or -1. After a check that was not answered in full the
+ * connection is given up: an answer that still comes would be taken for that of the next check,
+ * which asks on a new one. */
+int32_t ask_capability_service(msgserver* server, const char* text, size_t length)
+    VEL_REQUIRES(server->lock) {
+    if (server->authman_fd < 0) {
+        server->authman_fd = msgserver_open_capability_service();
+    }
+    if (server->authman_fd < 0) {
+        return -1;
+    }
+    int32_t granted = -1;
+    if (TEMP_FAILURE_RETRY(send(server->authman_fd, text, length, MSG_NOSIGNAL)) ==
+            static_cast<ssize_t>(length) &&
+        TEMP_FAILURE_RETRY(recv(server->authman_fd, &granted, sizeof granted, 0)) ==
+            static_cast<ssize_t>(sizeof granted)) {
+        return granted;
+    }
+    close(server->authman_fd);
+    server->authman_fd = -1;
+    return -1;
 }
 
 } // namespace
@@ -193,6 +222,18 @@ void msgserver_withdraw(msgserver* server) noexcept {
     message_name_detach_all(server->dispatch);
 }
 
+/* Connecting does not wait either: a service that accepts nobody counts as none. */
+int32_t msgserver_open_capability_service(void) noexcept {
+    vel_fd authman(server_object_open("/dev/authman"));
+    if (authman.value < 0 || fcntl(authman.value, F_SETFL, 0) != 0) {
+        return -1;
+    }
+    const timeval wait{CAPABILITY_WAIT_SECONDS, 0};
+    (void)setsockopt(authman.value, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    (void)setsockopt(authman.value, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    return authman.release();
+}
+
 /* The capability service takes one packet of text and answers with the number of capabilities that
  * it grants, an int32. */
 bool msgserver_capable(msgserver* server, const service* wanted,
@@ -203,12 +244,8 @@ bool msgserver_capable(msgserver* server, const service* wanted,
     char text[PATH_SIZE];
     const int length = snprintf(text, sizeof text, "chkcap %u,%u,%s", context->info.uid,
                                 context->info.gid, wanted->options);
-    int32_t granted = -1;
     return length > 0 && static_cast<size_t>(length) < sizeof text &&
-           TEMP_FAILURE_RETRY(send(server->authman_fd, text, static_cast<size_t>(length),
-                                   MSG_NOSIGNAL)) == length &&
-           TEMP_FAILURE_RETRY(recv(server->authman_fd, &granted, sizeof granted, 0)) ==
-               static_cast<ssize_t>(sizeof granted) &&
-           granted == entries_of(wanted->options);
+           ask_capability_service(server, text, static_cast<size_t>(length)) ==
+               entries_of(wanted->options);
 }
 }

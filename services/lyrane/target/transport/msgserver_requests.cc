@@ -153,10 +153,10 @@ void msgserver_open(msgserver* server, recv_context* context) noexcept {
     }
     error = ask_connect(connection, context);
     if (error != 0) {
-        vel_lock_guard guard(server->lock);
-        mark_closed(server, connection);
-    }
-    if (error != 0) {
+        {
+            vel_lock_guard guard(server->lock);
+            connection->refused = 1;
+        }
         refuse(context, error);
     } else {
         const iovec header{context->buffer, static_cast<size_t>(MSG_HEADER_SIZE)};

@@ -21,10 +21,13 @@ void msgserver_put(osb* connection, recv_context* context) noexcept;
 void msgserver_client_gone(msgserver* server, recv_context* context) noexcept
     VEL_EXCLUDES(server->lock);
 
-/* Has the client of the context's message every capability that the service asks for? [server
- * lock held] */
+/* A connection to the capability service, the caller's, or -1. Never waits. */
+int32_t msgserver_open_capability_service(void) noexcept;
+
+/* Has the client of the context's message every capability that the service asks for? Waits for the
+ * capability service, not for ever; connects to it anew when an earlier check got no answer. */
 bool msgserver_capable(msgserver* server, const service* wanted,
-                       const recv_context* context) noexcept;
+                       const recv_context* context) noexcept VEL_REQUIRES(server->lock);
 }
 
 #endif

@@ -7,8 +7,6 @@
 #include <cstring>
 #include <memory>
 
-#include "msglog.h"
-
 namespace {
 
 constexpr int32_t PIECES_ON_STACK = 16;
@@ -252,7 +250,6 @@ void reply_settle(recv_context* context) noexcept {
         return;
     }
     (void)message_error(context->server->dispatch, context->rcvid, EIO);
-    msglog(6, "a request of service %s was left without a reply", owed->service_name);
     _msgserver_lock_then_decr_inuse_and_release_osb_if_closed(owed);
 }
 }
