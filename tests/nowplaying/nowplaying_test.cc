@@ -128,7 +128,7 @@ int32_t result(client_play& self) {
 
 } // namespace
 
-TEST(nowplaying_text, reads_whole_words_at_the_beginning_of_lines) {
+TEST(nowplaying_text, reads_words_at_the_beginning_of_lines) {
     const struct {
         const char* text;
         int32_t command;
@@ -142,7 +142,12 @@ TEST(nowplaying_text, reads_whole_words_at_the_beginning_of_lines) {
         {"@control\nmsg::track\ndat::previous", NOWPLAYING_DO_PREVIOUS, false, false, false,
          nullptr},
         {"msg::track\ndat::prev", NOWPLAYING_DO_PREVIOUS, false, false, false, nullptr},
-        {"msg::track\ndat::playlist", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
+        {"msg::tracks\ndat::playlist", NOWPLAYING_DO_PLAY, false, false, false, nullptr},
+        {"msg::track\ndat::prev\ndat::next\ndat::x\ndat::pause", NOWPLAYING_DO_PAUSE, false, false,
+         false, nullptr},
+        {"msg::track\n dat::play", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
+        {"msg::revoke now", NOWPLAYING_DO_REVOKE, false, false, false, nullptr},
+        {"res::acquired\nerr::revoked:late", NOWPLAYING_DO_NOTHING, true, true, false, nullptr},
         {"dat::next", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
         {"msg::info\ndat:json:{\"name\":\"msg::revoke\"}", NOWPLAYING_DO_NOTHING, false, false,
          false, nullptr},
@@ -151,9 +156,11 @@ TEST(nowplaying_text, reads_whole_words_at_the_beginning_of_lines) {
         {"@control\nmsg::track\ndat::next\n@control\nmsg::revoke", NOWPLAYING_DO_NEXT, false, false,
          false, "@control\nmsg::revoke"},
         {"-@control\nmsg::track", NOWPLAYING_DO_NOTHING, false, false, true, nullptr},
-        {"-@control", NOWPLAYING_DO_NOTHING, false, false, true, nullptr},
+        {"-@control", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
         {"-@phone\n", NOWPLAYING_DO_NOTHING, false, false, true, nullptr},
+        {"-@phone", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
         {"-@phone\nmore::text\n", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
+        {"-@phone\n@control\nmsg::revoke", NOWPLAYING_DO_REVOKE, false, false, false, nullptr},
         {"", NOWPLAYING_DO_NOTHING, false, false, false, nullptr},
     };
     for (const auto& c : cases) {
@@ -178,6 +185,8 @@ TEST(nowplaying, plays_when_the_arbiter_lets_it) {
         {REFUSAL, -1, "Player:radio did not acquire handle"},
         {"msg::revoke\nid::1", -1, "Player:radio did not acquire handle"},
         {"msg::hello\nid::9\n@control\nres::acquire\n", 0, "set ALLOW_ACQUIRE state"},
+        {"res::acquire\n@control\nerr::revoked", -1, "Player:radio did not acquire handle"},
+        {"@control\n-@control\n@control\nres::acquire", 0, "Player:radio got acquire handle"},
         {nullptr, 0, "lost NowPlaying control file; terminating"},
     };
     for (const auto& c : cases) {
@@ -197,6 +206,8 @@ TEST(nowplaying, plays_when_the_arbiter_lets_it) {
         EXPECT_EQ(fake_number(s.rig->fake, "count play"), c.result == 0 ? 1 : 0);
         EXPECT_EQ(rig_logged(*s.rig, "Player:radio not allowed to play. A higher priority client"),
                   c.result == 0 ? 0 : 1);
+        EXPECT_EQ(rig_logged(*s.rig, "failed to read NowPlaying control file"),
+                  c.answer == nullptr ? 1 : 0);
         end(s);
     }
 }
@@ -268,7 +279,7 @@ TEST(nowplaying, falls_silent_when_the_focus_is_taken) {
     } cases[] = {
         {ALL, "rule seek result=1", LYR_STATUS_PAUSED, "pause"},
         {ALL & ~uint64_t{LYR_CAP_PAUSE}, "rule seek result=1", LYR_STATUS_STOPPED, "stop"},
-        {ALL, "rule pause result=1", LYR_STATUS_STOPPED, "stop"},
+        {ALL, "rule pause result=1", LYR_STATUS_PLAYING, "pause"},
         {ALL & ~uint64_t{LYR_CAP_PAUSE | LYR_CAP_STOP}, "rule seek result=1", LYR_STATUS_PLAYING,
          "play"},
     };
@@ -280,8 +291,10 @@ TEST(nowplaying, falls_silent_when_the_focus_is_taken) {
         say(s.known, "msg::track\ndat::play");
         EXPECT_EQ(hear(s.known), PLAYING);
         say(s.known, "msg::revoke\nid::1");
-        if (c.status == LYR_STATUS_PLAYING) {
-            await_log(*s.rig, "Cannot Pause/Stop since player:radio does not have either");
+        const std::string cannot = "Cannot Pause/Stop since player:radio does not have either";
+        const bool can = strcmp(c.calls, "play") != 0;
+        if (!can) {
+            await_log(*s.rig, cannot);
         } else {
             await_calls(*s.rig, c.calls, 1);
         }
@@ -289,6 +302,8 @@ TEST(nowplaying, falls_silent_when_the_focus_is_taken) {
             vel_lock_guard guard(s.player->lock); /* the revoke is over */
             EXPECT_EQ(s.player->status, c.status);
             EXPECT_EQ(s.player->np_state, NOWPLAYING_REVOKED);
+            EXPECT_EQ(fake_number(s.rig->fake, "count stop"), strcmp(c.calls, "stop") == 0 ? 1 : 0);
+            EXPECT_EQ(rig_logged(*s.rig, cannot), can ? 0 : 1);
         }
         EXPECT_EQ(rig_destroy(s.player), 0);
         say(s.known,
@@ -317,6 +332,54 @@ TEST(nowplaying, connects_again_and_leaves_nothing) {
     }
     EXPECT_EQ(entries("/proc/self/fd"), before);
     EXPECT_EQ(s.player->status, LYR_STATUS_PLAYING);
+    end(s);
+}
+
+/* What an arbiter told that has gone meanwhile is void. */
+TEST(nowplaying, forgets_what_a_lost_arbiter_told) {
+    scene s;
+    begin(s);
+    say(s.known, "msg::track\ndat::play");
+    EXPECT_EQ(hear(s.known), PLAYING);
+    {
+        vel_lock_guard guard(s.player->lock); /* nothing can be done yet */
+        say(s.known, "msg::track\ndat::next");
+        say(s.known, "-@control\n");
+        EXPECT_EQ(hear(s.known), "gone");
+        meet(s.known);
+        EXPECT_EQ(hear(s.known).rfind("msg::register", 0), 0u);
+    }
+    EXPECT_EQ(hear(s.known), ASKED);
+    EXPECT_EQ(hear(s.known), PLAYING);
+    say(s.known, "msg::track\ndat::pause");
+    EXPECT_EQ(hear(s.known), "msg::state\nid::1\ndat::paused");
+    EXPECT_EQ(fake_number(s.rig->fake, "count attach"), 0);
+    end(s);
+}
+
+/* Somebody who speaks as soon as there is an arbiter. */
+TEST(nowplaying, registers_before_it_says_anything_else) {
+    scene s;
+    begin(s);
+    for (int i = 0; i < 20; ++i) {
+        {
+            vel_lock_guard guard(s.player->np_lock);
+            s.player->np_lost = 0;
+        }
+        std::thread eager([&s] {
+            bool again = false;
+            while (!again) {
+                std::this_thread::yield();
+                vel_lock_guard guard(s.player->np_lock);
+                again = s.player->np_lost == 1 && s.player->np_fd >= 0;
+            }
+            nowplaying_msg(s.player, ASKED);
+        });
+        meet(s.known);
+        EXPECT_EQ(hear(s.known).rfind("msg::register", 0), 0u);
+        EXPECT_EQ(hear(s.known), ASKED);
+        eager.join();
+    }
     end(s);
 }
 

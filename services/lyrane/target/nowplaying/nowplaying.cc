@@ -17,7 +17,7 @@
  * waits, and with it every client. */
 static constexpr time_t WAIT_SECONDS = 1;
 
-static void send_message(player* player, const char* text) noexcept VEL_REQUIRES(player->np_lock) {
+void nowplaying_send(player* player, const char* text) noexcept {
     if (player->np_fd == -1) {
         return;
     }
@@ -31,6 +31,26 @@ static void send_message(player* player, const char* text) noexcept VEL_REQUIRES
                "Thread#%d for player:%s failed to write message to NowPlaying control file, %s\n",
                thread, player->name, msglog_error_text(errno));
     }
+}
+
+char* nowplaying_register_text(const char* name, const char* prio, const char* audio,
+                               const char* overlay) noexcept {
+    pps_encoder encoder;
+    pps_encoder_initialize(&encoder);
+    pps_encoder_start_object(&encoder, "dat");
+    pps_encoder_add_string(&encoder, "name", name);
+    pps_encoder_add_string(&encoder, "prio", prio);
+    pps_encoder_add_string(&encoder, "audio", audio);
+    pps_encoder_add_string(&encoder, "overlay", overlay);
+    pps_encoder_end_object(&encoder);
+    const char* data = pps_encoder_buffer(&encoder);
+    char* text = nullptr;
+    if (data == nullptr || asprintf(&text, "msg::register\nid::1\n%s", data) < 0) {
+        msglog(1, "Cannot allocate memory");
+        return nullptr;
+    }
+    pps_encoder_cleanup(&encoder);
+    return text;
 }
 
 static timespec deadline_from_now(void) noexcept {
@@ -58,7 +78,7 @@ static bool await_clear(player* player, const int32_t* flag) noexcept
 static bool ask(player* player) noexcept VEL_REQUIRES(player->np_lock) {
     player->np_waiting = 1;
     player->np_lost = 0;
-    send_message(player, "msg::acquire\nid::1");
+    nowplaying_send(player, "msg::acquire\nid::1");
     (void)await_clear(player, &player->np_waiting);
     player->np_waiting = 0;
     return player->np_lost == 0;
@@ -68,28 +88,13 @@ extern "C" {
 
 void nowplaying_msg(player* player, const char* text) noexcept {
     vel_lock_guard guard(player->np_lock);
-    send_message(player, text);
+    nowplaying_send(player, text);
 }
 
 void nowplaying_register(player* player, const char* name, const char* prio, const char* audio,
                          const char* overlay) noexcept {
-    pps_encoder encoder;
-    pps_encoder_initialize(&encoder);
-    pps_encoder_start_object(&encoder, "dat");
-    pps_encoder_add_string(&encoder, "name", name);
-    pps_encoder_add_string(&encoder, "prio", prio);
-    pps_encoder_add_string(&encoder, "audio", audio);
-    pps_encoder_add_string(&encoder, "overlay", overlay);
-    pps_encoder_end_object(&encoder);
-    const char* data = pps_encoder_buffer(&encoder);
-    char* text = nullptr;
-    if (data == nullptr || asprintf(&text, "msg::register\nid::1\n%s", data) < 0) {
-        msglog(1, "Cannot allocate memory");
-        return;
-    }
-    pps_encoder_cleanup(&encoder);
-    nowplaying_msg(player, text);
-    free(text);
+    const vel_text text(nowplaying_register_text(name, prio, audio, overlay));
+    nowplaying_msg(player, text.get());
 }
 
 int32_t nowplaying_acquire(player* player) noexcept {
@@ -122,7 +127,7 @@ int32_t nowplaying_acquire(player* player) noexcept {
 void nowplaying_release(player* player) noexcept {
     vel_lock_guard guard(player->np_lock);
     player->np_acquired = 0;
-    send_message(player, "msg::release\nid::1");
+    nowplaying_send(player, "msg::release\nid::1");
 }
 
 void nowplaying_state(player* player, const char* state) noexcept {

@@ -55,14 +55,22 @@ void nowplaying_release(player* player) noexcept;
 /* Reports "playing", "paused" or "stopped". */
 void nowplaying_state(player* player, const char* state) noexcept;
 
-/* Connects to the arbiter and registers the player; tries once a second until there is one. Called
- * by the player's thread. 0, or -1 when the player has been closed. */
+/* Connects to the arbiter and registers the player; tries once a second until there is one. No
+ * message of the player's gets to the arbiter before the registration. Called by the player's
+ * thread. 0, or -1 when the player has been closed. */
 int32_t config_nowplaying(player* player) noexcept;
 
 /* Body of the player's thread; the argument is the player. Ends, and gives up its pin, soon after
  * nowplaying_end. */
 void* monitor_nowplaying_pps(void* player) noexcept;
 }
+
+/* nowplaying_msg for callers that hold the focus lock. */
+void nowplaying_send(player* player, const char* text) noexcept VEL_REQUIRES(player->np_lock);
+
+/* What nowplaying_register writes: malloc()ed, the caller's. Ends the process without memory. */
+char* nowplaying_register_text(const char* name, const char* prio, const char* audio,
+                               const char* overlay) noexcept;
 
 /* Starts the player's thread, for which the caller has taken a pin. Failure ends the process.
  * `commands` is constant. */

@@ -24,6 +24,7 @@ static constexpr int32_t READS_MAX = 32;      /* before commands get their turn 
 /* A command of the queue that only notes a grant, behind the commands that came before it. */
 static constexpr int32_t NOTE_GRANT = -1;
 
+/* The thread with one arbiter: what that one told and the player has not done ends with it. */
 struct monitor {
     player* owner;
     int32_t thread;
@@ -40,8 +41,7 @@ static bool wait_for(const player* player, int32_t fd, int timeout) noexcept {
     return poll(waiting, count, timeout) <= 0 || waiting[0].revents == 0;
 }
 
-static void set_connection(player* player, int32_t fd) noexcept {
-    vel_lock_guard guard(player->np_lock);
+static void set_connection(player* player, int32_t fd) noexcept VEL_REQUIRES(player->np_lock) {
     if (player->np_fd >= 0) {
         close(player->np_fd);
     }
@@ -50,6 +50,11 @@ static void set_connection(player* player, int32_t fd) noexcept {
     player->np_lost = 1;
     player->np_waiting = 0; /* whoever waits asks nobody any more */
     pthread_cond_broadcast(&player->np_cond);
+}
+
+static void disconnect(player* player) noexcept {
+    vel_lock_guard guard(player->np_lock);
+    set_connection(player, -1);
 }
 
 /* The answer to an acquire. A player that plays already has no use for a grant. */
@@ -97,9 +102,8 @@ static void enqueue(monitor* self, int32_t command) noexcept {
     self->queue[self->queued++] = command;
 }
 
-/* Takes what must not wait at once, and puts the rest into the queue. True when the control object
- * is gone. */
-static bool take_message(monitor* self, const nowplaying_message& message) noexcept {
+/* Takes what must not wait at once, and puts the rest into the queue. */
+static void take_message(monitor* self, const nowplaying_message& message, bool refused) noexcept {
     if (message.command == NOWPLAYING_DO_REVOKE) {
         take_revoke(self->owner);
     }
@@ -107,20 +111,27 @@ static bool take_message(monitor* self, const nowplaying_message& message) noexc
         enqueue(self, message.command);
     }
     if (message.answer) {
-        take_answer(self, message.refused);
-        if (!message.refused && self->queued > 0) {
+        take_answer(self, refused);
+        if (!refused && self->queued > 0) {
             enqueue(self, NOTE_GRANT);
         }
     }
-    return message.lost;
 }
 
+/* A refusal anywhere in the text refuses; only its beginning can tell, with true as the result,
+ * that the control object is gone. */
 static bool take_text(monitor* self, const char* text) noexcept {
-    bool lost = false;
-    while (text != nullptr) {
-        nowplaying_message message;
-        text = nowplaying_read(text, &message);
-        lost = take_message(self, message) || lost;
+    nowplaying_message message;
+    const char* next = nowplaying_read(text, &message);
+    const bool lost = message.lost;
+    bool refused = message.refused;
+    while (next != nullptr) {
+        next = nowplaying_read(next, &message);
+        refused = refused || message.refused;
+    }
+    for (next = text; next != nullptr;) {
+        next = nowplaying_read(next, &message);
+        take_message(self, message, refused);
     }
     return lost;
 }
@@ -132,15 +143,17 @@ static bool read_messages(monitor* self) noexcept {
         char* text = nullptr;
         const int64_t length = server_object_read(self->fd, &text);
         if (length < 0) {
-            if (errno == EAGAIN || errno == ECONNRESET || errno == EBADF) {
-                return errno != EAGAIN;
+            const int error = errno;
+            if (error == EAGAIN) {
+                return false;
             }
             msglog(3,
                    "fd#%d Thread#%d for player:%s monitorNowPlayingPPS: failed to read NowPlaying "
                    "control file %s",
-                   self->fd, self->thread, name, msglog_error_text(errno));
-            self->failed = true;
-            return false;
+                   self->fd, self->thread, name, msglog_error_text(error));
+            const bool lost = error == ECONNRESET || error == EBADF;
+            self->failed = !lost;
+            return lost;
         }
         msglog(7,
                "fd#%d Thread#%d for player:%s monitorNowPlayingPPS: read %s in %d bytes from "
@@ -167,7 +180,7 @@ static void play(player* player) noexcept VEL_REQUIRES(player->lock) {
     player->np_acquired = 0;
 }
 
-/* Silences the player by what its source can do; when that fails, by the other. */
+/* Silences the player by what its source can do. */
 static void revoke(player* player) noexcept VEL_REQUIRES(player->lock) {
     const trksession* session = player->trksession;
     if (session == nullptr) {
@@ -176,18 +189,16 @@ static void revoke(player* player) noexcept VEL_REQUIRES(player->lock) {
     player->np_state = NOWPLAYING_REVOKED;
     const uint64_t can = session->ms_session->capabilities;
     const nowplaying_commands* commands = player->np_commands;
-    const bool pauses = (can & LYR_CAP_PAUSE) != 0;
-    if (pauses || (can & LYR_CAP_STOP) != 0) {
-        auto* first = pauses ? commands->pause : commands->stop;
-        auto* second = pauses ? commands->stop : commands->pause;
-        if (first(player) == 0 || second(player) == 0) {
-            return;
-        }
+    if ((can & LYR_CAP_PAUSE) != 0) {
+        (void)commands->pause(player);
+    } else if ((can & LYR_CAP_STOP) != 0) {
+        (void)commands->stop(player);
+    } else {
+        msglog(3,
+               "monitorNowPlayingPPS: Cannot Pause/Stop since player:%s does not have either "
+               "capability",
+               player->name);
     }
-    msglog(
-        3,
-        "monitorNowPlayingPPS: Cannot Pause/Stop since player:%s does not have either capability",
-        player->name);
 }
 
 static void execute(player* player, int32_t command) noexcept VEL_REQUIRES(player->lock) {
@@ -257,7 +268,7 @@ static bool monitor_connection(monitor* self) noexcept {
 extern "C" {
 
 int32_t config_nowplaying(player* player) noexcept {
-    set_connection(player, -1);
+    disconnect(player);
     int32_t fd = server_object_open(NOWPLAYING_CONTROL);
     while (fd < 0) {
         if (!wait_for(player, -1, CONNECT_AGAIN_MS)) {
@@ -265,11 +276,15 @@ int32_t config_nowplaying(player* player) noexcept {
         }
         fd = server_object_open(NOWPLAYING_CONTROL);
     }
-    set_connection(player, fd);
     const int32_t thread = player->np_thread;
-    msglog(4, "fd#%d Thread#%d - NowPlaying service now available for player:%s", fd, thread,
-           player->name);
-    nowplaying_register(player, player->name, "low", "general", "plain");
+    const vel_text text(nowplaying_register_text(player->name, "low", "general", "plain"));
+    {
+        vel_lock_guard guard(player->np_lock);
+        set_connection(player, fd);
+        msglog(4, "fd#%d Thread#%d - NowPlaying service now available for player:%s", fd, thread,
+               player->name);
+        nowplaying_send(player, text.get()); /* before anybody else can see the descriptor */
+    }
     if (player->status == LYR_STATUS_PLAYING) {
         msglog(7, "fd#%d Thread#%d - Sending Acquire request since player:%s is already playing",
                fd, thread, player->name);
@@ -280,12 +295,12 @@ int32_t config_nowplaying(player* player) noexcept {
 }
 
 void* monitor_nowplaying_pps(void* argument) noexcept {
-    monitor self = {};
-    self.owner = static_cast<player*>(argument);
-    self.thread = process_thread_id();
-    player* player = self.owner;
-    player->np_thread = self.thread;
+    auto* player = static_cast<struct player*>(argument);
+    player->np_thread = process_thread_id();
     while (config_nowplaying(player) == 0) {
+        monitor self = {};
+        self.owner = player;
+        self.thread = player->np_thread;
         {
             vel_lock_guard guard(player->np_lock);
             self.fd = player->np_fd;
@@ -296,7 +311,7 @@ void* monitor_nowplaying_pps(void* argument) noexcept {
             break;
         }
     }
-    set_connection(player, -1);
+    disconnect(player);
     const nowplaying_commands* commands = player->np_commands;
     {
         vel_lock_guard guard(player->np_lock);

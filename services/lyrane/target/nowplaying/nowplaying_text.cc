@@ -8,52 +8,51 @@ namespace {
 /* The lines of one message that matter. */
 struct message_lines {
     int32_t count;
-    bool object_lost; /* "-@control" came first */
-    bool phone_lost;  /* "-@phone" came first */
+    bool phone; /* "-@phone" came first */
     bool track;
     bool revoke;
     bool acquire;
     bool revoked;
-    int32_t data; /* NOWPLAYING_DO_* of the "dat::" line */
+    int32_t data; /* NOWPLAYING_DO_* of the "dat::" lines, the smallest of several */
     bool headed;  /* has a "msg::" or "res::" line */
 };
 
-int32_t data_command(std::string_view word) {
-    if (word == "play") {
+int32_t data_command(std::string_view line) {
+    if (line.starts_with("dat::play")) {
         return NOWPLAYING_DO_PLAY;
     }
-    if (word == "pause") {
+    if (line.starts_with("dat::pause")) {
         return NOWPLAYING_DO_PAUSE;
     }
-    if (word == "next") {
+    if (line.starts_with("dat::next")) {
         return NOWPLAYING_DO_NEXT;
     }
-    return word == "prev" || word == "previous" ? NOWPLAYING_DO_PREVIOUS : NOWPLAYING_DO_NOTHING;
+    return line.starts_with("dat::prev") ? NOWPLAYING_DO_PREVIOUS : NOWPLAYING_DO_NOTHING;
 }
 
 bool heads(std::string_view line) {
     return line.starts_with("msg::") || line.starts_with("res::");
 }
 
-/* Does this line belong to the next message? */
+/* Does this line belong to the next message? What stands behind "-@phone" makes it no notice, so it
+ * is left there. */
 bool begins_another(const message_lines& lines, std::string_view line) {
-    return lines.count > 0 &&
-           (line.starts_with("@") || line.starts_with("-@") || (lines.headed && heads(line)));
+    const bool object = line.starts_with("@") || line.starts_with("-@");
+    return lines.count > 0 && ((object && !lines.phone) || (lines.headed && heads(line)));
 }
 
 void take_line(message_lines* lines, std::string_view line) {
-    if (lines->count == 0) {
-        lines->object_lost = line == "-@control";
-        lines->phone_lost = line == "-@phone";
-    }
+    lines->phone = lines->phone || (lines->count == 0 && line == "-@phone");
     ++lines->count;
     lines->headed = lines->headed || heads(line);
-    lines->track = lines->track || line == "msg::track";
-    lines->revoke = lines->revoke || line == "msg::revoke";
-    lines->acquire = lines->acquire || line == "res::acquire";
-    lines->revoked = lines->revoked || line == "err::revoked";
-    if (line.starts_with("dat::") && lines->data == NOWPLAYING_DO_NOTHING) {
-        lines->data = data_command(line.substr(5));
+    lines->track = lines->track || line.starts_with("msg::track");
+    lines->revoke = lines->revoke || line.starts_with("msg::revoke");
+    lines->acquire = lines->acquire || line.starts_with("res::acquire");
+    lines->revoked = lines->revoked || line.starts_with("err::revoked");
+    const int32_t data = data_command(line);
+    if (data != NOWPLAYING_DO_NOTHING &&
+        (lines->data == NOWPLAYING_DO_NOTHING || data < lines->data)) {
+        lines->data = data;
     }
 }
 
@@ -78,6 +77,7 @@ const char* nowplaying_read(const char* text, nowplaying_message* message) noexc
                                       : NOWPLAYING_DO_NOTHING;
     message->answer = lines.acquire;
     message->refused = lines.revoked;
-    message->lost = lines.object_lost || (lines.phone_lost && lines.count == 1);
+    const std::string_view whole(text, static_cast<size_t>(next - text));
+    message->lost = whole.starts_with("-@control\n") || whole == "-@phone\n";
     return *next != '\0' ? next : nullptr;
 }
