@@ -160,7 +160,10 @@ static int32_t get_metadata(void* handle, const char* node_id, metadata** data) 
 }
 
 static int32_t update_medianodes(void* handle, int32_t count, medianode* nodes) {
-    return (void)handle, (void)count, (void)nodes, 0; /* ids are names, so they are still right */
+    for (int32_t i = 0; i < count; ++i) { /* their ids are names, so they are still right */
+        nodes[i].ms_id = (int32_t)((intptr_t)handle - 1);
+    }
+    return 0;
 }
 
 static int32_t number_of(const strm_dict* settings, const char* key, int32_t most, int32_t other) {

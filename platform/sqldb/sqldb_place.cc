@@ -40,7 +40,8 @@ int32_t resolve(std::string* real, std::string_view path, bool platform) {
     return 0;
 }
 
-int32_t resolve_list(std::vector<std::string>* list, std::string_view text, bool platform) {
+/* The directories of a configuration. */
+int32_t resolve_list(std::vector<std::string>* list, std::string_view text) {
     list->clear();
     while (!text.empty()) {
         const size_t comma = text.find(',');
@@ -49,11 +50,16 @@ int32_t resolve_list(std::vector<std::string>* list, std::string_view text, bool
         while (item.size() > 1 && item.back() == '/') {
             item.remove_suffix(1);
         }
-        if (!item.empty() && resolve(&list->emplace_back(), item, platform) != 0) {
+        if (!item.empty() && resolve(&list->emplace_back(), item, true) != 0) {
             return -1;
         }
     }
     return 0;
+}
+
+/* One more directory, whose path may have commas. */
+int32_t resolve_next(std::vector<std::string>* list, std::string_view path) {
+    return path.empty() ? 0 : resolve(&list->emplace_back(), path, false);
 }
 
 int32_t take_attribute(sqldb_place* place, std::string_view name, std::string_view value,
@@ -70,7 +76,10 @@ int32_t take_attribute(sqldb_place* place, std::string_view name, std::string_vi
             return resolve(path.path, value, platform);
         }
     }
-    return name == "BackupDir" ? resolve_list(&place->backups, value, platform) : 0;
+    if (name != "BackupDir") {
+        return 0;
+    }
+    return platform ? resolve_list(&place->backups, value) : resolve_next(&place->backups, value);
 }
 
 int32_t write_all(int fd, std::string_view text) {
@@ -124,11 +133,9 @@ int32_t sqldb_place_publish(const sqldb_place& place) {
     if (!place.client_schema.empty()) {
         text += "ClientSchemaFile::" + place.client_schema + '\n';
     }
-    text += "BackupDir::";
     for (const std::string& directory : place.backups) {
-        text += directory + ',';
+        text += "BackupDir::" + directory + '\n';
     }
-    text += '\n';
     const std::string path = sqldb_place_of_name(place.name, false);
     return path.empty() ? -1 : sqldb_place_write(path, text, false);
 }

@@ -31,9 +31,11 @@ bool sqldb_place_is_name(std::string_view name) noexcept;
  * errno set. */
 std::string sqldb_place_of_name(const std::string& name, bool existing);
 
-/* Takes the attributes of a text into *place, whose name stays. `platform` says that the paths are
- * those of the platform. 0, or -1 with errno set: ENODATA when an attribute that must be there is
- * missing, ENAMETOOLONG for a database file that SQLite does not take. */
+/* Takes the attributes of a text into *place, whose name stays. `platform` says that it is a
+ * configuration: the paths are those of the platform, and BackupDir is a list with commas. Without
+ * it each BackupDir is one directory, since a real path may have commas. 0, or -1 with errno set:
+ * ENODATA when an attribute that must be there is missing, ENAMETOOLONG for a database file that
+ * SQLite does not take. */
 int32_t sqldb_place_parse(sqldb_place* place, std::string_view text, bool platform);
 
 /* Writes /dev/sqldb/NAME, whole or not at all; takes it away. 0, or -1 with errno set. */

@@ -1,12 +1,22 @@
-/* What a save copies, while players are at work. */
+/* What a save copies, while players are at work, and what a restore thread does. */
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "lastmode.h"
+#include "mediasource.h"
+#include "player_pin.h"
 #include "player_registry.h"
 #include "player_rig.h"
 #include "snapshot.h"
+#include "trksession.h"
 
 static constexpr uint64_t ALL = 0xF045F;
 
@@ -76,4 +86,93 @@ TEST(lastmode_thread, says_what_it_lacks) {
     EXPECT_EQ(rig_logged(rig, "The user data to lastmode thread is NULL"), 1);
     EXPECT_EQ(lastmode_thread(calloc(1, sizeof(player_state))), nullptr);
     EXPECT_EQ(rig_logged(rig, "Invalid player associated with lastmode state"), 1);
+}
+
+/* A player that is opened for this, and its saved session of tracks of a source. */
+static player_state* saved_state(const char* name, int32_t source,
+                                 const std::vector<const char*>& ids) {
+    mmcontrol.lastmode_devices = LYR_MS_TYPE_HDD;
+    mmcontrol.lastmode_timeout = 0; /* one look */
+    const mediasource* saved = mediasource_by_id(&mmcontrol, source);
+    auto* state = static_cast<player_state*>(calloc(1, sizeof(player_state)));
+    state->player = player_open(&mmcontrol, name);
+    player_pin(state->player);
+    state->ms_plugin_name = strdup(saved->plugin_name);
+    state->ms_uid = strdup(saved->uid);
+    state->length = static_cast<int32_t>(ids.size());
+    state->tracks = static_cast<medianode*>(calloc(ids.size(), sizeof(medianode)));
+    for (size_t i = 0; i < ids.size(); ++i) {
+        state->tracks[i].id = strdup(ids[i]);
+    }
+    return state;
+}
+
+TEST(lastmode_thread, leaves_the_id_of_the_source_to_the_plug_in) {
+    player_rig& rig = rig_fresh();
+    (void)rig_source(rig, "zero", ALL, "/|tracks:1");
+    const int32_t source = rig_source(rig, "given", ALL, "/|tracks:2");
+    ASSERT_NE(source, 0);
+    player_state* state = saved_state("given", source, {"/t0", "/unknown"});
+    player* player = state->player;
+    (void)lastmode_thread(state);
+    ASSERT_EQ(rig_tracks(player), "/t0 /unknown");
+    {
+        vel_lock_guard guard(player->trksession->lock);
+        EXPECT_EQ(player->trksession->tracks[0].ms_id, source);
+        EXPECT_EQ(player->trksession->tracks[1].ms_id, 0);
+    }
+    player_close(&mmcontrol, "given");
+}
+
+TEST(lastmode_thread, asks_again_only_for_a_session) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "back", ALL, "/|tracks:2");
+    const struct {
+        const char* rule;
+        const char* tracks; /* what comes back */
+        int32_t tries;
+    } cases[] = {{"update result=1 times=1", "none", 1},
+                 {"browse.create null=1 times=1", "/t0 /t1", 2},
+                 {"browse.create null=1", "none", 10}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.rule);
+        const int32_t looked = rig_logged(rig, "check whether the media source is ready: 0");
+        fake_do(rig.fake, "unrule");
+        fake_do(rig.fake, "rule %s", each.rule);
+        player_state* state = saved_state("back", source, {"/t0", "/t1"});
+        player* player = state->player;
+        (void)lastmode_thread(state);
+        EXPECT_EQ(rig_tracks(player), each.tracks);
+        EXPECT_EQ(rig_logged(rig, "check whether the media source is ready: 0"),
+                  looked + each.tries);
+        player_close(&mmcontrol, "back");
+    }
+}
+
+/* A source is there when everybody has been told, not before. */
+TEST(lastmode_thread, lets_the_event_of_a_source_end_first) {
+    player_rig& rig = rig_fresh();
+    const int32_t source = rig_source(rig, "late", ALL, "/|tracks:2");
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=late"), 0);
+    player* busy = player_open(&mmcontrol, "busy");
+    player_state* state = saved_state("back", source, {"/t0"});
+    player* player = state->player;
+    rig.log_start = std::filesystem::file_size(rig.log);
+    vel_mutex_lock(&busy->lock);
+    const std::string ticket = fake_do(rig.fake, "event connected uid=late nowait=1");
+    while (mediasource_active(mediasource_by_id(&mmcontrol, source)) == 0) {
+    }
+    std::thread restoring(lastmode_thread, state);
+    while (rig_logged(rig, "check whether the media source is ready: 0") == 0) {
+    }
+    vel_mutex_unlock(&busy->lock);
+    EXPECT_EQ(fake_number(rig.fake, "join %s", ticket.c_str()), source);
+    restoring.join();
+    EXPECT_EQ(rig_tracks(player), "/t0");
+    std::ifstream file(rig.log);
+    file.seekg(static_cast<std::streamoff>(rig.log_start));
+    const std::string log{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_LT(log.find("media source connected: late"), log.find("create browse session for ms"));
+    player_close(&mmcontrol, "back");
+    player_close(&mmcontrol, "busy");
 }

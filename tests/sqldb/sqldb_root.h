@@ -23,7 +23,7 @@ struct sqldb_root : ::testing::EmptyTestEventListener {
     std::string path;
     pid_t owner = getpid();
     sqldb_root() {
-        char name[] = "/tmp/lyrane-sqldb-XXXXXX";
+        char name[] = "/tmp/lyrane,sqldb-XXXXXX"; /* commas separate nothing in real paths */
         path = mkdtemp(name);
         std::filesystem::create_directory(path + "/defaults");
         setenv("VELORAN_RUN", (path + "/run").c_str(), 1);

@@ -51,6 +51,9 @@ TEST_F(ppsdir, builds_paths) {
               static_cast<int32_t>(expected.size()));
     EXPECT_STREQ(small.c_str(), expected.c_str());
     EXPECT_EQ(lyr_ppsdir_getpath(dir, nullptr, 0), static_cast<int32_t>(expected.size()));
+    EXPECT_EQ(lyr_ppsdir_getpath(nullptr, small.data(), small.size()), 0);
+    EXPECT_STREQ(small.c_str(), "");
+    EXPECT_EQ(lyr_ppsdir_getpath(nullptr, nullptr, 0), 0);
     for (lyr_ppswriter* object : {plain, first, many}) {
         lyr_ppswriter_close(object);
     }
@@ -72,6 +75,16 @@ TEST_F(ppsdir, removal_takes_strangers_files_and_leaves_what_was_there) {
     EXPECT_EQ(lyr_ppsdir_remove(old), 0);
     EXPECT_TRUE(exists("/old/kept"));
     EXPECT_FALSE(exists("/old/left")); /* our own object goes in any case */
+}
+
+TEST_F(ppsdir, removal_is_for_directories) {
+    lyr_ppswriter* object = lyr_ppswriter_create(root, "object", -1, &error);
+    for (int32_t refs = 1; refs >= 0; --refs) { /* also once it is closed */
+        EXPECT_EQ(lyr_ppsdir_remove(object), EINVAL);
+        EXPECT_TRUE(exists("/object"));
+        lyr_ppswriter_close(object);
+    }
+    EXPECT_EQ(lyr_ppsdir_remove(nullptr), 0);
 }
 
 /* A tree with an existing directory inside one of ours ends its removal. */

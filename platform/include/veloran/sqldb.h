@@ -9,7 +9,7 @@
  *                                    database can be opened, else "Status::Error" with "Reason::"
  *   /dev/sqldb/NAME                  written by the service side before "Status::Valid": a text
  *                                    file with the real paths, one attribute a line: "Filename::",
- *                                    "ClientSchemaFile::" and "BackupDir::" (separated by commas)
+ *                                    "ClientSchemaFile::" and a "BackupDir::" for each directory
  *
  * A NAME is 1 to 64 bytes of letters, digits, '_', '-' and '.', and does not begin with '.'.
  *

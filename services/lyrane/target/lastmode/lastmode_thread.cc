@@ -17,13 +17,14 @@
 #include "mediasource.h"
 #include "msglog.h"
 #include "player_commands.h"
+#include "plugin_call.h"
 #include "trksession.h"
 #include "trksession_build.h"
 #include "trksession_walk.h"
 
 static constexpr int64_t LOOKS_PER_SECOND = 10;
 static constexpr int64_t BETWEEN_LOOKS_MS = 100;
-static constexpr int64_t REFUSALS = 10; /* by the plug-in of a source that is there */
+static constexpr int64_t TRIES = 10; /* for a session on a source that is there */
 static constexpr int64_t END_WAIT_MS = 1000;
 
 static vel_mutex threads_lock = {PTHREAD_MUTEX_INITIALIZER};
@@ -41,8 +42,10 @@ static bool wait_to_look(void) noexcept VEL_NO_TSA /* a condition variable waits
     return !threads_ending;
 }
 
-/* The media source of a saved session, if it is connected now. */
+/* The media source of a saved session, if it is connected now. Waits for the event of a media
+ * source that is in progress: a source is there when all players have been told. No lock held. */
 static mediasource* look(const player_state* state) noexcept {
+    vel_lock_guard events(mmcontrol.mediasources_lock);
     vel_lock_guard guard(mmcontrol.registry_leaf);
     const int32_t position = mediasources_find_by_pname_uid(0, &mmcontrol.mediasources,
                                                             state->ms_plugin_name, state->ms_uid);
@@ -100,15 +103,20 @@ static void resume(player* player, const player_state* state) noexcept VEL_REQUI
     }
 }
 
+/* Whether the player has a session on the source that can be asked for anything. */
+static bool can_ask(const player* player, const mediasource* source) noexcept
+    VEL_REQUIRES(player->lock) {
+    const int32_t position = mediasource_sessions_find(0, &player->ms_sessions, source->id);
+    return position >= 0 && plugin_call_can_browse(static_cast<const mediasource_session*>(
+                                player->ms_sessions.items[position])) != 0;
+}
+
 /* What came of bringing a session back; only with `taken` do the strings of the tracks belong to a
  * session now. */
-enum class outcome { refused, failed, taken };
+enum class outcome { too_early, failed, taken };
 
 /* A client that has had a session on the player in this run is not disturbed. */
 static outcome bring_back(player_state* state, const mediasource* source) noexcept {
-    for (int32_t i = 0; i < state->length; ++i) {
-        state->tracks[i].ms_id = source->id;
-    }
     player* player = state->player;
     vel_lock_guard guard(player->lock);
     if (player->closed != 0 || player->sessions_made != 0) {
@@ -116,7 +124,7 @@ static outcome bring_back(player_state* state, const mediasource* source) noexce
     }
     if (mediasource_update_medianodes(&mmcontrol, player, source->id, state->tracks,
                                       state->length) != 0) {
-        return outcome::refused;
+        return can_ask(player, source) ? outcome::failed : outcome::too_early;
     }
     const bool taken = make_session(player, state, source);
     if (player->trksession != nullptr) {
@@ -125,18 +133,18 @@ static outcome bring_back(player_state* state, const mediasource* source) noexce
     return taken ? outcome::taken : outcome::failed;
 }
 
-/* A plug-in learns the id of a source when its report of the source returns, and until then it
- * refuses what concerns the source: one that has just come is asked again. True when the strings
- * of the tracks belong to a session now. */
+/* A plug-in learns the id of a source when its report of the source returns, and until then it may
+ * make no session on the source: one that has just come is asked again. A plug-in that refuses the
+ * tracks is not. True when the strings of the tracks belong to a session now. */
 static bool await_and_bring_back(player_state* state) noexcept {
-    for (int64_t refusals = 0; refusals < REFUSALS; ++refusals) {
+    for (int64_t tried = 0; tried < TRIES; ++tried) {
         const mediasource* source = await_source(state);
         if (source == nullptr ||
             (static_cast<uint32_t>(source->type) & mmcontrol.lastmode_devices) == 0) {
             return false;
         }
         const outcome result = bring_back(state, source);
-        if (result != outcome::refused) {
+        if (result != outcome::too_early) {
             return result == outcome::taken;
         }
         if (!wait_to_look()) {

@@ -156,6 +156,10 @@ int32_t lyr_ppsdir_remove(lyr_ppsdir* dir) noexcept {
     if (dir == nullptr) {
         return 0;
     }
+    if (dir->kind == ppsnode_kind::object) {
+        errno = EINVAL;
+        return EINVAL;
+    }
     if (!unlink_unused(dir)) {
         const vel_text path = ppsnode_path(dir, nullptr);
         msglog(2, "Couldn't remove %s -- still in use", path == nullptr ? dir->name : path.get());
@@ -166,12 +170,12 @@ int32_t lyr_ppsdir_remove(lyr_ppsdir* dir) noexcept {
 }
 
 int32_t lyr_ppsdir_getpath(const lyr_ppsnode* node, char* destination, size_t size) noexcept {
-    const size_t length = ppsnode_path_length(node, nullptr);
+    const size_t length = node == nullptr ? 0 : ppsnode_path_length(node, nullptr);
     if (destination == nullptr || size == 0) {
         return static_cast<int32_t>(length);
     }
     destination[0] = '\0';
-    if (length < size) {
+    if (node != nullptr && length < size) {
         ppsnode_write_path(node, nullptr, destination + length);
     }
     return static_cast<int32_t>(length);
