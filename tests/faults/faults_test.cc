@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -138,31 +140,50 @@ int run(scene& scene) {
     return hung ? -1 : status;
 }
 
-/* The last line of a log at level 3 or below, none of a stack, without the place of this run. */
-std::string last_warning(const std::string& log, const std::string& root) {
-    std::string found;
-    size_t at = 0;
-    while (at < log.size()) {
-        const size_t end = std::min(log.find('\n', at), log.size());
-        const std::string line = log.substr(at, end - at);
-        if (line[0] >= '1' && line[0] <= '3' && line.find("(+0x") == std::string::npos) {
-            found = line;
+/* What the log of a run tells of its end. */
+struct last_lines {
+    std::string warning; /* the last line at level 3 or below, none of a stack, without its place */
+    std::string culprit; /* of a crash: the first frame that is none of the system's */
+};
+
+last_lines read_last_lines(const std::string& log, const std::string& root) {
+    static constexpr char FRAME[] = "2 lyrane:   /";
+    last_lines found;
+    size_t frames = 0;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, strlen(FRAME), FRAME) == 0) {
+            const bool is_system = line.find("/lib/", strlen(FRAME) - 1) != std::string::npos;
+            /* The outermost call is the handler's own. */
+            if (frames++ > 0 && !is_system && found.culprit.empty()) {
+                found.culprit = line;
+            }
+        } else if (line[0] >= '1' && line[0] <= '3') {
+            found.warning = line;
         }
-        at = end + 1;
     }
-    const size_t place = found.find(root);
-    return place == std::string::npos ? found : found.replace(place, root.size(), "...");
+    const size_t place = found.warning.find(root);
+    if (place != std::string::npos) {
+        found.warning.replace(place, root.size(), "...");
+    }
+    return found;
 }
 
+/* The scripted plug-in has an answer to want of memory that is as bad as any: an exception that
+ * nobody catches. The service must only name it. */
 outcome judge(fault_call call, int status, const std::string& log, const std::string& root) {
+    const last_lines last = read_last_lines(log, root);
     outcome result;
-    result.why = last_warning(log, root);
+    result.why = last.warning;
     if (status == 0) {
         result.text = "goes on";
     } else if (status == EXIT_FAILURE && !result.why.empty()) {
         result.text = "ends, status 1";
-    } else if (status == 128 + SIGABRT && (call == FAULT_ALLOCATE || !result.why.empty())) {
+    } else if (status == 128 + SIGABRT && result.why[0] == '1') {
         result.text = "ends, aborted";
+    } else if (status == 128 + SIGABRT && call == FAULT_ALLOCATE &&
+               last.culprit.find("/disk.so(") != std::string::npos) {
+        result.text = "the plug-in aborts";
     } else if (status == 127 && call <= FAULT_OPEN) {
         result.text = "was not loaded"; /* the loader's own call */
     }

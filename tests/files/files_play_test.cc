@@ -82,6 +82,17 @@ static bool any_position(const std::vector<host_event>& events, int32_t least, i
     });
 }
 
+/* Waits for a position from `least` to `most`, in ms. */
+static bool position_comes(int32_t least, int32_t most) {
+    return host_wait([=](const auto& events) { return any_position(events, least, most); });
+}
+
+/* Waits until so many tracks have ended. */
+static bool ends_come(int number) {
+    return host_wait(
+        [=](const auto& events) { return count(events, host_event::finished) == number; });
+}
+
 /* Runs through a list the way the service does: attach and play inside the callbacks, with the
  * player lock held. Returns what was reported. */
 static std::vector<host_event> play_list(const deck& deck, const std::vector<std::string>& ids) {
@@ -154,30 +165,30 @@ TEST(files_play, seeks_pauses_and_goes_on) {
     open_deck(&deck, CLOCKED);
     ASSERT_EQ(attach(deck, "/a.flac"), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 100, 30000); }));
+    ASSERT_TRUE(position_comes(100, 30000));
     ASSERT_EQ(deck.play->seek(deck.session, 40000), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 40000, 60000); }));
+    ASSERT_TRUE(position_comes(40000, 60000));
     for (const host_event& event : host_events()) {
         EXPECT_TRUE(event.value < 30000 || event.value >= 39900) << event.value;
     }
     ASSERT_EQ(deck.play->pause(deck.session), 0);
     ASSERT_EQ(deck.play->seek(deck.session, 10000), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 9900, 10100); }));
+    ASSERT_TRUE(position_comes(9900, 10100));
     /* Two more seeks prove that the first one stood still: nothing between the places. */
     ASSERT_EQ(deck.play->seek(deck.session, 20000), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 19900, 20100); }));
+    ASSERT_TRUE(position_comes(19900, 20100));
     host_forget();
     ASSERT_EQ(deck.play->seek(deck.session, 5000), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 4900, 5100); }));
+    ASSERT_TRUE(position_comes(4900, 5100));
     EXPECT_EQ(host_events().size(), 1U);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 5200, 9000); }));
+    ASSERT_TRUE(position_comes(5200, 9000));
     /* After stop the track begins anew. */
     ASSERT_EQ(deck.play->stop(deck.session), 0);
     ASSERT_EQ(deck.play->pause(deck.session), 0);
     host_forget();
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 0, 3000); }));
+    ASSERT_TRUE(position_comes(0, 3000));
     EXPECT_FALSE(any_position(host_events(), 4000, 60000));
     close_deck(&deck);
 }
@@ -188,18 +199,17 @@ TEST(files_play, begins_where_it_was_told) {
     open_deck(&deck, CLOCKED);
     ASSERT_EQ(attach(deck, "/a.ogg"), 0);
     ASSERT_EQ(deck.play->seek(deck.session, 20000), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20000, 20000); }));
+    ASSERT_TRUE(position_comes(20000, 20000));
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20200, 29000); }));
+    ASSERT_TRUE(position_comes(20200, 29000));
     EXPECT_FALSE(any_position(host_events(), 0, 19800));
     /* Beyond the end is the end. */
     ASSERT_EQ(deck.play->seek(deck.session, 40000), 0);
-    ASSERT_TRUE(
-        host_wait([](const auto& events) { return count(events, host_event::finished) == 1; }));
+    ASSERT_TRUE(ends_come(1));
     /* What has ended begins anew. */
     host_forget();
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 0, 15000); }));
+    ASSERT_TRUE(position_comes(0, 15000));
     close_deck(&deck);
 }
 
@@ -209,16 +219,15 @@ TEST(files_play, holds_the_end_back_while_paused) {
     open_deck(&deck, CLOCKED);
     ASSERT_EQ(attach(deck, "/a.flac"), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20, 60000); }));
+    ASSERT_TRUE(position_comes(20, 60000));
     ASSERT_EQ(deck.play->pause(deck.session), 0);
     ASSERT_EQ(deck.play->seek(deck.session, 65000), 0);
     ASSERT_EQ(deck.play->seek(deck.session, 1000), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 900, 1100); }));
+    ASSERT_TRUE(position_comes(900, 1100));
     EXPECT_EQ(count(host_events(), host_event::finished), 0);
     ASSERT_EQ(deck.play->seek(deck.session, 59000), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(
-        host_wait([](const auto& events) { return count(events, host_event::finished) == 1; }));
+    ASSERT_TRUE(ends_come(1));
     close_deck(&deck);
 }
 
@@ -232,10 +241,9 @@ TEST(files_play, changes_the_rate_where_it_is) {
     }
     ASSERT_EQ(deck.play->seek(deck.session, 20000), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20100, 39000); }));
+    ASSERT_TRUE(position_comes(20100, 39000));
     ASSERT_EQ(deck.play->set_playback_rate(deck.session, 8.0F), 0);
-    ASSERT_TRUE(
-        host_wait([](const auto& events) { return count(events, host_event::finished) == 1; }));
+    ASSERT_TRUE(ends_come(1));
     int32_t last = 0;
     for (const host_event& event : host_events()) {
         EXPECT_TRUE(event.kind != host_event::position || event.value >= last) << event.value;
@@ -374,7 +382,7 @@ TEST(files_play, threads_take_no_signals) {
     open_deck(&deck, CLOCKED);
     ASSERT_EQ(attach(deck, "/a.mp3"), 0);
     ASSERT_EQ(deck.play->play(deck.session), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any_position(events, 20, 20000); }));
+    ASSERT_TRUE(position_comes(20, 20000));
     int others = 0;
     for (const auto& task : fs::directory_iterator("/proc/self/task")) {
         if (task.path().filename() == std::to_string(getpid())) {

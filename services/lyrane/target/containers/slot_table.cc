@@ -23,17 +23,16 @@ int32_t _array_add(slot_table* table, int32_t size) noexcept {
     if (size < 0) {
         return -1;
     }
-    int32_t index = 0;
-    while (index < table->count && table->slots[index] != nullptr) {
-        index++;
+    for (int32_t index = 0; index < table->count || add_free_slots(table); index++) {
+        if (table->slots[index] == nullptr) {
+            /* A record of no bytes still needs an address. */
+            table->slots[index] = calloc(1, size > 0 ? static_cast<size_t>(size) : 1);
+            if (table->slots[index] != nullptr) {
+                return index;
+            }
+        }
     }
-    if (index == table->count && !add_free_slots(table)) {
-        return -1;
-    }
-    /* Without memory for the record the answer is given at once: growing the table and trying
-     * again would only make the shortage worse. A record of no bytes still needs an address. */
-    table->slots[index] = calloc(1, size > 0 ? static_cast<size_t>(size) : 1);
-    return table->slots[index] != nullptr ? index : -1;
+    return -1;
 }
 
 void* _array_get(const slot_table* table, int32_t index) noexcept {
