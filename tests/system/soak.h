@@ -110,10 +110,12 @@ void soak_polite_client(soak& soak, unsigned number);
 void soak_polite_load(soak_load now);
 /* 99th percentiles in microseconds: of a visit of some twenty requests, and of a single one. A
  * virtual machine that is not given a processor for a moment spoils the rounds of that moment, and
- * with them the percentile of all visits; the median of what the rounds had stays. */
+ * with them the percentile of all visits. `round` is the median of what the others had. */
 struct soak_polite_times {
+    int64_t rounds; /* that count */
     int64_t round, visit, request;
 };
 soak_polite_times soak_polite_result(soak_load under);
+int64_t soak_polite_left_out(); /* rounds */
 
 #endif

@@ -3,6 +3,7 @@
  * served one after another. */
 #include <algorithm>
 #include <ctime>
+#include <fstream>
 
 #include <unistd.h>
 
@@ -13,6 +14,7 @@ namespace {
 constexpr int64_t LONGEST = 1000000; /* us that are told apart */
 constexpr int64_t STEP = 10;
 constexpr size_t ROUND_LEAST = 100; /* visits; fewer have no 99th percentile */
+constexpr int64_t STOLEN_PART = 50; /* of a round */
 
 /* Counts of times; a long run has too many to keep them all. */
 struct histogram {
@@ -28,6 +30,27 @@ struct timing {
 timing timings[SOAK_LOADS];
 std::atomic<int> load = SOAK_ALONE;
 std::vector<int64_t> of_round; /* us; visits, written while not parked */
+
+/* When a round began: the time, and what was taken from all processors of a virtual machine until
+ * then. */
+struct round_begin {
+    int64_t at;     /* us */
+    int64_t stolen; /* us */
+};
+round_begin began;
+int64_t left_out; /* rounds */
+
+/* The eighth number of the line "cpu". */
+int64_t stolen_us() {
+    std::ifstream file("/proc/stat");
+    std::string word;
+    int64_t ticks = 0;
+    file >> word;
+    for (int i = 0; i < 8; ++i) {
+        file >> ticks;
+    }
+    return ticks * 1000000 / sysconf(_SC_CLK_TCK);
+}
 
 int64_t now_us() {
     timespec time = {};
@@ -135,15 +158,23 @@ void soak_polite_client(soak& soak, unsigned number) {
 }
 
 void soak_polite_load(soak_load now) {
-    if (of_round.size() >= ROUND_LEAST) {
+    const round_begin next = {now_us(), stolen_us()};
+    if (next.stolen - began.stolen > (next.at - began.at) / STOLEN_PART) {
+        left_out += 1;
+    } else if (of_round.size() >= ROUND_LEAST) {
         timings[load].rounds.push_back(percentile_of(of_round, 99));
     }
     of_round.clear();
     load = now;
+    began = next;
+}
+
+int64_t soak_polite_left_out() {
+    return left_out;
 }
 
 soak_polite_times soak_polite_result(soak_load under) {
     timing& timing = timings[under];
-    return {percentile_of(timing.rounds, 50), percentile_99(timing.visits),
-            percentile_99(timing.requests)};
+    return {static_cast<int64_t>(timing.rounds.size()), percentile_of(timing.rounds, 50),
+            percentile_99(timing.visits), percentile_99(timing.requests)};
 }
