@@ -41,6 +41,7 @@ struct seat {
 struct scene {
     test_daemon daemon;
     fake_client fakes[2];
+    bool updates = false; /* the plug-ins look at what comes back, and set its source */
     seat seats[PLAYERS];
     std::mt19937 random{std::random_device()()};
 };
@@ -180,7 +181,7 @@ void bring(scene& scene, seat& seat, const mode& wanted) {
     seat.now = wanted;
 }
 
-void expect_tracks(seat& seat, uint64_t ts_id) {
+void expect_tracks(seat& seat, uint64_t ts_id, int32_t source) {
     int32_t at = 0;
     for (std::vector<request_node> nodes; at < TRACKS; nodes.clear()) {
         ASSERT_EQ(request_tracks(seat.client, ts_id, at, -1, nodes), 0);
@@ -189,7 +190,7 @@ void expect_tracks(seat& seat, uint64_t ts_id) {
             const std::string number = std::to_string(at);
             ++at;
             ASSERT_EQ(node.id + node.name, "/a/t" + number + "Track " + std::to_string(at));
-            ASSERT_EQ(node.ms_id, seat.source);
+            ASSERT_EQ(node.ms_id, source);
         }
     }
     EXPECT_EQ(at, TRACKS);
@@ -232,7 +233,7 @@ void expect_back(scene& scene, seat& seat) {
     EXPECT_EQ(request_position(seat.client, &position), 0);
     EXPECT_EQ(position, was.position);
     expect_calls(scene, seat);
-    expect_tracks(seat, track.ts_id);
+    expect_tracks(seat, track.ts_id, scene.updates ? seat.source : 0);
     seat.now.status = state.status;
 }
 
@@ -285,8 +286,9 @@ TEST(LastmodeMatrix, BringsEveryModeBack) {
         stop(scene);
         expect_saved(scene);
         ASSERT_TRUE(start(scene));
+        scene.updates = round % 2 != 0;
         for (fake_client& fake : scene.fakes) {
-            if (round % 2 == 0) { /* what was saved is all that the session is made of */
+            if (!scene.updates) { /* what was saved is all that the session is made of */
                 fake_do(fake, "rule update result=0");
             }
         }
