@@ -2,13 +2,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include "lastmode.h"
 #include "mediasource.h"
@@ -165,14 +164,14 @@ TEST(lastmode_thread, lets_the_event_of_a_source_end_first) {
     std::thread restoring(lastmode_thread, state);
     while (rig_logged(rig, "check whether the media source is ready: 0") == 0) {
     }
+    for (int i = 0; i < 1000; ++i) { /* it would not be long */
+        sched_yield();
+    }
+    EXPECT_EQ(rig_logged(rig, "create browse session for ms"), 0);
     vel_mutex_unlock(&busy->lock);
     EXPECT_EQ(fake_number(rig.fake, "join %s", ticket.c_str()), source);
     restoring.join();
     EXPECT_EQ(rig_tracks(player), "/t0");
-    std::ifstream file(rig.log);
-    file.seekg(static_cast<std::streamoff>(rig.log_start));
-    const std::string log{std::istreambuf_iterator<char>(file), {}};
-    EXPECT_LT(log.find("media source connected: late"), log.find("create browse session for ms"));
     player_close(&mmcontrol, "back");
     player_close(&mmcontrol, "busy");
 }

@@ -290,7 +290,7 @@ TEST(Lifecycle, LeavesThePluginThatACallIsIn) {
     ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
     uint64_t ts_id = 0;
     EXPECT_EQ(request_open(rig.client, "radio"), 0);
-    EXPECT_EQ(request_create(rig.client, 0, "/album", -1, 0, &ts_id), 0);
+    EXPECT_EQ(request_create(rig.client, 0, "/album", 1, 0, &ts_id), 0);
     EXPECT_EQ(request_number(rig.client, LYR_MSG_REPEAT, 1), 0);
     fake_do(player, "rule attach block=attach deaf=1");
     fake_do(player, "event finished nowait=1");
