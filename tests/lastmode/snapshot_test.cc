@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include "lastmode.h"
 #include "mediasource.h"
@@ -148,6 +147,9 @@ TEST(lastmode_thread, asks_again_only_for_a_session) {
     }
 }
 
+/* The state of a native mutex for which somebody waits. */
+static constexpr int CONTENDED = 2;
+
 /* A source is there when everybody has been told, not before. */
 TEST(lastmode_thread, lets_the_event_of_a_source_end_first) {
     player_rig& rig = rig_fresh();
@@ -162,10 +164,10 @@ TEST(lastmode_thread, lets_the_event_of_a_source_end_first) {
     while (mediasource_active(mediasource_by_id(&mmcontrol, source)) == 0) {
     }
     std::thread restoring(lastmode_thread, state);
-    while (rig_logged(rig, "check whether the media source is ready: 0") == 0) {
-    }
-    for (int i = 0; i < 1000; ++i) { /* it would not be long */
-        sched_yield();
+    /* It waits for the lock of the event, or goes on. */
+    while (__atomic_load_n(&mmcontrol.mediasources_lock.native.__data.__lock, __ATOMIC_ACQUIRE) !=
+               CONTENDED &&
+           rig_logged(rig, "create browse session for ms") == 0) {
     }
     EXPECT_EQ(rig_logged(rig, "create browse session for ms"), 0);
     vel_mutex_unlock(&busy->lock);
