@@ -23,8 +23,7 @@ int32_t plugin_call_can_play(const mediasource_session* session) noexcept;
 int32_t plugin_call_can_browse(const mediasource_session* session) noexcept;
 
 /* Opening and closing a half of a session whose other fields, the name of the half's plug-in among
- * them, are set. Null when the plug-in has no
- * such entry or gives none. */
+ * them, are set. Null when the plug-in has no such entry or gives none. */
 void* plugin_call_play_create(const lyr_play_api* api, const mediasource_session* session,
                               void* data) noexcept;
 void* plugin_call_browse_create(const lyr_browse_api* api, const mediasource_session* session,

@@ -165,27 +165,30 @@ int32_t perform_locked(msgclient_t* client, const call& what, int32_t* reply_len
 }
 
 /* Around every call: the record lives until the last one has left. */
-void enter_call(msgclient_internal* internal) {
-    vel_lock_guard guard(internal->state_lock);
-    internal->callers += 1;
-}
-void leave_call(msgclient_internal* internal) {
-    vel_lock_guard guard(internal->state_lock);
-    internal->callers -= 1;
-    if (internal->closing) {
-        pthread_cond_broadcast(&internal->left);
+class caller {
+public:
+    explicit caller(msgclient_internal* of) noexcept : internal(of) {
+        vel_lock_guard guard(internal->state_lock);
+        internal->callers += 1;
     }
-}
+    ~caller() {
+        vel_lock_guard guard(internal->state_lock);
+        internal->callers -= 1;
+        if (internal->closing) {
+            pthread_cond_broadcast(&internal->left);
+        }
+    }
+    caller(const caller&) = delete;
+    caller& operator=(const caller&) = delete;
+
+private:
+    msgclient_internal* internal;
+};
 
 int32_t perform(msgclient_t* client, const call& what, int32_t* reply_length) {
-    enter_call(client->internal);
-    int32_t result;
-    {
-        vel_lock_guard guard(client->internal->call_lock);
-        result = perform_locked(client, what, reply_length);
-    }
-    leave_call(client->internal);
-    return result;
+    const caller entered(client->internal);
+    vel_lock_guard guard(client->internal->call_lock);
+    return perform_locked(client, what, reply_length);
 }
 
 /* The result of a call that is refused before anything is sent. */
@@ -492,14 +495,9 @@ int32_t msgclient_notify(msgclient_t* client, int32_t depth,
     if (client == nullptr || event == nullptr) {
         return EINVAL;
     }
-    enter_call(client->internal);
-    int32_t result;
-    {
-        vel_lock_guard guard(client->internal->call_lock);
-        result = register_event(client, depth, *event);
-    }
-    leave_call(client->internal);
-    return result;
+    const caller entered(client->internal);
+    vel_lock_guard guard(client->internal->call_lock);
+    return register_event(client, depth, *event);
 }
 
 /* The call lock is held from the making of the channel to its registration: another thread that
@@ -508,18 +506,11 @@ int32_t msgclient_notify_pulse(msgclient_t* client, int32_t depth) noexcept {
     if (client == nullptr) {
         return EINVAL;
     }
+    const caller entered(client->internal);
+    vel_lock_guard guard(client->internal->call_lock);
     msgclient_event event{};
-    enter_call(client->internal);
-    int32_t result;
-    {
-        vel_lock_guard guard(client->internal->call_lock);
-        result = make_channel(client, &event);
-        if (result == 0) {
-            result = register_event(client, depth, event);
-        }
-    }
-    leave_call(client->internal);
-    return result;
+    const int32_t result = make_channel(client, &event);
+    return result != 0 ? result : register_event(client, depth, event);
 }
 
 uint32_t msgclient_wait_pulse(msgclient_t* client) noexcept {
