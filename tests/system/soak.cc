@@ -50,6 +50,7 @@ constexpr int64_t ROUND_MS = 10000;     /* between two quiet moments, at the mos
 constexpr int64_t ALONE_PART = 3;       /* of a round, for the polite client */
 constexpr int64_t LEAST_ROUNDS = 3;     /* of each load, to compare them */
 constexpr int64_t QUIET_LIMIT = 120000; /* ms */
+constexpr size_t LAST_WORDS = 400;      /* bytes of the log */
 
 /* How a life ends. At a quiet moment what comes back is known. */
 struct ending {
@@ -189,10 +190,13 @@ void end_life(soak& soak, const ending& how) {
     if (!how.is_quiet) {
         soak_join(soak);
     }
+    soak.is_dying = false; /* what is wrong from now on is told */
     soak_models_leave();
     soak_add(soak, SOAK_KILLS, how.signal == SIGKILL ? 1 : 0);
     if (status != (how.signal == SIGKILL ? 128 + SIGKILL : 0)) {
-        soak_differ(soak, "the service has ended with %d", status);
+        const std::string log = daemon_log(soak.daemon);
+        soak_differ(soak, "the service has ended with %d, and last said:\n%s", status,
+                    log.substr(log.size() - std::min(log.size(), LAST_WORDS)).c_str());
     }
     if (how.signal == SIGTERM) {
         rig_expect_clean(soak.daemon);
