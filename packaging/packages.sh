@@ -10,8 +10,7 @@ packages_play=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-
 # Only where there is a sound card.
 packages_sound=(gstreamer1.0-alsa)
 
-packages_test=(libgtest-dev valgrind flac lame vorbis-tools ffmpeg dosfstools e2fsprogs
-    mount ntfs-3g sqlite3)
+packages_test=(libgtest-dev valgrind ffmpeg dosfstools e2fsprogs mount ntfs-3g sqlite3)
 
 packages_clang=(clang libclang-rt-14-dev)
 

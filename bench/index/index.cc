@@ -18,7 +18,6 @@
 
 #include "bench.h"
 #include "host.h"
-#include "host_log.h"
 #include "media_files.h"
 
 namespace {
@@ -43,7 +42,6 @@ void make_files(const std::string& folder, int32_t count) {
 
 /* Starts the plug-in and waits until it has looked through everything: the seconds of that. */
 double scan(const lyrp_api** api, const std::string& folder, const std::string& cache) {
-    host_log_forget();
     *api = host_start({{"folders", folder}, {"cache", cache}});
     const double begin = bench_now();
     if ((*api)->set_mediasource_detection(1) != 0 || !host_log_wait("is indexed", 1)) {

@@ -160,8 +160,8 @@ int main(int argc, char** argv) {
     bench_begin(argc, argv);
     player_rig& rig = rig_fresh();
     msglog_set_level(4);
-    const int32_t source = rig_source(rig, "bench", LYR_CAP_PLAY | LYR_CAP_BROWSE, "/a|tracks:1\n");
-    player* player = rig_player(rig, "bench", source, "/a", 0, -1);
+    const int32_t source = rig_source(rig, "bench", "/a|tracks:1\n", LYR_CAP_PLAY | LYR_CAP_BROWSE);
+    player* player = rig_player("bench", source, 0, -1, "/a");
     count_requests(rig.root);
     count_import(player);
     count_encode();

@@ -109,9 +109,9 @@ double shell(const std::string& database, const std::string& statements) {
 /* Has a player with so many tracks, saved once, so that every further save has something to
  * replace. */
 void prepare(player_rig& rig, const std::string& source, int32_t tracks) {
-    const int32_t id = rig_source(rig, source, LYR_CAP_PLAY | LYR_CAP_BROWSE,
-                                  "/a|tracks:" + std::to_string(tracks) + "\n");
-    rig_player(rig, "bench", id, "/a", 0, -1);
+    const int32_t id = rig_source(rig, source, "/a|tracks:" + std::to_string(tracks) + "\n",
+                                  LYR_CAP_PLAY | LYR_CAP_BROWSE);
+    rig_player("bench", id, 0, -1, "/a");
     fake_do(rig.fake, "rule update result=0");
     lastmode_database_start();
     if (database_initialize(&mmcontrol) != 0) {

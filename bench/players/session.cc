@@ -80,11 +80,10 @@ double shuffle(trksession* session) {
 
 /* A session of a folder of a million tracks, from its creation to the end of its build. */
 double build_all(player_rig& rig, player* player) {
-    const int32_t source = rig_source(rig, "million", LYR_CAP_PLAY | LYR_CAP_BROWSE,
-                                      "/a|tracks:" + std::to_string(TRACKS) + "\n");
-    int32_t expected = -1;
+    const int32_t source = rig_source(rig, "million", "/a|tracks:" + std::to_string(TRACKS) + "\n",
+                                      LYR_CAP_PLAY | LYR_CAP_BROWSE);
     const double begin = bench_now();
-    (void)rig_create(player, source, "/a", 0, &expected);
+    (void)rig_create(player, source, 0, -1, "/a");
     rig_await_build(player);
     return TRACKS / (bench_now() - begin);
 }
@@ -97,8 +96,8 @@ int main(int argc, char** argv) {
     bench_use_memory();
     player_rig& rig = rig_fresh();
     msglog_set_level(2);
-    const int32_t source = rig_source(rig, "bench", LYR_CAP_PLAY | LYR_CAP_BROWSE, "");
-    player* player = rig_player(rig, "bench", source, "/", 0, -1);
+    const int32_t source = rig_source(rig, "bench", "", LYR_CAP_PLAY | LYR_CAP_BROWSE);
+    player* player = rig_player("bench", source, 0, -1);
     const double import = import_all(player);
     trksession* session = player->trksession;
     if (bench_wanted("import")) {

@@ -1,6 +1,6 @@
 /* The decoders on bytes that are too few or lie; what they read is told in tests/protocol. */
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,18 +14,15 @@ namespace {
 template <typename record>
 int32_t decode(int32_t (*unpack)(const void*, int32_t, int32_t, record**),
                void (*release)(record**), const std::string& bytes, int32_t count) {
-    auto* copy = static_cast<char*>(std::malloc(bytes.size() + 1));
-    auto* exact = copy + 1;
-    std::memcpy(exact, bytes.data(), bytes.size());
-    auto* records = reinterpret_cast<record*>(copy);
-    const int32_t result =
-        unpack(bytes.empty() ? copy : exact, static_cast<int32_t>(bytes.size()), count, &records);
+    const std::unique_ptr<char[]> exact(new char[bytes.size()]);
+    std::memcpy(exact.get(), bytes.data(), bytes.size());
+    auto* records = reinterpret_cast<record*>(exact.get());
+    const int32_t result = unpack(exact.get(), static_cast<int32_t>(bytes.size()), count, &records);
     if (result == 0) {
         release(&records);
     } else {
         EXPECT_EQ(records, nullptr);
     }
-    std::free(copy);
     return result;
 }
 

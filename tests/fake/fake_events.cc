@@ -1,19 +1,28 @@
 #include "fake_events.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "fake_calls.h"
 
 namespace {
 
-struct target {
-    uint64_t serial = 0;
+/* What an event is to tell the service. */
+struct event {
+    const fake_words& words;
+    const lyrane_internal_callbacks_table* service;
+    int32_t plugin_id;
+    std::optional<fake_source> source; /* of uid= */
+    int32_t source_id;                 /* of uid= or id=, -1: unknown */
+    int64_t value;
+    uint64_t serial = 0; /* of the session */
     void* handle = nullptr;
     void* data = nullptr;
 };
 
-uint64_t newest(fake_state& state, bool plays) VEL_REQUIRES(state.lock) {
+uint64_t newest(bool plays) VEL_REQUIRES(state.lock) {
     for (auto at = state.sessions.rbegin(); at != state.sessions.rend(); ++at) {
         if (at->second.alive && at->second.plays == plays) {
             return at->first;
@@ -27,202 +36,150 @@ void* pointer_of(const std::string& text) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(number));
 }
 
-/* The session and callback data that an event names. */
-target resolve(fake_state& state, const fake_job& job) VEL_REQUIRES(state.lock) {
+/* Finds out what the words of an event name. Nothing when it cannot be made any more. */
+std::optional<event> resolve(const fake_job& job) {
+    vel_lock_guard guard(state.lock);
     const bool plays = words_at(job.words, 0) != "browse_error";
-    const std::string session = words_text(job.words, "session").value_or("last");
-    const std::optional<std::string> data = words_text(job.words, "data");
-    target result;
-    if (session == "this") {
-        result.serial = job.session;
-    } else if (session == "last") {
-        result.serial = newest(state, plays);
-    } else if (session.compare(0, 2, "0x") != 0) {
-        result.serial = static_cast<uint64_t>(words_to_number(session).value_or(0));
+    event what = {job.words,
+                  state.callbacks,
+                  state.plugin_id,
+                  std::nullopt,
+                  static_cast<int32_t>(words_number(job.words, "id").value_or(-1)),
+                  words_number(job.words, "value").value_or(0)};
+    if (const auto* source = fake_source_by_uid(words_text(job.words, "uid").value_or(""))) {
+        what.source = *source;
+        what.source_id = source->id;
     }
-    result.handle = result.serial != 0 ? fake_handle(result.serial) : pointer_of(session);
-    const auto found = state.sessions.find(result.serial);
-    if (data) {
-        result.data = pointer_of(*data);
-    } else if (found != state.sessions.end()) {
-        result.data = found->second.data;
-    } else {
-        const auto any = state.sessions.find(newest(state, plays));
-        result.data = any == state.sessions.end() ? nullptr : any->second.data;
+    const auto session = words_text(job.words, "session");
+    if (!session) {
+        what.serial = newest(plays);
+    } else if (*session == "this") {
+        what.serial = job.session;
+    } else if (!session->starts_with("0x")) {
+        what.serial = static_cast<uint64_t>(words_to_number(*session).value_or(0));
     }
-    return result;
+    what.handle = what.serial != 0 ? fake_handle(what.serial) : pointer_of(session.value_or(""));
+    const fake_session* owner = fake_session_at(what.serial);
+    /* The callback counts as begun from here on, before `destroy` can return. */
+    if (state.callbacks == nullptr || (job.automatic && (owner == nullptr || !owner->alive))) {
+        return std::nullopt;
+    }
+    if (owner == nullptr) {
+        owner = fake_session_at(newest(plays));
+    }
+    const auto data = words_text(job.words, "data");
+    what.data = data ? pointer_of(*data) : owner != nullptr ? owner->data : nullptr;
+    return what;
 }
 
-int64_t connect_source(fake_state& state, const fake_job& job) {
-    fake_source copy;
-    int32_t plugin_id = 0;
-    const lyrane_internal_callbacks_table* callbacks = nullptr;
-    {
-        vel_lock_guard guard(state.lock);
-        callbacks = state.callbacks;
-        plugin_id = state.plugin_id;
-        const fake_source* source =
-            fake_source_by_uid(state, words_text(job.words, "uid").value_or(""));
-        if (source == nullptr) {
-            return -1;
-        }
-        copy = *source;
+int32_t connect_source(const event& what) {
+    if (!what.source) {
+        return -1;
     }
-    const int32_t id = callbacks->mediasource_connected(
-        plugin_id, copy.uid.c_str(), copy.name ? copy.name->c_str() : nullptr,
-        copy.view_name ? copy.view_name->c_str() : nullptr, copy.type, copy.capabilities,
-        copy.status);
+    const fake_source& source = *what.source;
+    const auto text = [](const auto& of) { return of ? of->c_str() : nullptr; };
+    const int32_t id = what.service->mediasource_connected(
+        what.plugin_id, source.uid.c_str(), text(source.name), text(source.view_name), source.type,
+        source.capabilities, source.status);
     vel_lock_guard guard(state.lock);
-    fake_source* source = fake_source_by_uid(state, copy.uid);
-    if (source != nullptr && id >= 0) {
-        source->id = id;
-        fake_wake(state);
+    if (id >= 0) {
+        fake_source_by_uid(source.uid)->id = id;
     }
     return id;
 }
 
-int64_t change_source(fake_state& state, const fake_job& job, const std::string& kind) {
-    int32_t id = -1;
-    const lyrane_internal_callbacks_table* callbacks = nullptr;
-    {
+int32_t report_track(const event& what) {
+    std::unique_ptr<medianode> node;
+    if (const auto id = words_text(what.words, "node")) {
         vel_lock_guard guard(state.lock);
-        callbacks = state.callbacks;
-        const fake_source* source =
-            fake_source_by_uid(state, words_text(job.words, "uid").value_or(""));
-        id = source != nullptr ? source->id
-                               : static_cast<int32_t>(words_number(job.words, "id").value_or(-1));
+        const fake_session* session = fake_session_at(what.serial);
+        const int32_t ms_id = session == nullptr ? 0 : session->ms_id;
+        const tree_item item = tree_find(fake_tree_of(ms_id), *id).value_or(tree_item{*id});
+        node = std::make_unique<medianode>();
+        fake_fill_node(item, fake_source_by_id(ms_id), ms_id, *node);
     }
-    const int64_t value = words_number(job.words, "value").value_or(0);
-    if (kind == "disconnected") {
-        return callbacks->mediasource_disconnected(id);
-    }
-    return kind == "status"
-               ? callbacks->mediasource_status_changed(id, static_cast<int32_t>(value))
-               : callbacks->mediasource_capability_changed(id, static_cast<uint64_t>(value));
-}
-
-int64_t report_track(fake_state& state, const fake_job& job, const target& where) {
-    const std::optional<std::string> id = words_text(job.words, "node");
-    const lyrane_internal_callbacks_table* callbacks = nullptr;
-    medianode* node = nullptr;
-    {
-        vel_lock_guard guard(state.lock);
-        callbacks = state.callbacks;
-        const auto session = state.sessions.find(where.serial);
-        const int32_t ms_id = session == state.sessions.end() ? 0 : session->second.ms_id;
-        tree_item item;
-        if (id) {
-            node = static_cast<medianode*>(std::calloc(1, sizeof *node));
-            if (!tree_find(fake_tree_of(state, ms_id), *id, item)) {
-                item.id = *id;
-            }
-            fake_fill_node(item, fake_source_by_id(state, ms_id), ms_id, *node);
-        }
-    }
-    const int32_t result = callbacks->track_changed(where.handle, where.data, node);
+    const int32_t result = what.service->track_changed(what.handle, what.data, node.get());
     if (node != nullptr) {
-        std::free(node->id);
-        std::free(node->name);
-        std::free(node->url);
-        std::free(node->ms_uid);
-        std::free(node);
+        fake_free_node(*node);
     }
     return result;
 }
 
 /* The state of the session, with what the event says in its place. */
-lyr_playback_state state_record(fake_state& state, const fake_job& job, const target& where) {
+int32_t report_state(const event& what) {
     lyr_playback_state record = {LYR_SHUFFLE_OFF, LYR_REPEAT_OFF, LYR_STATUS_PLAYING, 1.0F};
     {
         vel_lock_guard guard(state.lock);
-        const auto session = state.sessions.find(where.serial);
-        if (session != state.sessions.end()) {
-            record = session->second.state;
+        if (const fake_session* session = fake_session_at(what.serial)) {
+            record = session->state;
         }
     }
     const auto take = [&](const char* key, int32_t& field) {
-        field = static_cast<int32_t>(words_number(job.words, key).value_or(field));
+        field = static_cast<int32_t>(words_number(what.words, key).value_or(field));
     };
     take("shuffle", record.shuffle_mode);
     take("repeat", record.repeat_mode);
     take("status", record.status);
-    if (const auto rate = words_text(job.words, "rate")) {
+    if (const auto rate = words_text(what.words, "rate")) {
         std::sscanf(rate->c_str(), "%f", &record.playback_rate);
     }
-    return record;
+    return what.service->state_updated(what.handle, what.data, &record);
 }
 
-int64_t report_playback(fake_state& state, const fake_job& job, const std::string& kind,
-                        const target& where) {
-    const lyrane_internal_callbacks_table* callbacks = nullptr;
-    {
-        vel_lock_guard guard(state.lock);
-        callbacks = state.callbacks;
-    }
-    const int32_t value = static_cast<int32_t>(words_number(job.words, "value").value_or(0));
-    if (kind == "position") {
-        return callbacks->position_updated(where.handle, where.data, value);
-    }
-    if (kind == "finished") {
-        return callbacks->track_finished(where.handle, where.data);
-    }
-    if (kind == "changed") {
-        return report_track(state, job, where);
-    }
-    if (kind == "state") {
-        const lyr_playback_state record = state_record(state, job, where);
-        return callbacks->state_updated(where.handle, where.data, &record);
-    }
-    return kind == "error" ? callbacks->play_error_occurred(where.handle, where.data, value)
-                           : callbacks->browse_error_occurred(where.handle, where.data);
-}
+constexpr struct {
+    const char* name;
+    int32_t (*make)(const event& what);
+} KINDS[] = {
+    {"connected", connect_source},
+    {"disconnected",
+     [](const event& e) { return e.service->mediasource_disconnected(e.source_id); }},
+    {"status",
+     [](const event& e) {
+         return e.service->mediasource_status_changed(e.source_id, static_cast<int32_t>(e.value));
+     }},
+    {"caps",
+     [](const event& e) {
+         return e.service->mediasource_capability_changed(e.source_id,
+                                                          static_cast<uint64_t>(e.value));
+     }},
+    {"position",
+     [](const event& e) {
+         return e.service->position_updated(e.handle, e.data, static_cast<int32_t>(e.value));
+     }},
+    {"finished", [](const event& e) { return e.service->track_finished(e.handle, e.data); }},
+    {"changed", report_track},
+    {"state", report_state},
+    {"error",
+     [](const event& e) {
+         return e.service->play_error_occurred(e.handle, e.data, static_cast<int32_t>(e.value));
+     }},
+    {"browse_error",
+     [](const event& e) { return e.service->browse_error_occurred(e.handle, e.data); }},
+};
 
-bool known_kind(const std::string& kind) {
-    for (const char* name : {"connected", "disconnected", "status", "caps", "position", "finished",
-                             "changed", "state", "error", "browse_error"}) {
-        if (kind == name) {
-            return true;
-        }
-    }
-    return false;
+/* The kind of an event, or the end of the table. */
+const auto* kind_of(const fake_words& words) {
+    return std::ranges::find(KINDS, words_at(words, 0), [](const auto& kind) { return kind.name; });
 }
 
 int64_t make(const fake_job& job) {
-    fake_state& state = fake();
-    const std::string kind = words_at(job.words, 0);
-    target where;
-    {
-        vel_lock_guard guard(state.lock);
-        if (state.callbacks == nullptr) {
-            return -1;
-        }
-        where = resolve(state, job);
-        const auto session = state.sessions.find(where.serial);
-        /* The callback counts as begun from here on, before `destroy` can return. */
-        if (job.automatic && (session == state.sessions.end() || !session->second.alive)) {
-            return -1;
-        }
+    const auto* kind = kind_of(job.words);
+    const std::optional<event> what = resolve(job);
+    if (kind == std::end(KINDS) || !what) {
+        return -1;
     }
-    int64_t result = -1;
-    if (kind == "connected") {
-        result = connect_source(state, job);
-    } else if (kind == "disconnected" || kind == "status" || kind == "caps") {
-        result = change_source(state, job, kind);
-    } else {
-        result = report_playback(state, job, kind, where);
-    }
-    call_note_event(kind, where.serial, result);
+    const int32_t result = kind->make(*what);
+    call_note_event(words_at(job.words, 0), what->serial, result);
     return result;
 }
 
-bool stopping(fake_state& state) {
+bool stopping() {
     vel_lock_guard guard(state.lock);
     return state.stopping;
 }
 
 void* worker_body(void* argument) {
     const int32_t number = static_cast<int32_t>(reinterpret_cast<intptr_t>(argument));
-    fake_state& state = fake();
     pthread_setname_np(pthread_self(), ("fake-" + std::to_string(number)).c_str());
     while (true) {
         std::shared_ptr<fake_job> job;
@@ -240,20 +197,20 @@ void* worker_body(void* argument) {
         }
         const int64_t repeat = words_number(job->words, "repeat").value_or(1);
         int64_t result = -1;
-        for (int64_t i = 0; i < repeat && !stopping(state); ++i) {
+        for (int64_t i = 0; i < repeat && !stopping(); ++i) {
             result = make(*job);
         }
         vel_lock_guard guard(state.lock);
         job->result = result;
         job->done = true;
-        fake_wake(state);
+        fake_wake();
     }
 }
 
 /* Queues a job; the thread is made when it is first needed. */
-void enqueue(fake_state& state, const std::shared_ptr<fake_job>& job) VEL_REQUIRES(state.lock) {
+void enqueue(const std::shared_ptr<fake_job>& job) VEL_REQUIRES(state.lock) {
     const int32_t number = static_cast<int32_t>(words_number(job->words, "thread").value_or(0));
-    const bool missing = state.workers.count(number) == 0;
+    const bool missing = !state.workers.contains(number);
     fake_worker& worker = state.workers[number];
     worker.jobs.push_back(job);
     void* argument = reinterpret_cast<void*>(static_cast<intptr_t>(number));
@@ -263,25 +220,11 @@ void enqueue(fake_state& state, const std::shared_ptr<fake_job>& job) VEL_REQUIR
     pthread_cond_broadcast(&state.work);
 }
 
-std::optional<std::string> wait_for(const std::shared_ptr<fake_job>& job, std::string& fault) {
-    fake_state& state = fake();
-    vel_lock_guard guard(state.lock);
-    while (!job->done) {
-        if (state.stopping) {
-            fault = "the plug-in ends";
-            return std::nullopt;
-        }
-        fake_wait(state, fake_after(60000));
+std::string wait_for(const fake_job& job, std::string& fault) VEL_REQUIRES(state.lock) {
+    if (!fake_await([&] { return job.done; })) {
+        fault = "the plug-in ends, or the event hangs";
     }
-    return std::to_string(job->result);
-}
-
-/* Every option that an event knows counts as used, so that a misspelt one is found. */
-void mark_options(const fake_words& words) {
-    for (const char* key : {"uid", "id", "value", "node", "shuffle", "repeat", "status", "rate",
-                            "session", "data", "thread", "nowait", "repeat"}) {
-        words_text(words, key);
-    }
+    return std::to_string(job.result);
 }
 
 std::shared_ptr<fake_job> job_of(const std::string& event, uint64_t session) {
@@ -297,79 +240,65 @@ int64_t events_make_here(const std::string& event, uint64_t session) {
     return make(*job_of(event, session));
 }
 
-void events_post(fake_state& state, const std::string& event, uint64_t session) {
+void events_post(const std::string& event, uint64_t session) {
     const std::shared_ptr<fake_job> job = job_of(event, session);
     job->automatic = session != 0;
     if (!state.stopping) {
-        enqueue(state, job);
+        enqueue(job);
     }
 }
 
-std::optional<std::string> events_command(const fake_words& words, std::string& fault) {
-    fake_state& state = fake();
-    std::shared_ptr<fake_job> job;
-    if (words_at(words, 0) == "join") {
-        vel_lock_guard guard(state.lock);
-        const auto ticket = state.tickets.find(
-            static_cast<uint64_t>(words_to_number(words_at(words, 1)).value_or(0)));
-        if (ticket == state.tickets.end()) {
-            fault = "no such ticket";
-            return std::nullopt;
-        }
-        job = ticket->second;
-        state.tickets.erase(ticket);
-    } else {
-        job = std::make_shared<fake_job>();
-        job->words = words;
-        job->words.plain.erase(job->words.plain.begin());
-        mark_options(words);
-        if (!known_kind(words_at(job->words, 0))) {
-            fault = "no such event: " + words_at(job->words, 0);
-            return std::nullopt;
-        }
-        vel_lock_guard guard(state.lock);
-        if (state.callbacks == nullptr || state.stopping) {
-            fault = "init was not called";
-            return std::nullopt;
-        }
-        enqueue(state, job);
-        if (words_number(words, "nowait").value_or(0) != 0) {
-            state.tickets[state.next_ticket] = job;
-            return std::to_string(state.next_ticket++);
-        }
+std::string events_make(const fake_words& words, std::string& fault) {
+    auto job = std::make_shared<fake_job>();
+    job->words = words;
+    job->words.plain.erase(job->words.plain.begin());
+    words_know(words, {"uid", "id", "value", "node", "shuffle", "repeat", "status", "rate",
+                       "session", "data", "thread"});
+    if (kind_of(job->words) == std::end(KINDS)) {
+        fault = "no such event: " + words_at(words, 1);
+        return "";
     }
-    return wait_for(job, fault);
+    if (state.callbacks == nullptr || state.stopping) {
+        fault = "init was not called";
+        return "";
+    }
+    enqueue(job);
+    if (!words_flag(words, "nowait")) {
+        return wait_for(*job, fault);
+    }
+    state.tickets[state.next_ticket] = job;
+    return std::to_string(state.next_ticket++);
+}
+
+std::string events_join(const fake_words& words, std::string& fault) {
+    const auto ticket = state.tickets.extract(
+        static_cast<uint64_t>(words_to_number(words_at(words, 1)).value_or(0)));
+    if (ticket.empty()) {
+        fault = "no such ticket";
+        return "";
+    }
+    return wait_for(*ticket.mapped(), fault);
 }
 
 void events_report_sources() {
-    fake_state& state = fake();
+    vel_lock_guard guard(state.lock);
     std::vector<std::shared_ptr<fake_job>> jobs;
-    {
-        vel_lock_guard guard(state.lock);
-        for (const fake_source& source : state.sources) {
-            if (source.automatic) {
-                jobs.push_back(job_of("connected uid=" + words_quote(source.uid), 0));
-                enqueue(state, jobs.back());
-            }
+    for (const fake_source& source : state.sources) {
+        if (source.automatic) {
+            jobs.push_back(job_of("connected uid=" + words_quote(source.uid), 0));
+            enqueue(jobs.back());
         }
     }
+    std::string fault;
     for (const std::shared_ptr<fake_job>& job : jobs) {
-        std::string fault;
-        wait_for(job, fault);
+        wait_for(*job, fault);
     }
 }
 
 void events_end_threads() {
-    fake_state& state = fake();
-    std::vector<pthread_t> threads;
-    {
-        vel_lock_guard guard(state.lock);
-        for (const auto& [number, worker] : state.workers) {
-            threads.push_back(worker.thread);
-        }
-    }
-    for (const pthread_t thread : threads) {
-        pthread_join(thread, nullptr);
+    /* Nobody makes one any more, since the plug-in is stopping. */
+    for (const auto& [number, worker] : state.workers) {
+        pthread_join(worker.thread, nullptr);
     }
     vel_lock_guard guard(state.lock);
     state.workers.clear();

@@ -4,7 +4,6 @@
 #define FAKE_EVENTS_H
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "fake_state.h"
@@ -22,11 +21,11 @@ struct fake_job {
 int64_t events_make_here(const std::string& event, uint64_t session);
 
 /* Has a thread of the plug-in make an event. */
-void events_post(fake_state& state, const std::string& event, uint64_t session)
-    VEL_REQUIRES(state.lock);
+void events_post(const std::string& event, uint64_t session) VEL_REQUIRES(state.lock);
 
-/* Commands: event, join. */
-std::optional<std::string> events_command(const fake_words& words, std::string& fault);
+/* Commands, as those of fake_calls.h. */
+std::string events_make(const fake_words& words, std::string& fault);
+std::string events_join(const fake_words& words, std::string& fault);
 
 /* Reports the sources on a thread of the plug-in; returns when that has been done. */
 void events_report_sources();

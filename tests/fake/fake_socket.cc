@@ -16,6 +16,13 @@ namespace {
 
 constexpr uint32_t REQUEST_LIMIT = 64 << 20; /* bytes */
 
+/* The listening socket, for init and cleanup alone. */
+struct {
+    int fd = -1;
+    std::string path;
+    pthread_t thread = {};
+} listener;
+
 bool serve_one(int fd) {
     uint32_t length = 0;
     if (!transfer(fd, &length, sizeof length, true) || length > REQUEST_LIMIT) {
@@ -34,55 +41,46 @@ bool serve_one(int fd) {
 }
 
 void* connection_body(void* argument) {
-    fake_state& state = fake();
     fake_connection* connection = static_cast<fake_connection*>(argument);
-    int fd = -1;
-    {
-        vel_lock_guard guard(state.lock);
-        fd = connection->fd;
-    }
+    const int fd = connection->fd;
     pthread_setname_np(pthread_self(), "fake-control");
     while (serve_one(fd)) {
     }
     vel_lock_guard guard(state.lock);
     close(fd);
     connection->fd = -1;
-    connection->finished = true;
     return nullptr;
 }
 
-/* Joins the threads of connections that have ended; with the lock released in between. */
-void reap(fake_state& state) {
-    std::vector<pthread_t> ended;
+/* Joins the threads of the connections that have ended, or ends `all`; without the lock. */
+void reap(bool all) {
+    std::list<fake_connection> ended;
     {
         vel_lock_guard guard(state.lock);
-        while (!state.connections.empty() && state.connections.front().finished) {
-            ended.push_back(state.connections.front().thread);
-            state.connections.pop_front();
+        for (auto at = state.connections.begin(); at != state.connections.end();) {
+            const auto connection = at++;
+            if (all || connection->fd < 0) {
+                shutdown(connection->fd, SHUT_RD);
+                ended.splice(ended.end(), state.connections, connection);
+            }
         }
     }
-    for (const pthread_t thread : ended) {
-        pthread_join(thread, nullptr);
+    for (const fake_connection& connection : ended) {
+        pthread_join(connection.thread, nullptr);
     }
 }
 
 void* listener_body(void*) {
-    fake_state& state = fake();
-    int listener = -1;
-    {
-        vel_lock_guard guard(state.lock);
-        listener = state.listener;
-    }
     pthread_setname_np(pthread_self(), "fake-listener");
     while (true) {
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        const int fd = accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0 && (errno == EINTR || errno == ECONNABORTED)) {
             continue;
         }
         if (fd < 0) {
             return nullptr;
         }
-        reap(state);
+        reap(false);
         vel_lock_guard guard(state.lock);
         if (state.stopping) {
             close(fd);
@@ -113,51 +111,22 @@ bool control_listen(const std::string& path) {
         listen(fd.value, 16) != 0) {
         return false;
     }
-    fake_state& state = fake();
-    vel_lock_guard guard(state.lock);
-    state.listener = fd.release();
-    state.socket_path = path;
-    if (pthread_create(&state.listener_thread, nullptr, listener_body, nullptr) != 0) {
-        close(state.listener);
-        state.listener = -1;
-        return false;
+    listener.fd = fd.release();
+    listener.path = path;
+    if (pthread_create(&listener.thread, nullptr, listener_body, nullptr) != 0) {
+        close(listener.fd);
+        listener.fd = -1;
     }
-    return true;
+    return listener.fd >= 0;
 }
 
 void control_end() {
-    fake_state& state = fake();
-    pthread_t listener_thread = {};
-    {
-        vel_lock_guard guard(state.lock);
-        if (state.listener < 0) {
-            return;
-        }
-        listener_thread = state.listener_thread;
-        shutdown(state.listener, SHUT_RDWR);
+    if (listener.fd >= 0) {
+        shutdown(listener.fd, SHUT_RDWR);
+        pthread_join(listener.thread, nullptr);
+        reap(true);
+        unlink(listener.path.c_str());
+        close(listener.fd);
+        listener.fd = -1;
     }
-    pthread_join(listener_thread, nullptr);
-    {
-        vel_lock_guard guard(state.lock);
-        for (const fake_connection& connection : state.connections) {
-            if (connection.fd >= 0) {
-                shutdown(connection.fd, SHUT_RD);
-            }
-        }
-    }
-    std::vector<pthread_t> threads;
-    {
-        vel_lock_guard guard(state.lock);
-        for (const fake_connection& connection : state.connections) {
-            threads.push_back(connection.thread);
-        }
-    }
-    for (const pthread_t thread : threads) {
-        pthread_join(thread, nullptr);
-    }
-    vel_lock_guard guard(state.lock);
-    state.connections.clear();
-    unlink(state.socket_path.c_str());
-    close(state.listener);
-    state.listener = -1;
 }

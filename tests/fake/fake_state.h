@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -17,20 +19,18 @@
 #include <veloran/lock.h>
 
 #include "fake_tree.h"
+#include "fake_words.h"
 
 struct fake_job; /* fake_events.h */
 
 /* One call into the plug-in, or one callback that returned ("event.KIND"). */
 struct fake_call {
-    uint64_t serial = 0;
     std::string entry;
     uint64_t session = 0; /* serial of the session; 0: none */
-    std::optional<std::string> id;
-    std::optional<int64_t> ms;
-    std::string arguments; /* further KEY=VALUE words, each with a leading space */
-    int32_t tid = 0;
-    std::string thread;
-    bool returned = false;
+    std::optional<int64_t> ms = {};
+    std::string value = {};
+    std::optional<std::string> id = {};
+    uint64_t serial = 0;
     int64_t result = 0;
 };
 
@@ -43,21 +43,9 @@ struct fake_rule {
     std::string entry;
     std::optional<std::string> id;
     std::optional<int64_t> ms;
-    uint64_t skip = 0;
-    std::optional<uint64_t> times;
-    /* What it does. */
-    std::optional<int64_t> result;
-    bool null = false;
-    std::optional<std::string> gate;
-    bool deaf = false;
-    std::optional<int64_t> signal;
-    std::optional<int64_t> page;
-    std::optional<int64_t> over;
-    std::optional<int64_t> count;
-    bool null_ids = false;
-    bool rewind = false;
-    std::optional<std::string> inside;
-    std::optional<std::string> after;
+    int64_t skip = 0;
+    int64_t times = INT64_MAX;
+    fake_words words; /* the command; its options tell what the rule does */
 };
 
 struct fake_session {
@@ -65,7 +53,7 @@ struct fake_session {
     bool plays = false; /* else it browses */
     int32_t ms_id = 0;
     void* data = nullptr;
-    bool alive = false;
+    bool alive = true;
     uint32_t cancels = 0;
     /* The device, in device mode. */
     lyr_playback_state state = {LYR_SHUFFLE_OFF, LYR_REPEAT_OFF, LYR_STATUS_IDLE, 1.0F};
@@ -90,11 +78,12 @@ struct fake_worker {
 
 struct fake_connection {
     pthread_t thread = {};
-    int fd = -1;
-    bool finished = false;
+    int fd = -1; /* -1: its thread has ended, or is about to */
 };
 
 struct fake_state {
+    fake_state();
+
     vel_mutex lock = {};
     pthread_cond_t changed = {}; /* signalled after every change of what anybody waits for */
     pthread_cond_t work = {};    /* for the event threads alone: each call would wake them */
@@ -103,7 +92,6 @@ struct fake_state {
     const lyrane_internal_callbacks_table* callbacks VEL_GUARDED_BY(lock) = nullptr;
     std::map<std::string, std::string> settings VEL_GUARDED_BY(lock);
     uint32_t types VEL_GUARDED_BY(lock) = LYR_MS_TYPE_HDD;
-    std::string name VEL_GUARDED_BY(lock) = "fake";
     bool detecting VEL_GUARDED_BY(lock) = false;
     bool stopping VEL_GUARDED_BY(lock) = false;
     bool device VEL_GUARDED_BY(lock) = false;
@@ -131,48 +119,50 @@ struct fake_state {
     std::map<uint64_t, std::shared_ptr<fake_job>> tickets VEL_GUARDED_BY(lock);
     uint64_t next_ticket VEL_GUARDED_BY(lock) = 1;
 
-    int listener VEL_GUARDED_BY(lock) = -1;
-    std::string socket_path VEL_GUARDED_BY(lock);
-    pthread_t listener_thread VEL_GUARDED_BY(lock) = {};
-    std::deque<fake_connection> connections VEL_GUARDED_BY(lock);
+    std::list<fake_connection> connections VEL_GUARDED_BY(lock);
 };
 
-/* The image's state; made at the first use, freed when the library is unloaded. */
-fake_state& fake();
+/* The image's state. */
+extern fake_state state;
 
-/* Waits for a change, at most until the absolute monotonic time; false when that has come. */
-bool fake_wait(fake_state& state, const timespec& until) VEL_REQUIRES(state.lock);
-void fake_wake(fake_state& state);
-timespec fake_after(int64_t milliseconds);
+/* Waits until `done` holds; false when the plug-in ends before, or at a limit that only a hang
+ * reaches. */
+bool fake_await(const std::function<bool()>& done) VEL_REQUIRES(state.lock);
+void fake_wake();
 
 /* Notes what the service did against the interface. */
-void fake_violation(fake_state& state, const std::string& what) VEL_REQUIRES(state.lock);
+void fake_violation(const std::string& what) VEL_REQUIRES(state.lock);
 
 /* The source of an id that the service gave, or null. */
-fake_source* fake_source_by_id(fake_state& state, int32_t id) VEL_REQUIRES(state.lock);
-fake_source* fake_source_by_uid(fake_state& state, const std::string& uid) VEL_REQUIRES(state.lock);
+fake_source* fake_source_by_id(int32_t id) VEL_REQUIRES(state.lock);
+fake_source* fake_source_by_uid(const std::string& uid) VEL_REQUIRES(state.lock);
 
 /* The tree of a source; unknown sources have the common one. */
-const tree& fake_tree_of(fake_state& state, int32_t ms_id) VEL_REQUIRES(state.lock);
+const tree& fake_tree_of(int32_t ms_id) VEL_REQUIRES(state.lock);
 
 /* Handles are numbers that no allocation can have, so that a stale one stays stale. */
 void* fake_handle(uint64_t serial);
 uint64_t fake_handle_serial(const void* handle);
 
+/* The session of a serial, also a destroyed one, or null. */
+fake_session* fake_session_at(uint64_t serial) VEL_REQUIRES(state.lock);
+
 /* The live session of a handle; notes a violation and returns null when there is none. */
-fake_session* fake_session_of(fake_state& state, const void* handle, bool plays, const char* entry)
+fake_session* fake_session_of(const void* handle, bool plays, const char* entry)
     VEL_REQUIRES(state.lock);
 
-/* Puts the table entries back to what they are at first; fake_table_null takes one out or puts it
- * back and returns false for an unknown name. */
+/* The tables at first; the copies in use are in fake_table.cc. */
+extern const lyr_play_api fake_play_entries;
+extern const lyr_browse_api fake_browse_entries;
+
+/* Takes a table entry out or puts it back; false for an unknown name. */
 bool fake_table_set(const std::string& entry, bool present);
-void fake_table_name(const char* name);
+bool fake_table_knows(const std::string& entry);
+void fake_table_name(const std::string& name);
 
-/* A copy of a text as the interface wants it: malloc()ed, null for none. */
-char* fake_text(const std::optional<std::string>& text);
-
-/* Fills a record with malloc()ed copies. */
+/* Fills a record with malloc()ed copies, and frees them. */
 void fake_fill_node(const tree_item& item, const fake_source* source, int32_t ms_id,
                     medianode& node);
+void fake_free_node(medianode& node);
 
 #endif

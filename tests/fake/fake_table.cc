@@ -5,7 +5,6 @@
 #include "fake_calls.h"
 #include "fake_control.h"
 #include "fake_events.h"
-#include "fake_sessions.h"
 
 /* The service exports its dictionary; a test that loads this library need not. */
 extern "C" {
@@ -19,13 +18,7 @@ lyr_play_api play_table = fake_play_entries;
 lyr_browse_api browse_table = fake_browse_entries;
 char table_name[512] = "fake";
 
-fake_call plain_call(const char* entry) {
-    fake_call call;
-    call.entry = entry;
-    return call;
-}
-
-void read_settings(fake_state& state, const strm_dict* settings) VEL_REQUIRES(state.lock) {
+void read_settings(const strm_dict* settings) VEL_REQUIRES(state.lock) {
     state.settings.clear();
     if (settings == nullptr || strm_dict_count == nullptr || strm_dict_at == nullptr) {
         return;
@@ -45,7 +38,6 @@ extern "C" {
 static int32_t fake_init(int32_t plugin_id, const strm_dict* settings,
                          const lyrane_internal_callbacks_table* callbacks,
                          uint32_t* types) noexcept {
-    fake_state& state = fake();
     std::string script;
     std::string control;
     {
@@ -53,14 +45,12 @@ static int32_t fake_init(int32_t plugin_id, const strm_dict* settings,
         state.plugin_id = plugin_id;
         state.callbacks = callbacks;
         state.stopping = false;
-        read_settings(state, settings);
-        script = state.settings.count("script") != 0 ? state.settings["script"] : "";
-        control = state.settings.count("control") != 0 ? state.settings["control"] : "";
+        read_settings(settings);
+        script = state.settings["script"];
+        control = state.settings["control"];
     }
     control_run_script(script);
-    fake_call call = plain_call("init");
-    call.arguments = call_word("value", plugin_id);
-    const call_effect effect = call_begin(std::move(call));
+    const call_effect effect = call_begin({"init"});
     {
         vel_lock_guard guard(state.lock);
         *types = state.types;
@@ -73,10 +63,7 @@ static int32_t fake_init(int32_t plugin_id, const strm_dict* settings,
 }
 
 static int32_t fake_detection(int32_t enable) noexcept {
-    fake_state& state = fake();
-    fake_call call = plain_call("detection");
-    call.arguments = call_word("value", enable);
-    const call_effect effect = call_begin(std::move(call));
+    const call_effect effect = call_begin({"detection"});
     {
         vel_lock_guard guard(state.lock);
         state.detecting = enable != 0;
@@ -88,13 +75,12 @@ static int32_t fake_detection(int32_t enable) noexcept {
 }
 
 static int32_t fake_cleanup(void) noexcept {
-    fake_state& state = fake();
-    const call_effect effect = call_begin(plain_call("cleanup"));
+    const call_effect effect = call_begin({"cleanup"});
     {
         vel_lock_guard guard(state.lock);
         for (const auto& [serial, session] : state.sessions) {
             if (session.alive) {
-                fake_violation(state, "cleanup: session " + std::to_string(serial) + " is alive");
+                fake_violation("cleanup: session " + std::to_string(serial) + " is alive");
             }
         }
         /* The last chance of a test in another process to learn of it. */
@@ -102,7 +88,7 @@ static int32_t fake_cleanup(void) noexcept {
             std::fprintf(stderr, "fake.so: violation: %s\n", line.c_str());
         }
         state.stopping = true;
-        fake_wake(state);
+        fake_wake();
         pthread_cond_broadcast(&state.work);
     }
     events_end_threads();
@@ -163,26 +149,30 @@ const table_slot slots[] = {
     {"cancel", &browse_table.cancel_browse, &fake_browse_entries.cancel_browse},
 };
 
+const table_slot* slot_of(const std::string& entry) {
+    for (const table_slot& slot : slots) {
+        if (entry == slot.name) {
+            return &slot;
+        }
+    }
+    return nullptr;
+}
+
 } // namespace
 
 bool fake_table_set(const std::string& entry, bool present) {
-    for (const table_slot& slot : slots) {
-        if (entry == slot.name) {
-            if (present) {
-                std::memcpy(slot.address, slot.initial, sizeof(void*));
-            } else {
-                std::memset(slot.address, 0, sizeof(void*));
-            }
-            return true;
-        }
+    const table_slot* slot = slot_of(entry);
+    const void* none = nullptr;
+    if (slot != nullptr) {
+        std::memcpy(slot->address, present ? slot->initial : &none, sizeof none);
     }
-    return false;
+    return slot != nullptr;
 }
 
-void fake_table_name(const char* name) {
-    lyrp.name = nullptr;
-    if (name != nullptr) {
-        strncpy(table_name, name, sizeof table_name - 1);
-        lyrp.name = table_name;
-    }
+bool fake_table_knows(const std::string& entry) {
+    return slot_of(entry) != nullptr;
+}
+
+void fake_table_name(const std::string& name) {
+    table_name[name.copy(table_name, sizeof table_name - 1)] = '\0';
 }

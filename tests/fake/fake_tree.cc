@@ -51,8 +51,7 @@ bool descend(tree_place& place, const std::string& part) {
 bool locate(const tree& source, const std::string& id, tree_place& place) {
     const auto found = source.by_id.find(id);
     if (found != source.by_id.end()) {
-        place = {};
-        place.base = &source.nodes[found->second];
+        place = {&source.nodes[found->second]};
         return true;
     }
     if (id.size() < 2 || id.rfind('/') == std::string::npos) {
@@ -70,21 +69,18 @@ int32_t place_count(const tree_place& place) {
     return static_cast<int32_t>(written) + generated_count(place);
 }
 
-void describe(const tree_place& place, const std::string& id, tree_item& item) {
-    if (place.level == 0 && place.track < 0) {
-        item = place.base->item;
-        if (!place.base->count_given) {
-            item.count = place_count(place);
-        }
-        return;
+tree_item describe(const tree_place& place, const std::string& id) {
+    if (place.level > 0 || place.track >= 0) {
+        const bool is_track = place.track >= 0;
+        const int32_t number = (is_track ? place.track : place.folder) + 1;
+        return {id, (is_track ? "Track " : "Folder ") + std::to_string(number), "fake:" + id,
+                is_track ? LYR_NODE_AUDIO : LYR_NODE_FOLDER, place_count(place)};
     }
-    const bool is_track = place.track >= 0;
-    item.id = id;
-    item.name = (is_track ? "Track " : "Folder ") +
-                std::to_string((is_track ? place.track : place.folder) + 1);
-    item.url = "fake:" + id;
-    item.type = is_track ? LYR_NODE_AUDIO : LYR_NODE_FOLDER;
-    item.count = place_count(place);
+    tree_item item = place.base->item;
+    if (!place.base->count_given) {
+        item.count = place_count(place);
+    }
+    return item;
 }
 
 size_t node_at(tree& target, const std::string& id) {
@@ -94,10 +90,7 @@ size_t node_at(tree& target, const std::string& id) {
     }
     const size_t position = target.nodes.size();
     tree_node node;
-    node.item.id = id;
-    node.item.name = last_part(id);
-    node.item.url = "fake:" + id;
-    node.item.type = LYR_NODE_FOLDER;
+    node.item = {id, last_part(id), "fake:" + id, LYR_NODE_FOLDER};
     target.nodes.push_back(node);
     target.by_id[id] = position;
     if (id != "/") {
@@ -108,27 +101,13 @@ size_t node_at(tree& target, const std::string& id) {
 }
 
 bool set_type(tree_node& node, const std::string& text) {
-    int32_t a = 0;
-    int32_t b = 0;
-    int32_t c = 0;
-    if (text == "F" || text.empty()) {
+    if (text == "F" || text.empty() || std::sscanf(text.c_str(), "tracks:%d", &node.tracks) == 1 ||
+        std::sscanf(text.c_str(), "tree:%d,%d,%d", &node.depth, &node.fan_out, &node.tracks) == 3) {
         return true;
     }
-    if (text == "A" || text == "V") {
-        node.item.type = text == "A" ? LYR_NODE_AUDIO : LYR_NODE_VIDEO;
-        return true;
-    }
-    if (std::sscanf(text.c_str(), "tracks:%d", &a) == 1) {
-        node.tracks = a;
-        return true;
-    }
-    if (std::sscanf(text.c_str(), "tree:%d,%d,%d", &a, &b, &c) == 3) {
-        node.depth = a;
-        node.fan_out = b;
-        node.tracks = c;
-        return true;
-    }
-    const std::optional<int64_t> number = words_to_number(text);
+    const std::optional<int64_t> number = text == "A"   ? LYR_NODE_AUDIO
+                                          : text == "V" ? LYR_NODE_VIDEO
+                                                        : words_to_number(text);
     node.item.type = static_cast<int32_t>(number.value_or(0));
     return number.has_value();
 }
@@ -160,15 +139,34 @@ bool parse_line(tree& target, const std::string& line) {
     return set_type(node, field[1]);
 }
 
-/* Walks the leaves in order until `wanted` were taken. */
+/* The child of a place at a position, which must be below place_count. */
+tree_item child_of(const tree& source, tree_place place, const std::string& id, int32_t position) {
+    const int32_t written = place_count(place) - generated_count(place);
+    if (position < written) {
+        place = {&source.nodes[place.base->children[static_cast<size_t>(position)]]};
+        return describe(place, place.base->item.id);
+    }
+    const int32_t generated = position - written;
+    const int32_t folders = folders_at(*place.base, place.level);
+    if (generated < folders) {
+        place.level += 1;
+        place.folder = generated;
+        return describe(place, join(id, 'f', generated));
+    }
+    place.track = generated - folders;
+    return describe(place, join(id, 't', place.track));
+}
+
+/* Walks the leaves in order until `limit` were taken. */
 void search_below(const tree& source, const std::string& id, const std::string& key, int32_t& skip,
-                  size_t wanted, std::vector<tree_item>& found) {
-    const int32_t count = tree_count(source, id);
-    for (int32_t i = 0; i < count && found.size() < wanted; ++i) {
-        tree_item item;
-        tree_child(source, id, i, item);
+                  int64_t limit, std::vector<tree_item>& found) {
+    tree_place place;
+    locate(source, id, place);
+    const int32_t count = place_count(place);
+    for (int32_t i = 0; i < count && std::ssize(found) < limit; ++i) {
+        const tree_item item = child_of(source, place, id, i);
         if (item.type == LYR_NODE_FOLDER) {
-            search_below(source, item.id, key, skip, wanted, found);
+            search_below(source, item.id, key, skip, limit, found);
         } else if (item.name && item.name->find(key) != std::string::npos && --skip < 0) {
             found.push_back(item);
         }
@@ -195,47 +193,26 @@ std::string tree_parse(tree& target, const std::string& text) {
     return "";
 }
 
-bool tree_find(const tree& source, const std::string& id, tree_item& item) {
+std::optional<tree_item> tree_find(const tree& source, const std::string& id) {
+    tree_place place;
+    return locate(source, id, place) ? std::optional(describe(place, id)) : std::nullopt;
+}
+
+bool tree_page(const tree& source, const std::string& id, int32_t offset, int64_t limit,
+               std::vector<tree_item>& items) {
     tree_place place;
     if (!locate(source, id, place)) {
         return false;
     }
-    describe(place, id, item);
+    const int32_t count = place_count(place);
+    for (int32_t i = offset; i < count && std::ssize(items) < limit; ++i) {
+        items.push_back(child_of(source, place, id, i));
+    }
     return true;
 }
 
-int32_t tree_count(const tree& source, const std::string& id) {
-    tree_place place;
-    return locate(source, id, place) ? place_count(place) : -1;
-}
-
-void tree_child(const tree& source, const std::string& id, int32_t position, tree_item& item) {
-    tree_place place;
-    locate(source, id, place);
-    const int32_t written = place_count(place) - generated_count(place);
-    if (position < written) {
-        const size_t child = place.base->children[static_cast<size_t>(position)];
-        place = {};
-        place.base = &source.nodes[child];
-        describe(place, place.base->item.id, item);
-        return;
-    }
-    const int32_t generated = position - written;
-    const int32_t folders = folders_at(*place.base, place.level);
-    if (generated < folders) {
-        place.level += 1;
-        place.folder = generated;
-        describe(place, join(id, 'f', generated), item);
-    } else {
-        place.track = generated - folders;
-        describe(place, join(id, 't', place.track), item);
-    }
-}
-
-std::vector<tree_item> tree_search(const tree& source, const std::string& key, int32_t offset,
-                                   int32_t limit) {
-    std::vector<tree_item> found;
-    search_below(source, "/", key, offset, limit < 0 ? SIZE_MAX : static_cast<size_t>(limit),
-                 found);
-    return found;
+bool tree_search(const tree& source, const std::string& key, int32_t offset, int64_t limit,
+                 std::vector<tree_item>& items) {
+    search_below(source, "/", key, offset, limit, items);
+    return true;
 }

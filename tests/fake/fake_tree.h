@@ -11,8 +11,8 @@
 /* A node as it is handed out. */
 struct tree_item {
     std::string id;
-    std::optional<std::string> name;
-    std::optional<std::string> url;
+    std::optional<std::string> name = {};
+    std::optional<std::string> url = {};
     int32_t type = 0;
     int32_t count = 0;
 };
@@ -35,19 +35,17 @@ struct tree {
 /* Replaces the tree by one in text; "" or what is wrong with it. */
 std::string tree_parse(tree& target, const std::string& text);
 
-/* Looks a node up. */
-bool tree_find(const tree& source, const std::string& id, tree_item& item);
+/* A node, if there is one of that id. */
+std::optional<tree_item> tree_find(const tree& source, const std::string& id);
 
-/* Number of children of a node; -1 when there is no such node. */
-int32_t tree_count(const tree& source, const std::string& id);
+/* The children of a node from the one at `offset` on, at most `limit`; false when there is no such
+ * node. */
+bool tree_page(const tree& source, const std::string& id, int32_t offset, int64_t limit,
+               std::vector<tree_item>& items);
 
-/* The child at a position, which must be below tree_count. */
-void tree_child(const tree& source, const std::string& id, int32_t position, tree_item& item);
-
-/* Leaves whose name holds `key`, in the order of the tree, from the one at `offset` on, at most
- * `limit`. */
-std::vector<tree_item> tree_search(const tree& source, const std::string& key, int32_t offset,
-                                   int32_t limit);
+/* Leaves whose name holds `key`, in the order of the tree, in the same way; always true. */
+bool tree_search(const tree& source, const std::string& key, int32_t offset, int64_t limit,
+                 std::vector<tree_item>& items);
 
 /* The id of the folder that holds a node. */
 std::string tree_parent(const std::string& id);

@@ -1,5 +1,7 @@
 #include "fake_words.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 bool words_parse(const std::string& text, fake_words& words) {
@@ -58,24 +60,28 @@ std::optional<int64_t> words_number(const fake_words& words, const char* key) {
     return text ? words_to_number(*text) : std::nullopt;
 }
 
-std::string words_unused(const fake_words& words) {
-    for (const fake_option& option : words.options) {
-        if (!option.used) {
-            return option.key;
-        }
+bool words_flag(const fake_words& words, const char* key) {
+    return words_number(words, key).value_or(0) != 0;
+}
+
+void words_know(const fake_words& words, std::initializer_list<const char*> keys) {
+    for (const char* key : keys) {
+        words_text(words, key);
     }
-    return "";
+}
+
+std::string words_unused(const fake_words& words) {
+    const auto unused = std::ranges::find(words.options, false, &fake_option::used);
+    return unused == words.options.end() ? "" : unused->key;
 }
 
 std::optional<int64_t> words_to_number(const std::string& text) {
     char* end = nullptr;
-    const bool hexadecimal = text.compare(0, 2, "0x") == 0;
-    const int64_t value = hexadecimal ? static_cast<int64_t>(std::strtoull(text.c_str(), &end, 16))
-                                      : std::strtoll(text.c_str(), &end, 10);
+    const uint64_t value = std::strtoull(text.c_str(), &end, text.starts_with("0x") ? 16 : 10);
     if (text.empty() || *end != '\0') {
         return std::nullopt;
     }
-    return value;
+    return static_cast<int64_t>(value);
 }
 
 std::string words_unescape(const std::string& text) {
@@ -99,19 +105,15 @@ std::string words_unescape(const std::string& text) {
 }
 
 std::string words_quote(const std::string& text) {
-    static const char digits[] = "0123456789abcdef";
     std::string out = "\"";
     for (const char c : text) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
+        if (c >= ' ' && c < 0x7f) {
+            out += c == '"' || c == '\\' ? "\\" : "";
             out += c;
-        } else if (byte < 0x20 || byte >= 0x7f) {
-            out += "\\x";
-            out += digits[byte >> 4];
-            out += digits[byte & 15];
         } else {
-            out += c;
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+            out += hex;
         }
     }
     return out + '"';

@@ -3,6 +3,7 @@
 #define FAKE_WORDS_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +29,12 @@ const std::string& words_at(const fake_words& words, size_t position);
 /* An option's value; marks it as used. */
 std::optional<std::string> words_text(const fake_words& words, const char* key);
 std::optional<int64_t> words_number(const fake_words& words, const char* key);
+
+/* Whether an option is there and not 0. */
+bool words_flag(const fake_words& words, const char* key);
+
+/* Marks options as used. */
+void words_know(const fake_words& words, std::initializer_list<const char*> keys);
 
 /* The first option that nobody asked for, or "". */
 std::string words_unused(const fake_words& words);

@@ -13,7 +13,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 /* The allocator is not looked up by name, which would allocate. The address sanitizer, and the C
@@ -21,11 +20,12 @@
  * and its database ask for in C; what C++ allocates does not come by here. */
 #ifdef FAULT_LAYER_OVER_SANITIZER
 #define REAL(name) __interceptor_##name
-#define ALLOCATES() is_of_service(__builtin_return_address(0))
+#define ALLOCATES() is_of_service(CALLER())
 #else
 #define REAL(name) __libc_##name
 #define ALLOCATES() true
 #endif
+#define CALLER() __builtin_return_address(0)
 extern "C" {
 void* REAL(malloc)(size_t size);
 void* REAL(calloc)(size_t count, size_t size);
@@ -104,7 +104,7 @@ int open(const char* path, int flags, ...) {
     const int mode = va_arg(arguments, int);
     va_end(arguments);
     static const auto next = real<int(const char*, int, ...)>("open");
-    return fails(FAULT_OPEN, EMFILE, __builtin_return_address(0)) ? -1 : next(path, flags, mode);
+    return fails(FAULT_OPEN, EMFILE, CALLER()) ? -1 : next(path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
@@ -113,7 +113,7 @@ int open64(const char* path, int flags, ...) {
     const int mode = va_arg(arguments, int);
     va_end(arguments);
     static const auto next = real<int(const char*, int, ...)>("open64");
-    return fails(FAULT_OPEN, EMFILE, __builtin_return_address(0)) ? -1 : next(path, flags, mode);
+    return fails(FAULT_OPEN, EMFILE, CALLER()) ? -1 : next(path, flags, mode);
 }
 
 int openat(int directory, const char* path, int flags, ...) {
@@ -122,72 +122,55 @@ int openat(int directory, const char* path, int flags, ...) {
     const int mode = va_arg(arguments, int);
     va_end(arguments);
     static const auto next = real<int(int, const char*, int, ...)>("openat");
-    return fails(FAULT_OPEN, EMFILE, __builtin_return_address(0))
-               ? -1
-               : next(directory, path, flags, mode);
+    return fails(FAULT_OPEN, EMFILE, CALLER()) ? -1 : next(directory, path, flags, mode);
 }
 
 ssize_t write(int fd, const void* bytes, size_t count) {
     static const auto next = real<ssize_t(int, const void*, size_t)>("write");
-    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, __builtin_return_address(0))
-               ? -1
-               : next(fd, bytes, count);
-}
-
-ssize_t writev(int fd, const iovec* pieces, int count) {
-    static const auto next = real<ssize_t(int, const iovec*, int)>("writev");
-    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, __builtin_return_address(0))
-               ? -1
-               : next(fd, pieces, count);
+    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, CALLER()) ? -1 : next(fd, bytes, count);
 }
 
 ssize_t pwrite64(int fd, const void* bytes, size_t count, off64_t offset) {
     static const auto next = real<ssize_t(int, const void*, size_t, off64_t)>("pwrite64");
-    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, __builtin_return_address(0))
-               ? -1
-               : next(fd, bytes, count, offset);
+    return is_file(fd) && fails(FAULT_WRITE, ENOSPC, CALLER()) ? -1
+                                                               : next(fd, bytes, count, offset);
 }
 
 int rename(const char* from, const char* to) noexcept {
     static const auto next = real<int(const char*, const char*)>("rename");
-    return fails(FAULT_RENAME, EIO, __builtin_return_address(0)) ? -1 : next(from, to);
+    return fails(FAULT_RENAME, EIO, CALLER()) ? -1 : next(from, to);
 }
 
 int renameat(int from_directory, const char* from, int to_directory, const char* to) noexcept {
     static const auto next = real<int(int, const char*, int, const char*)>("renameat");
-    return fails(FAULT_RENAME, EIO, __builtin_return_address(0))
-               ? -1
-               : next(from_directory, from, to_directory, to);
+    return fails(FAULT_RENAME, EIO, CALLER()) ? -1 : next(from_directory, from, to_directory, to);
 }
 
 int fsync(int fd) {
     static const auto next = real<int(int)>("fsync");
-    return fails(FAULT_SYNC, EIO, __builtin_return_address(0)) ? -1 : next(fd);
+    return fails(FAULT_SYNC, EIO, CALLER()) ? -1 : next(fd);
 }
 
 int fdatasync(int fd) {
     static const auto next = real<int(int)>("fdatasync");
-    return fails(FAULT_SYNC, EIO, __builtin_return_address(0)) ? -1 : next(fd);
+    return fails(FAULT_SYNC, EIO, CALLER()) ? -1 : next(fd);
 }
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
     static const auto next = real<int(int, sockaddr*, socklen_t*, int)>("accept4");
-    return fails(FAULT_ACCEPT, EMFILE, __builtin_return_address(0))
-               ? -1
-               : next(fd, address, length, flags);
+    return fails(FAULT_ACCEPT, EMFILE, CALLER()) ? -1 : next(fd, address, length, flags);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                    void* argument) noexcept {
     static const auto next =
         real<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
-    return fails(FAULT_THREAD, EAGAIN, __builtin_return_address(0))
-               ? EAGAIN
-               : next(thread, attributes, body, argument);
+    return fails(FAULT_THREAD, EAGAIN, CALLER()) ? EAGAIN
+                                                 : next(thread, attributes, body, argument);
 }
 
 void* dlopen(const char* path, int flags) noexcept {
     static const auto next = real<void*(const char*, int)>("dlopen");
-    return fails(FAULT_DLOPEN, ENOENT, __builtin_return_address(0)) ? nullptr : next(path, flags);
+    return fails(FAULT_DLOPEN, ENOENT, CALLER()) ? nullptr : next(path, flags);
 }
 }

@@ -34,12 +34,6 @@ constexpr int HANG_MS = 30000;
 const char* const names[FAULT_CALLS] = {"allocation", "open",   "write",      "rename",
                                         "sync",       "accept", "new thread", "dlopen"};
 
-/* What became of one run; an empty text is what must not happen. */
-struct outcome {
-    std::string text;
-    std::string why; /* the last line of the log that is a warning or worse */
-};
-
 struct scene {
     struct rig rig;
     fault_plan* plan = nullptr;
@@ -169,25 +163,24 @@ last_lines read_last_lines(const std::string& log, const std::string& root) {
     return found;
 }
 
-/* The scripted plug-in has an answer to want of memory that is as bad as any: an exception that
- * nobody catches. The service must only name it. */
-outcome judge(fault_call call, int status, const std::string& log, const std::string& root) {
-    const last_lines last = read_last_lines(log, root);
-    outcome result;
-    result.why = last.warning;
+/* What became of one run; an empty text is what must not happen. The scripted plug-in has an answer
+ * to want of memory that is as bad as any: an exception that nobody catches. The service must only
+ * name it. */
+std::string judge(int call, int status, const last_lines& last) {
     if (status == 0) {
-        result.text = "goes on";
-    } else if (status == EXIT_FAILURE && !result.why.empty()) {
-        result.text = "ends, status 1";
-    } else if (status == 128 + SIGABRT && result.why[0] == '1') {
-        result.text = "ends, aborted";
-    } else if (status == 128 + SIGABRT && call == FAULT_ALLOCATE &&
-               last.culprit.find("/disk.so(") != std::string::npos) {
-        result.text = "the plug-in aborts";
-    } else if (status == 127 && call <= FAULT_OPEN) {
-        result.text = "was not loaded"; /* the loader's own call */
+        return "goes on";
     }
-    return result;
+    if (status == EXIT_FAILURE && !last.warning.empty()) {
+        return "ends, status 1";
+    }
+    if (status == 128 + SIGABRT && last.warning[0] == '1') {
+        return "ends, aborted";
+    }
+    if (status == 128 + SIGABRT && call == FAULT_ALLOCATE &&
+        last.culprit.find("/disk.so(") != std::string::npos) {
+        return "the plug-in aborts";
+    }
+    return status == 127 && call <= FAULT_OPEN ? "was not loaded" : ""; /* the loader's own call */
 }
 
 /* The database as it was saved by a run without a fault. */
@@ -253,12 +246,12 @@ TEST(Faults, EveryCallMayFail) {
             put_back(scene);
             const int status = run(scene);
             const std::string log = daemon_log(scene.rig.daemon).substr(mark);
-            const outcome result =
-                judge(static_cast<fault_call>(call), status, log, scene.rig.daemon.root);
-            EXPECT_NE(result.text, "") << "status " << status << '\n' << log;
-            auto& entry = table[std::string(names[call]) + " | " + result.text];
-            entry.first += 1;
-            entry.second = result.why;
+            const last_lines last = read_last_lines(log, scene.rig.daemon.root);
+            const std::string outcome = judge(call, status, last);
+            EXPECT_NE(outcome, "") << "status " << status << '\n' << log;
+            auto& [runs, line] = table[std::string(names[call]) + " | " + outcome];
+            runs += 1;
+            line = last.warning;
             expect_whole(scene, log);
         }
         scene.plan->call = FAULT_CALLS;

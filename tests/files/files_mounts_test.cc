@@ -6,19 +6,6 @@
 
 namespace {
 
-/* What a table shows for the places, "path id[ whole] ..." in order. */
-std::string drives_in(const std::string& text, const std::vector<std::string>& places) {
-    const temporary_folder folder;
-    write_file(folder.path + "/table", text);
-    std::vector<files_mount> drives;
-    EXPECT_TRUE(files_mounts_read((folder.path + "/table").c_str(), places, &drives));
-    std::string shown;
-    for (const files_mount& drive : drives) {
-        shown += drive.root + ' ' + std::to_string(drive.id) + (drive.whole ? "" : " part") + '\n';
-    }
-    return shown;
-}
-
 constexpr const char* SYSTEM = "20 1 8:1 / / rw shared:1 - ext4 /dev/root rw\n"
                                "21 20 0:5 / /dev rw - devtmpfs udev rw\n"
                                "22 20 0:25 / /nomedia/run rw - tmpfs tmpfs rw\n";
@@ -26,50 +13,52 @@ constexpr const char* SYSTEM = "20 1 8:1 / / rw shared:1 - ext4 /dev/root rw\n"
 } // namespace
 
 TEST(files_mounts, drives_are_told_from_everything_else) {
-    struct {
-        const char* line; /* of the table, behind the system's own */
-        const char* drives;
-    } const cases[] = {
-        {"30 20 8:17 / /nomedia/usb rw - vfat /dev/sdb1 rw", "/nomedia/usb 30\n"},
-        {"30 20 8:17 / /nomedia rw - vfat /dev/sdb1 rw", "/nomedia 30\n"},
-        {"30 20 8:17 / /nomedia/a/b/c rw shared:7 master:2 - vfat /dev/sdb1 rw",
-         "/nomedia/a/b/c 30\n"},
-        {"30 20 8:17 / /nomedia/MY\\040STICK\\134 rw - exfat /dev/sdb1 rw",
-         "/nomedia/MY STICK\\ 30\n"},
-        {"30 20 0:44 / /nomedia/usb rw - fuseblk /dev/sdb1 rw", "/nomedia/usb 30\n"},
-        {"30 20 0:44 / /nomedia/usb rw - btrfs /dev/sdb1 rw", "/nomedia/usb 30\n"},
-        {"30 20 0:44 /sub /nomedia/usb rw - btrfs /dev/sdb1 rw,subvol=/sub",
-         "/nomedia/usb 30 part\n"},
-        {"30 20 8:17 /folder /nomedia/usb rw - vfat /dev/sdb1 rw", "/nomedia/usb 30 part\n"},
-        {"30 20 8:17 / /nomediaX rw - vfat /dev/sdb1 rw", ""},
-        {"30 20 8:17 / /home rw - vfat /dev/sdb1 rw", ""},
-        {"30 20 8:1 / /nomedia/system rw - ext4 /dev/root rw", ""},
-        {"30 20 8:1 /srv/music /nomedia/music rw - ext4 /dev/root rw", ""},
-        {"30 20 0:44 / /nomedia/ann rw - tmpfs /dev/sdb1 rw", ""},
-        {"30 20 0:44 / /nomedia/nas rw - nfs4 nas:/music rw", ""},
-        {"30 20 0:44 / /nomedia/phone rw - fuse.mtp /dev/fuse rw", ""},
-        {"30 20 0:44 / /nomedia/auto rw - autofs systemd-1 rw", ""},
-        {"30 20 8:17 / /home rw - ext4 /dev/sdb1 rw\n"
-         "31 20 8:17 /ann /nomedia/ann rw - ext4 /dev/sdb1 rw",
-         ""},
-        {"30 20 8:17 /x /nomedia/part rw - ext4 /dev/sdb1 rw\n"
-         "31 20 8:33 /y /nomedia/alone rw - ext4 /dev/sdc1 rw\n"
-         "32 20 8:17 / /nomedia/all rw - ext4 /dev/sdb1 rw",
-         "/nomedia/all 32\n/nomedia/alone 31 part\n"},
-        {"30 20 8:17 / /nomedia/a rw - vfat /dev/sdb1 rw\n"
-         "31 30 8:33 / /nomedia/a rw - vfat /dev/sdc1 rw\n"
-         "32 31 8:17 / /nomedia/a/b rw - vfat /dev/sdb1 rw",
-         "/nomedia/a 30\n/nomedia/a 31\n/nomedia/a/b 32\n"},
-    };
-    for (const auto& test : cases) {
-        EXPECT_EQ(drives_in(std::string(SYSTEM) + test.line + '\n', {"/nowhere", "/nomedia"}),
-                  test.drives)
-            << test.line;
+    const temporary_folder folder;
+    const std::string table = folder.path + "/table";
+    const std::string mounts =
+        /* Drives, whole or in part. */
+        "30 20 8:17 / /nomedia/usb rw - vfat /dev/sdb1 rw\n"
+        "31 20 8:18 / /nomedia/a/b/c rw shared:7 master:2 - vfat /dev/sdb2 rw\n"
+        "32 20 8:19 / /nomedia/MY\\040STICK\\134 rw - exfat /dev/sdb3 rw\n"
+        "33 20 0:44 / /nomedia/fuse rw - fuseblk /dev/sdc1 rw\n"
+        "34 20 0:45 / /nomedia/btrfs rw - btrfs /dev/sdd1 rw\n"
+        "35 20 0:46 /sub /nomedia/sub rw - btrfs /dev/sde1 rw,subvol=/sub\n"
+        "36 20 8:20 /folder /nomedia/part rw - vfat /dev/sdb4 rw\n"
+        /* Elsewhere, of the system, or not on a block device. */
+        "40 20 8:21 / /nomediaX rw - vfat /dev/sdb5 rw\n"
+        "41 20 8:22 / /home rw - vfat /dev/sdb6 rw\n"
+        "42 20 8:1 / /nomedia/system rw - ext4 /dev/root rw\n"
+        "43 20 8:1 /srv/music /nomedia/music rw - ext4 /dev/root rw\n"
+        "44 20 0:47 / /nomedia/ann rw - tmpfs /dev/sdf1 rw\n"
+        "45 20 0:48 / /nomedia/nas rw - nfs4 nas:/music rw\n"
+        /* Parts of what is there as a whole. */
+        "50 20 8:33 / /srv rw - ext4 /dev/sdc1 rw\n"
+        "51 20 8:33 /ann /nomedia/ann rw - ext4 /dev/sdc1 rw\n"
+        "52 20 8:34 /x /nomedia/x rw - ext4 /dev/sdc2 rw\n"
+        "53 20 8:34 / /nomedia/all rw - ext4 /dev/sdc2 rw\n"
+        /* Over and in one another. */
+        "60 20 8:49 / /nomedia/o rw - vfat /dev/sdd1 rw\n"
+        "61 60 8:50 / /nomedia/o rw - vfat /dev/sdd2 rw\n"
+        "62 61 8:49 / /nomedia/o/b rw - vfat /dev/sdd1 rw\n"
+        /* The place itself. */
+        "70 20 8:51 / /nomedia rw - vfat /dev/sdd3 rw\n";
+    write_file(table, SYSTEM + mounts);
+    std::vector<files_mount> drives;
+    EXPECT_TRUE(files_mounts_read(table.c_str(), {"/nowhere", "/nomedia"}, &drives));
+    std::string shown;
+    for (const files_mount& drive : drives) {
+        shown += std::to_string(drive.id) + ' ' + drive.root + (drive.whole ? "\n" : " part\n");
     }
-    EXPECT_EQ(drives_in(SYSTEM, {"/"}), "") << "the system is no drive of its own";
-    EXPECT_EQ(drives_in("", {"/nomedia"}), "");
-    std::vector<files_mount> none;
-    EXPECT_FALSE(files_mounts_read("/nonexistent", {"/nomedia"}, &none));
+    EXPECT_EQ(shown, "30 /nomedia/usb\n31 /nomedia/a/b/c\n32 /nomedia/MY STICK\\\n"
+                     "33 /nomedia/fuse\n34 /nomedia/btrfs\n53 /nomedia/all\n60 /nomedia/o\n"
+                     "61 /nomedia/o\n62 /nomedia/o/b\n70 /nomedia\n"
+                     "35 /nomedia/sub part\n36 /nomedia/part part\n");
+
+    drives.clear();
+    write_file(table, SYSTEM);
+    EXPECT_TRUE(files_mounts_read(table.c_str(), {"/"}, &drives));
+    EXPECT_EQ(drives.size(), 0U) << "the system is no drive of its own";
+    EXPECT_FALSE(files_mounts_read("/nonexistent", {"/nomedia"}, &drives));
 }
 
 TEST(files_mounts, what_is_planned_and_not_mounted_is_awaited) {

@@ -1,7 +1,7 @@
 /* Drives that are plugged in and pulled out, through the plug-in's tables. */
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,148 +9,76 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include "host.h"
-#include "media_files.h"
+#include "library.h"
 #include "sticks.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-using connected = std::map<int32_t, host_source>;
-
-constexpr const char* CLOCKED = "fakesink sync=true";
-
-/* A started plug-in that looks for drives below one place, and one pair of sessions, as the service
- * makes them. All of it ends with the scope. */
-struct port {
-    temporary_folder base; /* with the drives' images */
-    std::string place;
-    const lyrp_api* api = nullptr;
-    void* browse = nullptr;
-    void* play = nullptr;
-    int32_t player = 0; /* its address is the callback data */
-    port() = default;
-    ~port();
-    port(const port&) = delete;
-    port& operator=(const port&) = delete;
+/* A plug-in that looks for drives below one place. Their images are in its folder. */
+struct port : library {
+    std::string place = folder.path + "/media";
 };
 
-void close_sessions(port* port) {
-    if (port->play != nullptr) {
-        EXPECT_EQ(port->api->play_api->destroy(port->play), 0);
-    }
-    if (port->browse != nullptr) {
-        EXPECT_EQ(port->api->browse_api->destroy(port->browse), 0);
-    }
-    port->play = nullptr;
-    port->browse = nullptr;
-}
-
-void close_port(port* port) {
-    close_sessions(port);
-    if (port->api != nullptr) {
-        host_stop();
-    }
-    port->api = nullptr;
-}
-
-port::~port() {
-    close_port(this);
-}
-
-/* False when the plug-in has no such source. */
-bool open_sessions(port* port, int32_t ms_id) {
-    port->browse = port->api->browse_api->create(ms_id, nullptr);
-    port->play = port->api->play_api->create(ms_id, &port->player);
-    return port->browse != nullptr && port->play != nullptr;
-}
-
 void open_port(port* port, std::map<std::string, std::string> settings = {}) {
-    port->place = port->base.path + "/media";
-    settings.insert({{"mounts", port->place},
-                     {"index", "0"}, /* it would read while a drive is to be unmounted */
-                     {"audio_output", CLOCKED},
-                     {"update_interval", "20"}});
-    port->api = host_start(settings);
-    ASSERT_EQ(port->api->set_mediasource_detection(1), 0);
+    /* An index would be read while a drive is to be unmounted. */
+    settings.insert({{"mounts", port->place}, {"index", "0"}});
+    start_plugin(port, settings);
 }
 
-std::string image_of(const port& port, const std::string& label) {
-    return port.base.path + '/' + label + ".img";
-}
-
-/* A drive with two tracks, in the place where the images are. */
-std::string make_stick(const port& port, const std::string& type, const std::string& label) {
-    const std::string image = image_of(port, label);
-    const std::string point = port.base.path + "/filling";
+/* A drive with what is written into the place where it is mounted. */
+std::string make_stick(const port& port, const std::string& type, const std::string& label,
+                       const std::function<void(const std::string& point)>& fill) {
+    const std::string image = port.folder.path + '/' + label + ".img";
+    const std::string point = port.folder.path + "/filling";
     stick_make(image, type, label);
     stick_plug(image, point);
     fs::remove(point + "/lost+found");
-    write_tone(point + "/Long.wav", 440, 60000);
-    write_tone(point + "/Album/Short.wav", 880, 500);
-    write_file(point + "/" + label + ".mp3", "");
+    fill(point);
     stick_unplug(point);
     return image;
 }
 
-bool wait_count(size_t count) {
-    return host_wait_connected([count](const connected& now) { return now.size() == count; });
+/* A drive with two tracks. */
+std::string make_stick(const port& port, const std::string& type, const std::string& label) {
+    return make_stick(port, type, label, [&label](const std::string& point) {
+        make_track(point + "/Long.wav", 440, 60000);
+        make_track(point + "/Album/Short.wav", 880, 500);
+        write_file(point + "/" + label + ".mp3", "");
+    });
 }
 
 /* The only source that is connected, at a mount point. */
 host_source wait_at(const std::string& point) {
-    EXPECT_TRUE(host_wait_connected([&point](const connected& now) {
-        return now.size() == 1 && now.begin()->second.view_name == point;
+    EXPECT_TRUE(host_wait([&point](const host_record& now) {
+        return now.connected.size() == 1 && now.connected.begin()->second.view_name == point;
     })) << point;
-    const connected now = host_connected();
-    return now.size() == 1 ? now.begin()->second : host_source{};
+    const auto connected = host_now().connected;
+    return connected.size() == 1 ? connected.begin()->second : host_source{};
 }
 
-/* The ids of the nodes at the top, or "failed". */
-std::string top_of(const port& port) {
-    medianode* nodes = nullptr;
-    int32_t count = -1;
-    if (port.api->browse_api->browse(port.browse, "/", 0, &count, &nodes) != 0) {
-        return "failed";
+/* The sessions reach nothing any more. */
+void expect_gone(const port& port) {
+    EXPECT_EQ(browse(port, "/"), FAILED);
+    EXPECT_EQ(attach(port, "/Long.wav"), -1);
+}
+
+void skip_without(const std::string& type) {
+    const std::string missing = sticks_missing(type);
+    if (!missing.empty()) {
+        GTEST_SKIP() << missing;
     }
-    std::string ids;
-    for (int32_t i = 0; i < count; ++i) {
-        ids += std::string(nodes[i].id) + ' ';
-        EXPECT_EQ(nodes[i].ms_type, LYR_MS_TYPE_USB);
-    }
-    free_medianodes(&nodes, count);
-    return ids;
-}
-
-int32_t attach(const port& port, std::string id) {
-    medianode node = {};
-    node.id = id.data();
-    node.type = LYR_NODE_AUDIO;
-    return port.api->play_api->attach_medianode(port.play, &node);
-}
-
-bool any(const std::vector<host_event>& events, int kind, int32_t least) {
-    return std::any_of(events.begin(), events.end(), [=](const host_event& event) {
-        return event.kind == kind && event.value >= least;
-    });
-}
-
-/* Plays until it moves. */
-void play(const port& port, const std::string& id) {
-    host_forget();
-    ASSERT_EQ(attach(port, id), 0);
-    ASSERT_EQ(port.api->play_api->play(port.play), 0);
-    ASSERT_TRUE(host_wait([](const auto& events) { return any(events, host_event::position, 1); }));
 }
 
 struct sticks : testing::TestWithParam<const char*> {
-    void SetUp() override {
-        const std::string missing = sticks_missing(GetParam());
-        if (!missing.empty()) {
-            GTEST_SKIP() << missing;
-        }
-    }
+    void SetUp() override { skip_without(GetParam()); }
+};
+
+struct scanned : sticks {};
+
+struct drives : testing::Test {
+    void SetUp() override { skip_without("ext4"); }
 };
 
 } // namespace
@@ -158,7 +86,7 @@ struct sticks : testing::TestWithParam<const char*> {
 TEST_P(sticks, are_the_same_source_wherever_they_are_plugged_in) {
     port port;
     open_port(&port);
-    EXPECT_TRUE(host_connected().empty());
+    EXPECT_TRUE(host_now().connected.empty());
     const std::string image = make_stick(port, GetParam(), "MUSIC");
     const std::string points[] = {port.place + "/one", port.place + "/ann/two", port.place};
     host_source first;
@@ -170,25 +98,21 @@ TEST_P(sticks, are_the_same_source_wherever_they_are_plugged_in) {
         EXPECT_EQ(source.uid, first.uid);
         EXPECT_EQ(source.name, "MUSIC");
         EXPECT_EQ(source.type, LYR_MS_TYPE_USB);
-        ASSERT_TRUE(open_sessions(&port, source.id));
-        EXPECT_EQ(top_of(port).substr(0, 27), "/Album /Long.wav /MUSIC.mp3");
-        metadata* data = nullptr;
-        EXPECT_EQ(port.api->browse_api->get_metadata(port.browse, "/Album/Short.wav", &data), 0);
-        free_metadata(&data);
+        open_sessions(&port, source.id);
+        EXPECT_EQ(browse(port, "/", 0, 3), (lines{"/Album|Album|1", "/Long.wav", "/MUSIC.mp3"}));
+        EXPECT_EQ(about(port, "/Album/Short.wav", &metadata::title), "Short");
         medianode saved = {};
         saved.id = strdup("/Album/Short.wav");
-        EXPECT_EQ(port.api->browse_api->update_medianodes(port.browse, 1, &saved), 0);
+        EXPECT_EQ(port.api->browse_api->update_medianodes(port.session, 1, &saved), 0);
         EXPECT_EQ(saved.url, "file://" + point + "/Album/Short.wav");
         EXPECT_EQ(saved.ms_type, LYR_MS_TYPE_USB);
         free_medianode_contents(&saved);
         play(port, "/Album/Short.wav");
-        ASSERT_TRUE(
-            host_wait([](const auto& events) { return any(events, host_event::finished, 0); }));
+        ASSERT_TRUE(host_wait_event(host_event::finished));
         /* Sessions that do nothing keep nobody from unmounting it. */
         stick_unplug(point);
-        EXPECT_TRUE(wait_count(0));
-        EXPECT_EQ(top_of(port), "failed");
-        EXPECT_EQ(attach(port, "/Long.wav"), -1);
+        EXPECT_TRUE(host_wait_sources(0));
+        expect_gone(port);
         EXPECT_EQ(port.api->browse_api->create(source.id, nullptr), nullptr);
         close_sessions(&port);
     }
@@ -198,30 +122,26 @@ TEST_P(sticks, can_be_pulled_out_while_they_play) {
     port port;
     open_port(&port, {{"index", "1"}});
     const std::string image = make_stick(port, GetParam(), "MUSIC");
-    for (int round = 0; round < 4; ++round) {
-        const std::string point = port.place + '/' + std::to_string(round % 2);
-        stick_plug(image, point);
-        const host_source source = wait_at(point);
-        ASSERT_TRUE(open_sessions(&port, source.id));
+    const std::function<int32_t()> last_commands[] = {
+        [] { return 0; },
+        [&port] { return port.api->play_api->pause(port.play); },
+        [&port] { return port.api->play_api->seek(port.play, 30000); },
+    };
+    for (const auto& command : last_commands) {
+        stick_plug(image, port.place);
+        open_sessions(&port, wait_at(port.place).id);
         play(port, "/Long.wav");
-        if (round == 1) {
-            EXPECT_EQ(port.api->play_api->pause(port.play), 0);
-        }
         /* What the service does, on the thread that reports it. */
-        host_on_disconnected([&](int32_t id) {
-            EXPECT_EQ(id, source.id);
-            EXPECT_EQ(top_of(port), "failed");
-            EXPECT_EQ(attach(port, "/Long.wav"), -1);
+        host_on_source([&port](int32_t) {
+            expect_gone(port);
             EXPECT_EQ(port.api->play_api->stop(port.play), 0);
-            EXPECT_EQ(port.api->browse_api->cancel_browse(port.browse), 0);
+            EXPECT_EQ(port.api->browse_api->cancel_browse(port.session), 0);
             close_sessions(&port);
         });
-        if (round == 2) {
-            EXPECT_EQ(port.api->play_api->seek(port.play, 30000), 0);
-        }
-        stick_pull(point);
-        EXPECT_TRUE(wait_count(0));
-        host_on_disconnected(nullptr);
+        EXPECT_EQ(command(), 0);
+        stick_pull(port.place);
+        EXPECT_TRUE(host_wait_sources(0));
+        host_on_source(nullptr);
     }
 }
 
@@ -234,48 +154,92 @@ TEST_P(sticks, are_not_mixed_up) {
     const std::string point = port.place + "/here";
     stick_plug(images[0], point);
     const host_source first = wait_at(point);
-    ASSERT_TRUE(open_sessions(&port, first.id));
-    EXPECT_EQ(top_of(port).substr(0, 7), "/Album ");
+    open_sessions(&port, first.id);
+    EXPECT_NE(browse(port, "/"), FAILED);
     ASSERT_EQ(port.api->set_mediasource_detection(0), 0);
     stick_unplug(point);
     stick_plug(images[1], point);
-    EXPECT_EQ(top_of(port), "failed");
-    EXPECT_EQ(attach(port, "/Long.wav"), -1);
+    expect_gone(port);
     ASSERT_EQ(port.api->set_mediasource_detection(1), 0);
-    EXPECT_TRUE(host_wait_connected(
-        [&](const connected& now) { return now.size() == 1 && now.count(first.id) == 0; }));
-    const connected now = host_connected();
-    ASSERT_EQ(now.size(), 1U);
-    EXPECT_EQ(now.begin()->second.name, "SECOND");
-    EXPECT_NE(now.begin()->second.uid, first.uid);
+    EXPECT_TRUE(host_wait([&first](const host_record& now) {
+        return now.connected.size() == 1 && now.connected.count(first.id) == 0;
+    }));
+    const host_source second = wait_at(point);
+    EXPECT_EQ(second.name, "SECOND");
+    EXPECT_NE(second.uid, first.uid);
     EXPECT_EQ(port.api->browse_api->create(first.id, nullptr), nullptr);
     close_sessions(&port);
     stick_unplug(point);
-    EXPECT_TRUE(wait_count(0));
+    EXPECT_TRUE(host_wait_sources(0));
 }
 
-INSTANTIATE_TEST_SUITE_P(file_systems, sticks, testing::Values("ext4", "vfat", "ntfs"),
-                         [](const auto& test) { return std::string(test.param); });
+/* How many tracks a search of titles finds from one on, in one page; -1: it failed. */
+static int32_t songs(const port& port, int32_t offset = 0) {
+    const lines found = search(port, "title", "song", offset);
+    return found == FAILED ? -1 : static_cast<int32_t>(found.size());
+}
 
-namespace {
-
-struct drives : testing::Test {
-    void SetUp() override {
-        const std::string missing = sticks_missing("ext4");
-        if (!missing.empty()) {
-            GTEST_SKIP() << missing;
+TEST_P(scanned, are_pulled_out_in_the_midst) {
+    constexpr int32_t TRACKS = 2000;
+    port port;
+    const std::string image = make_stick(port, GetParam(), "MUSIC", [](const std::string& point) {
+        for (int32_t i = 0; i < TRACKS; ++i) {
+            const std::string number = std::to_string(i);
+            write_file(point + "/Album " + std::to_string(i / 100) + '/' + number + ".mp3",
+                       tagged_file("Song " + number));
         }
+    });
+    open_port(&port, {{"index", "1"}});
+    /* Each time a little later, under another name. */
+    int32_t id = -1;
+    for (const int32_t wanted : {0, 1, 300, 600, 1000}) {
+        const std::string point = port.place + "/at " + std::to_string(wanted);
+        stick_plug(image, point);
+        id = wait_at(point).id;
+        open_sessions(&port, id);
+        while (songs(port) < wanted) {
+            sched_yield();
+        }
+        std::thread hand([&point] { stick_pull(point); });
+        while (browse(port, "/Album 3") != FAILED) {
+            songs(port);
+        }
+        hand.join();
+        ASSERT_TRUE(host_wait_sources(0));
+        close_sessions(&port);
     }
-};
 
-} // namespace
+    const std::string point = port.place + "/last";
+    const std::string all = std::to_string(TRACKS) + " tracks";
+    const int32_t before = host_log_count(all);
+    stick_plug(image, point);
+    ASSERT_TRUE(host_log_wait(all, before + 1));
+    EXPECT_EQ(host_log_count(" 0 gone"), host_log_count(" gone")) << "no drive lost a file";
+    open_sessions(&port, id); /* it is the same source */
+    EXPECT_EQ(songs(port, TRACKS - 2), 2) << "none was read that was not there";
+
+    /* All is quiet now: it can be unmounted, and is known when it comes back. */
+    stick_unplug(point);
+    ASSERT_TRUE(host_wait_sources(0));
+    stick_plug(image, point);
+    ASSERT_TRUE(host_log_wait(all + ", 0 read, 0 gone", 1));
+    stick_pull(point);
+    ASSERT_TRUE(host_wait_sources(0));
+}
+
+static std::string name_of(const testing::TestParamInfo<const char*>& test) {
+    return test.param;
+}
+
+INSTANTIATE_TEST_SUITE_P(file_systems, sticks, testing::Values("ext4", "vfat", "ntfs"), name_of);
+INSTANTIATE_TEST_SUITE_P(file_systems, scanned, testing::Values("ext4", "vfat"), name_of);
 
 /* One source a file system, and only where it can be reached. */
 TEST_F(drives, are_found_however_they_are_mounted) {
     port port;
-    const std::string real = port.base.path + "/real";
+    const std::string real = port.folder.path + "/real";
     fs::create_directories(real);
-    fs::create_symlink(real, port.base.path + "/media");
+    fs::create_symlink(real, port.place);
     const std::string image = make_stick(port, "ext4", "ONE");
     const std::string other = make_stick(port, "ext4", "TWO");
     stick_plug(image, real + "/a");
@@ -287,36 +251,32 @@ TEST_F(drives, are_found_however_they_are_mounted) {
     fs::create_directories(real + "/b");
     ASSERT_EQ(mount((real + "/a").c_str(), (real + "/b").c_str(), nullptr, MS_BIND, nullptr), 0);
     stick_plug(other, real + "/a/Album");
-    EXPECT_TRUE(wait_count(2));
+    EXPECT_TRUE(host_wait_sources(2));
     stick_pull(real + "/a");
     EXPECT_EQ(wait_at(real + "/b").uid, source.uid);
 
     /* Covered by something that is no drive. */
     ASSERT_EQ(mount("none", (real + "/b").c_str(), "tmpfs", 0, nullptr), 0);
-    EXPECT_TRUE(wait_count(0));
+    EXPECT_TRUE(host_wait_sources(0));
     stick_plug(other, real + "/c");
     EXPECT_EQ(wait_at(real + "/c").name, "TWO");
     stick_unplug(real + "/b");
-    EXPECT_TRUE(wait_count(2));
+    EXPECT_TRUE(host_wait_sources(2));
     stick_unplug(real + "/b");
     EXPECT_EQ(wait_at(real + "/c").name, "TWO");
     stick_unplug(real + "/c");
-    EXPECT_TRUE(wait_count(0));
-}
+    EXPECT_TRUE(host_wait_sources(0));
 
-TEST_F(drives, with_the_same_uuid_are_two) {
-    port port;
-    open_port(&port);
-    const std::string image = make_stick(port, "ext4", "ONE");
-    fs::copy_file(image, port.base.path + "/copy.img");
-    stick_plug(image, port.place + "/a");
-    const host_source source = wait_at(port.place + "/a");
-    stick_plug(port.base.path + "/copy.img", port.place + "/b");
-    ASSERT_TRUE(wait_count(2));
-    EXPECT_EQ(host_connected().rbegin()->second.uid, source.uid + "-2");
-    stick_unplug(port.place + "/a");
-    stick_unplug(port.place + "/b");
-    EXPECT_TRUE(wait_count(0));
+    /* A copy has the same UUID and is another drive. */
+    fs::copy_file(image, image + ".copy");
+    stick_plug(image, real + "/a");
+    EXPECT_EQ(wait_at(real + "/a").uid, source.uid);
+    stick_plug(image + ".copy", real + "/b");
+    ASSERT_TRUE(host_wait_sources(2));
+    EXPECT_EQ(host_now().connected.rbegin()->second.uid, source.uid + "-2");
+    stick_unplug(real + "/a");
+    stick_unplug(real + "/b");
+    EXPECT_TRUE(host_wait_sources(0));
 }
 
 /* Pulled out, and nobody unmounts it: the track ends with an error that skips on. */
@@ -324,53 +284,50 @@ TEST_F(drives, that_fail_end_the_track) {
     port port;
     open_port(&port);
     stick_plug(make_stick(port, "ext4", "MUSIC"), port.place + "/a");
-    const host_source source = wait_at(port.place + "/a");
-    ASSERT_TRUE(open_sessions(&port, source.id));
+    open_sessions(&port, wait_at(port.place + "/a").id);
     play(port, "/Long.wav");
     stick_break(port.place + "/a");
     /* What was read ahead may still be played. */
     EXPECT_EQ(port.api->play_api->seek(port.play, 50000), 0);
-    EXPECT_TRUE(host_wait([](const auto& events) {
-        return any(events, host_event::error, 0) || any(events, host_event::finished, 0);
-    }));
-    EXPECT_FALSE(any(host_events(), host_event::error, LYR_PLAY_ERROR_FATAL));
+    EXPECT_TRUE(host_wait(
+        [](const host_record& now) { return now.events.back().kind != host_event::position; }));
+    EXPECT_EQ(host_events(host_event::error, LYR_PLAY_ERROR_FATAL), 0);
     EXPECT_EQ(attach(port, "/Album/Short.wav"), -1);
     close_sessions(&port);
     stick_pull(port.place + "/a");
-    EXPECT_TRUE(wait_count(0));
+    EXPECT_TRUE(host_wait_sources(0));
 }
 
 /* The device has gone and the mount stays; then it is there again. */
 TEST_F(drives, are_gone_with_their_device) {
     port port;
-    const std::string point = port.base.path + "/media/a";
+    const std::string point = port.place + "/a";
     stick_show_devices(true);
     stick_plug(make_stick(port, "ext4", "MUSIC"), point);
     open_port(&port);
     const host_source source = wait_at(point);
     stick_show_devices(false);
-    EXPECT_TRUE(wait_count(0));
+    EXPECT_TRUE(host_wait_sources(0));
     stick_show_devices(true);
     EXPECT_EQ(wait_at(point).id, source.id);
     stick_pull(point);
-    EXPECT_TRUE(wait_count(0));
+    EXPECT_TRUE(host_wait_sources(0));
     stick_pull(STICK_DEVICES);
 }
 
 /* A folder in which something is mounted later is another one from then on. */
 TEST_F(drives, that_are_shares_come_late) {
     port port;
-    const std::string share = port.base.path + "/share";
+    const std::string share = port.folder.path + "/share";
     fs::create_directories(share);
     open_port(&port, {{"folders", share + "/Music:" + share}});
-    const host_source before = wait_at(share);
-    EXPECT_EQ(before.type, LYR_MS_TYPE_HDD);
+    EXPECT_EQ(wait_at(share).type, LYR_MS_TYPE_HDD);
     ASSERT_EQ(mount("none", share.c_str(), "tmpfs", 0, nullptr), 0);
-    EXPECT_TRUE(host_wait_connected([&before](const connected& now) {
-        return now.size() == 1 && now.begin()->second.report > before.report;
+    EXPECT_TRUE(host_wait([](const host_record& now) {
+        return now.connected.size() == 1 && now.sources.size() == 2;
     }));
     fs::create_directories(share + "/Music");
-    EXPECT_TRUE(wait_count(2));
+    EXPECT_TRUE(host_wait_sources(2));
     stick_pull(share);
     wait_at(share);
 }
@@ -378,15 +335,12 @@ TEST_F(drives, that_are_shares_come_late) {
 /* A file system of FUSE that nobody answers for, as a share whose server is down; it comes to an
  * end with the descriptor. */
 static int mount_dead_share(const std::string& point) {
-    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    vel_fd device(open("/dev/fuse", O_RDWR | O_CLOEXEC));
     const std::string options =
-        "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0";
+        "fd=" + std::to_string(device.value) + ",rootmode=40000,user_id=0,group_id=0";
     fs::create_directories(point);
-    if (mount("dead", point.c_str(), "fuse", 0, options.c_str()) != 0) {
-        close(device);
-        return -1;
-    }
-    return device;
+    const bool mounted = mount("dead", point.c_str(), "fuse", 0, options.c_str()) == 0;
+    return mounted ? device.release() : -1;
 }
 
 static bool has_thread(const std::string& name) {
@@ -403,7 +357,7 @@ static bool has_thread(const std::string& name) {
 /* Neither the start, nor the drives, nor the end wait for a folder that does not answer. */
 TEST_F(drives, do_not_wait_for_a_dead_share) {
     port port;
-    const std::string share = port.base.path + "/share";
+    const std::string share = port.folder.path + "/share";
     vel_fd device(mount_dead_share(share));
     if (device.value < 0) {
         GTEST_SKIP() << "no FUSE";
@@ -412,7 +366,7 @@ TEST_F(drives, do_not_wait_for_a_dead_share) {
     open_port(&port, {{"folders", share + "/Music"}});
     stick_plug(image, port.place + "/a");
     EXPECT_EQ(wait_at(port.place + "/a").name, "MUSIC");
-    close_port(&port);
+    close_library(&port);
     EXPECT_TRUE(has_thread("files-folders")) << "it is left behind";
     close(device.release());
     while (has_thread("files-folders")) {
@@ -426,20 +380,16 @@ TEST_F(drives, do_not_wait_for_a_dead_share) {
 TEST_F(drives, survive_being_plugged_and_pulled_quickly) {
     port port;
     const std::string image = make_stick(port, "ext4", "MUSIC");
+    const std::string point = port.place + "/0";
     for (int round = 0; round < 5; ++round) {
         open_port(&port);
-        for (int i = 0; i < 4 + round % 2; ++i) {
-            const std::string point = port.place + '/' + std::to_string(i % 2);
-            if (i % 2 == 0) {
-                stick_plug(image, point);
-            } else {
-                stick_pull(port.place + "/0");
-            }
-        }
+        stick_plug(image, point);
+        stick_pull(point);
+        stick_plug(image, point);
         if (round % 2 == 1) {
-            wait_at(port.place + "/0");
-            stick_pull(port.place + "/0");
+            wait_at(point);
         }
-        close_port(&port);
+        stick_pull(point);
+        close_library(&port);
     }
 }

@@ -1,7 +1,10 @@
 /* A small host for the plug-in. */
 #include "host.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <ctime>
 
 #include <dlfcn.h>
@@ -10,88 +13,148 @@
 
 #include "media_files.h"
 
-static constexpr time_t WAIT_SECONDS = 300;
+static constexpr time_t WAIT_SECONDS = 200;
 
 vel_mutex host_player_lock;
 
 static vel_mutex record_lock;
 static pthread_cond_t record_changed = PTHREAD_COND_INITIALIZER;
-static std::vector<host_event> events VEL_GUARDED_BY(record_lock);
-static std::vector<host_source> sources VEL_GUARDED_BY(record_lock);
-static std::map<int32_t, host_source> now_connected VEL_GUARDED_BY(record_lock);
-static int32_t begun VEL_GUARDED_BY(record_lock);
+static host_record record VEL_GUARDED_BY(record_lock);
 
-static vel_mutex hooks_lock; /* held during the call */
-static std::function<void(int32_t)> on_connected VEL_GUARDED_BY(hooks_lock);
-static std::function<void(int32_t)> on_disconnected VEL_GUARDED_BY(hooks_lock);
+static vel_mutex hook_lock; /* held during the call */
+static std::function<void(int32_t)> on_source VEL_GUARDED_BY(hook_lock);
 static std::function<void(const host_event&)> on_track VEL_GUARDED_BY(host_player_lock);
 
-static std::string library_path = FILES_PLUGIN;
 static void* library;
 static const lyrp_api* table;
 
+/* --- the record ----------------------------------------------------------------------------- */
+
+static void change(const std::function<void()>& how) {
+    vel_lock_guard hold(record_lock);
+    how();
+    pthread_cond_broadcast(&record_changed);
+}
+
+host_record host_now() {
+    vel_lock_guard hold(record_lock);
+    return record;
+}
+
+bool host_wait(const std::function<bool(const host_record&)>& enough) {
+    timespec limit = {};
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += WAIT_SECONDS;
+    vel_lock_guard hold(record_lock);
+    while (!enough(record)) {
+        if (pthread_cond_timedwait(&record_changed, &record_lock.native, &limit) == ETIMEDOUT) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool host_wait_sources(size_t count) {
+    return host_wait([count](const host_record& now) { return now.connected.size() == count; });
+}
+
+bool host_wait_begun(int32_t before) {
+    return host_wait([before](const host_record& now) { return now.begun > before; });
+}
+
+void host_forget() {
+    change([] { record.events.clear(); });
+}
+
+static int32_t count_events(const host_record& now, host_event::what kind, int32_t least,
+                            int32_t most) {
+    return static_cast<int32_t>(
+        std::count_if(now.events.begin(), now.events.end(), [=](const host_event& event) {
+            return event.kind == kind && event.value >= least && event.value <= most;
+        }));
+}
+
+int32_t host_events(host_event::what kind, int32_t least, int32_t most) {
+    return count_events(host_now(), kind, least, most);
+}
+
+bool host_wait_event(host_event::what kind, int32_t least, int32_t most) {
+    return host_wait(
+        [=](const host_record& now) { return count_events(now, kind, least, most) > 0; });
+}
+
+static int32_t count_lines(const host_record& now, const std::string& text) {
+    return static_cast<int32_t>(
+        std::count_if(now.lines.begin(), now.lines.end(), [&text](const std::string& line) {
+            return line.find(text) != std::string::npos;
+        }));
+}
+
+int32_t host_log_count(const std::string& text) {
+    return count_lines(host_now(), text);
+}
+
+bool host_log_wait(const std::string& text, int32_t least) {
+    return host_wait([&](const host_record& now) { return count_lines(now, text) >= least; });
+}
+
+void host_on_source(std::function<void(int32_t)> call) {
+    vel_lock_guard hold(hook_lock);
+    on_source = std::move(call);
+}
+
+void host_on_track(std::function<void(const host_event&)> call) {
+    vel_lock_guard player(host_player_lock);
+    on_track = std::move(call);
+}
+
 /* --- callbacks ------------------------------------------------------------------------------ */
+
+/* What the plug-in finds in the place of the service's log. */
+extern "C" int32_t msglog(int32_t level, const char* format, ...) noexcept {
+    char line[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    std::fprintf(stderr, "%d %s\n", level, line);
+    change([&line] { record.lines.emplace_back(line); });
+    return 0;
+}
+
+static void call_on_source(int32_t id) {
+    vel_lock_guard hold(hook_lock);
+    if (on_source) {
+        on_source(id);
+    }
+}
 
 static int32_t connected(int32_t, const char* uid, const char* name, const char* view_name,
                          int32_t type, uint64_t capabilities, int32_t) noexcept {
-    host_source source = {0, uid, name, view_name, type, capabilities, 0};
-    {
-        vel_lock_guard hold(record_lock);
-        source.id = static_cast<int32_t>(sources.size());
-        for (const host_source& known : sources) {
-            if (known.uid == uid) {
-                source.id = known.id;
-            }
-        }
-        source.report = sources.size();
-        sources.push_back(source);
-    }
-    {
-        vel_lock_guard hold(hooks_lock);
-        if (on_connected) {
-            on_connected(source.id);
-        }
-    }
-    vel_lock_guard hold(record_lock);
-    now_connected[source.id] = source;
-    pthread_cond_broadcast(&record_changed);
+    host_source source = {0, uid, name, view_name, type, capabilities};
+    change([&source] {
+        const auto known =
+            std::find_if(record.sources.begin(), record.sources.end(),
+                         [&source](const host_source& each) { return each.uid == source.uid; });
+        source.id =
+            known != record.sources.end() ? known->id : static_cast<int32_t>(record.sources.size());
+        record.sources.push_back(source);
+    });
+    call_on_source(source.id);
+    change([&source] { record.connected[source.id] = source; });
     return source.id;
 }
 
 static int32_t disconnected(int32_t id) noexcept {
-    {
-        vel_lock_guard hold(hooks_lock);
-        if (on_disconnected) {
-            on_disconnected(id);
-        }
-    }
-    vel_lock_guard hold(record_lock);
-    EXPECT_EQ(now_connected.erase(id), 1U) << "it was not connected";
-    pthread_cond_broadcast(&record_changed);
+    call_on_source(id);
+    change([id] { EXPECT_EQ(record.connected.erase(id), 1U) << "it was not connected"; });
     return 0;
-}
-
-static int32_t status_changed(int32_t, int32_t) noexcept {
-    return 0;
-}
-static int32_t capability_changed(int32_t, uint64_t) noexcept {
-    return 0;
-}
-
-static void begin() {
-    vel_lock_guard hold(record_lock);
-    ++begun;
-    pthread_cond_broadcast(&record_changed);
 }
 
 static int32_t add(const host_event& event) {
-    begin();
+    change([] { ++record.begun; });
     vel_lock_guard player(host_player_lock);
-    {
-        vel_lock_guard hold(record_lock);
-        events.push_back(event);
-        pthread_cond_broadcast(&record_changed);
-    }
+    change([&event] { record.events.push_back(event); });
     if (on_track && event.kind != host_event::position) {
         on_track(event);
     }
@@ -104,35 +167,21 @@ static int32_t position_updated(void* session, void* data, int32_t position) noe
 static int32_t track_finished(void* session, void* data) noexcept {
     return add({host_event::finished, session, data, 0});
 }
-static int32_t track_changed(void*, void*, const medianode*) noexcept {
-    return -1;
-}
-static int32_t state_updated(void*, void*, const lyr_playback_state*) noexcept {
-    return -1;
-}
 static int32_t play_error(void* session, void* data, int32_t error) noexcept {
     return add({host_event::error, session, data, error});
 }
-static int32_t browse_error(void*, void*) noexcept {
-    return -1;
-}
-
+/* This plug-in has no use for the others. */
 static const lyrane_internal_callbacks_table callbacks = {
-    connected,      disconnected,  status_changed, capability_changed, position_updated,
-    track_finished, track_changed, state_updated,  play_error,         browse_error,
+    connected,      disconnected, nullptr, nullptr,    position_updated,
+    track_finished, nullptr,      nullptr, play_error, nullptr,
 };
 
 /* --- loading -------------------------------------------------------------------------------- */
 
-const lyrp_api* host_start(const std::map<std::string, std::string>& settings) {
-    host_forget();
-    {
-        vel_lock_guard hold(record_lock);
-        sources.clear();
-        now_connected.clear();
-        begun = 0;
-    }
-    library = dlopen(library_path.c_str(), RTLD_NOW | RTLD_LOCAL);
+const lyrp_api* host_start(const std::map<std::string, std::string>& settings,
+                           const std::string& plugin) {
+    change([] { record = host_record{}; });
+    library = dlopen(plugin.empty() ? FILES_PLUGIN : plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         ADD_FAILURE() << dlerror();
         std::abort();
@@ -152,99 +201,13 @@ const lyrp_api* host_start(const std::map<std::string, std::string>& settings) {
     return table;
 }
 
-void host_use(const char* plugin) {
-    library_path = plugin != nullptr ? plugin : FILES_PLUGIN;
-}
-
 void host_stop() {
+    if (library == nullptr) {
+        return;
+    }
     EXPECT_EQ(table->cleanup(), 0);
     EXPECT_EQ(dlclose(library), 0);
-    host_on_connected(nullptr);
-    host_on_disconnected(nullptr);
+    library = nullptr;
+    host_on_source(nullptr);
     host_on_track(nullptr);
-}
-
-void host_on_connected(std::function<void(int32_t)> call) {
-    vel_lock_guard hold(hooks_lock);
-    on_connected = std::move(call);
-}
-void host_on_disconnected(std::function<void(int32_t)> call) {
-    vel_lock_guard hold(hooks_lock);
-    on_disconnected = std::move(call);
-}
-void host_on_track(std::function<void(const host_event&)> call) {
-    vel_lock_guard player(host_player_lock);
-    on_track = std::move(call);
-}
-
-/* --- the record ----------------------------------------------------------------------------- */
-
-/* Waits for a change of the record; false when the time is up. */
-static bool wait_change(const timespec& limit) VEL_REQUIRES(record_lock) {
-    return pthread_cond_timedwait(&record_changed, &record_lock.native, &limit) != ETIMEDOUT;
-}
-
-static timespec wait_limit() {
-    timespec limit = {};
-    clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += WAIT_SECONDS;
-    return limit;
-}
-
-std::vector<host_source> host_sources() {
-    vel_lock_guard hold(record_lock);
-    return sources;
-}
-
-std::vector<host_event> host_events() {
-    vel_lock_guard hold(record_lock);
-    return events;
-}
-
-void host_forget() {
-    vel_lock_guard hold(record_lock);
-    events.clear();
-}
-
-std::map<int32_t, host_source> host_connected() {
-    vel_lock_guard hold(record_lock);
-    return now_connected;
-}
-
-bool host_wait_connected(const std::function<bool(const std::map<int32_t, host_source>&)>& enough) {
-    const timespec limit = wait_limit();
-    vel_lock_guard hold(record_lock);
-    while (!enough(now_connected)) {
-        if (!wait_change(limit)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-int32_t host_begun() {
-    vel_lock_guard hold(record_lock);
-    return begun;
-}
-
-bool host_wait(const std::function<bool(const std::vector<host_event>&)>& enough) {
-    const timespec limit = wait_limit();
-    vel_lock_guard hold(record_lock);
-    while (!enough(events)) {
-        if (!wait_change(limit)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool host_wait_begun(int32_t least) {
-    const timespec limit = wait_limit();
-    vel_lock_guard hold(record_lock);
-    while (begun < least) {
-        if (!wait_change(limit)) {
-            return false;
-        }
-    }
-    return true;
 }

@@ -16,24 +16,27 @@ struct temporary_folder {
 };
 
 /* Runs a program; a test failure when it cannot be run or does not end with 0. */
-void run_tool(const std::vector<std::string>& words);
+void run_tool(std::vector<std::string> words);
 
 /* Writes a file with this content, and the folders on the way to it. */
 void write_file(const std::string& path, const std::string& content);
 
-/* A tone in a WAV file: mono, 16 bits, 44100 Hz. */
-void write_tone(const std::string& path, double hertz, int32_t milliseconds);
-
-/* A tone encoded by the ending of the path (flac, ogg, mp3, or whatever ffmpeg knows), with tags
- * as "NAME=value" words where the encoder takes them: title, artist, album, genre, date, track,
- * disc. */
+/* A tone of one channel at 44100 Hz, encoded by the ending of the path with the tags that ffmpeg
+ * takes, as "name=value"; mkv is a video. */
 void make_track(const std::string& path, double hertz, int32_t milliseconds,
                 const std::vector<std::string>& tags = {});
+
+/* A part of an ID3 tag, and a whole tag of such parts. */
+std::string id3_frame(const std::string& name, const std::string& body);
+std::string id3_tag(const std::string& frames);
 
 /* A file with these tags and a moment of nothing, for an ending of mp3: title, artist, album, genre
  * in UTF-8; quickly made. */
 std::string tagged_file(const std::string& title, const std::string& artist = "",
                         const std::string& album = "", const std::string& genre = "");
+
+/* All bytes of a file. */
+std::string file_content(const std::string& path);
 
 /* The samples of a WAV file of 16 bits and one channel; its header may say that it is longer. */
 std::vector<int16_t> read_wav(const std::string& path);

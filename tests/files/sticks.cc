@@ -25,72 +25,47 @@ namespace fs = std::filesystem;
 static constexpr unsigned long SHUT_DOWN = _IOR('X', 125, uint32_t);
 static constexpr uint32_t WITHOUT_FLUSHING = 2;
 
-/* Why there is no namespace of our own. */
-static const std::string& enter_namespace() {
-    static const std::string why = [] {
-        if (geteuid() != 0) {
-            return std::string("only root can mount");
-        }
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            return std::string("no mount namespace: ") + strerror(errno); // NOLINT
-        }
-        return std::string();
-    }();
-    return why;
+/* The command that makes a file system, without its label and the file. */
+static std::string make_command(const std::string& type) {
+    return type == "ext4"   ? "mkfs.ext4 -q -F -O ^has_journal "
+           : type == "ntfs" ? "mkfs.ntfs -q -F -s512 -p0 -S63 -H16 "
+                            : "mkfs." + type + ' ';
 }
 
-/* How a file system is made, without its label and the file. */
-static std::vector<std::string> make_words(const std::string& type) {
-    if (type == "ext4") {
-        return {"mkfs.ext4", "-q", "-F", "-O", "^has_journal"};
-    }
-    return type == "ntfs"
-               ? std::vector<std::string>{"mkfs.ntfs", "-q", "-F", "-s512", "-p0", "-S63", "-H16"}
-               : std::vector<std::string>{"mkfs." + type};
+/* A file of a size for a file system. */
+static void make_image(const std::string& image, uintmax_t size) {
+    std::ofstream(image).close();
+    fs::resize_file(image, size);
 }
 
-/* Why a small drive of a kind cannot be made and mounted. */
-static std::string try_out(const std::string& type) {
+/* True when a small drive of a kind can be made and mounted. */
+static bool try_out(const std::string& type) {
     const temporary_folder folder;
     const std::string image = folder.path + "/image";
-    std::ofstream(image).close();
-    fs::resize_file(image, 4 << 20);
-    const auto runs = [](const std::string& command) {
-        return std::system((command + " >/dev/null 2>&1").c_str()) == 0; // NOLINT: our own words
-    };
-    std::string make;
-    for (const std::string& word : make_words(type)) {
-        make += word + ' ';
-    }
-    if (!runs(make + image)) {
-        return "no mkfs." + type;
-    }
-    if (!runs("mount -o loop " + image + ' ' + folder.path)) {
-        return "cannot mount " + type + " through a loop device";
-    }
+    make_image(image, 4 << 20);
+    const std::string command = '(' + make_command(type) + image + " && mount -o loop " + image +
+                                ' ' + folder.path + ") >/dev/null 2>&1";
+    const bool works = std::system(command.c_str()) == 0; // NOLINT: our own words
     umount(folder.path.c_str());
-    return {};
+    return works;
 }
 
 std::string sticks_missing(const std::string& type) {
-    if (!enter_namespace().empty()) {
-        return enter_namespace();
+    static const bool entered =
+        unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    if (!entered) {
+        return "only root can mount, in a namespace of the program's own";
     }
-    static std::map<std::string, std::string> tried;
+    static std::map<std::string, bool> tried;
     const auto [entry, fresh] = tried.try_emplace(type);
-    if (fresh) {
-        entry->second = try_out(type);
-    }
-    return entry->second;
+    entry->second = fresh ? try_out(type) : entry->second;
+    return entry->second ? "" : "no mkfs." + type + ", or no mounting it through a loop device";
 }
 
 void stick_make(const std::string& image, const std::string& type, const std::string& label) {
-    std::ofstream(image).close();
-    fs::resize_file(image, 24 << 20);
-    std::vector<std::string> words = make_words(type);
-    words.insert(words.end(), {type == "vfat" ? "-n" : "-L", label, image});
-    run_tool(words);
+    make_image(image, 24 << 20);
+    run_tool(
+        {"sh", "-c", make_command(type) + (type == "vfat" ? "-n " : "-L ") + label + ' ' + image});
     if (type == "ntfs") {
         /* Its serial number is of the second in which it was made. */
         std::fstream boot(image, std::ios::in | std::ios::out | std::ios::binary);

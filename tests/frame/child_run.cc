@@ -51,8 +51,8 @@ std::string read_whole_file(const std::string& path) {
 }
 
 /* "4 program: text" becomes "4 text". */
-static std::string without_program(const std::string& log, const char* program) {
-    const std::string prefix = std::string(" ") + program + ": ";
+static std::string without_program(const std::string& log) {
+    const std::string prefix = std::string(" ") + msglog_program() + ": ";
     std::istringstream lines(log);
     std::string result;
     for (std::string line; std::getline(lines, line);) {
@@ -62,7 +62,7 @@ static std::string without_program(const std::string& log, const char* program) 
     return result;
 }
 
-child_outcome child_run(const std::function<void()>& body, const char* program) {
+child_outcome child_run(const std::function<void()>& body) {
     static std::atomic<int> serial{0};
     const std::string base = scratch_folder() + "/child" + std::to_string(serial++);
     fflush(nullptr); /* else the child writes it too */
@@ -80,7 +80,5 @@ child_outcome child_run(const std::function<void()>& body, const char* program) 
     }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
             WIFSIGNALED(status) ? WTERMSIG(status) : 0,
-            without_program(read_whole_file(base + ".log"),
-                            program != nullptr ? program : msglog_program()),
-            read_whole_file(base + ".err")};
+            without_program(read_whole_file(base + ".log")), read_whole_file(base + ".err")};
 }

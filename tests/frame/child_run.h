@@ -13,9 +13,8 @@ struct child_outcome {
     std::string err; /* standard error, raw */
 };
 
-/* Runs `body` in a child; when it returns, the child exits with 0. `program` is the name that its
- * lines begin with; null: this program's. */
-child_outcome child_run(const std::function<void()>& body, const char* program = nullptr);
+/* Runs `body` in a child; when it returns, the child exits with 0. */
+child_outcome child_run(const std::function<void()>& body);
 
 /* A file with a content, below the test's scratch folder; removed when the test program ends. */
 std::string scratch_file(const std::string& name, const std::string& content);

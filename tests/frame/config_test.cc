@@ -38,49 +38,46 @@ std::string config_with(const std::string& player, const std::string& plugins) {
     return "{\"player\":{" + player + "},\"plugins\":" + plugins + "}";
 }
 
+/* What a configuration makes of settings that were there before it. */
 struct loaded {
-    control_block control;
-    std::string plugins;
+    explicit loaded(const std::string& text, int32_t lastmode = 0) {
+        plugins_loaded.clear();
+        control.lastmode = lastmode;
+        control.lastmode_timeout = 5;
+        control.lastmode_max_try = 5;
+        control.lastmode_devices = 1;
+        EXPECT_EQ(load_config(&control, scratch_file("cfg", text).c_str()), 0);
+        player = control.player_cfg;
+    }
+    ~loaded() {
+        free(player->audio_output);
+        free(player->video_output);
+        free(player);
+    }
+    control_block control = {};
+    player_cfg* player;
+    std::string& plugins = plugins_loaded;
 };
 
-loaded load(const std::string& text, int32_t lastmode = 0) {
-    loaded result = {};
-    plugins_loaded.clear();
-    result.control.lastmode = lastmode;
-    result.control.lastmode_timeout = 5;
-    result.control.lastmode_max_try = 5;
-    result.control.lastmode_devices = 1;
-    EXPECT_EQ(load_config(&result.control, scratch_file("cfg", text).c_str()), 0);
-    result.plugins = plugins_loaded;
-    return result;
-}
-
-void forget(loaded& result) {
-    free(result.control.player_cfg->audio_output);
-    free(result.control.player_cfg->video_output);
-    free(result.control.player_cfg);
-}
-
 TEST(config, player_settings_and_plugins_in_the_order_of_the_file) {
-    loaded result =
-        load("# a comment\n"
-             "  \t # an indented one\n"
-             "{ \"other\": [1, {}],\r\n"
-             "  \"player\": {" +
-             std::string(PLAYER) +
-             ", \"more\": 1 },\n\n"
-             "  \"plugins\": { \"z.so\": {\"x\": \"1\", \"n\": 2, \"audio_output\": \"own\"},\n"
-             "                 \"a.so\": {}, \"\": {\"y\": \"\\u00e4\"} } }");
-    EXPECT_STREQ(result.control.player_cfg->audio_output, "a");
-    EXPECT_STREQ(result.control.player_cfg->video_output, "v");
-    EXPECT_EQ(result.control.player_cfg->update_interval, 250);
-    EXPECT_EQ(result.control.player_cfg->progression_mode, 0);
-    EXPECT_EQ(result.control.player_cfg->recursion_depth, 7);
+    const loaded result(
+        "# a comment\n"
+        "  \t # an indented one\n"
+        "{ \"other\": [1, {}],\r\n"
+        "  \"player\": {" +
+        std::string(PLAYER) +
+        ", \"more\": 1 },\n\n"
+        "  \"plugins\": { \"z.so\": {\"x\": \"1\", \"n\": 2, \"audio_output\": \"own\"},\n"
+        "                 \"a.so\": {}, \"\": {\"y\": \"\\u00e4\"} } }");
+    EXPECT_STREQ(result.player->audio_output, "a");
+    EXPECT_STREQ(result.player->video_output, "v");
+    EXPECT_EQ(result.player->update_interval, 250);
+    EXPECT_EQ(result.player->progression_mode, 0);
+    EXPECT_EQ(result.player->recursion_depth, 7);
     EXPECT_EQ(result.plugins,
               std::string("z.so{audio_output=own,video_output=v,update_interval=250,"
                           "progression_mode=rosp,recursion_depth=7,x=1,}a.so{") +
                   PLAYER_TEXT + "}{" + PLAYER_TEXT + "y=\xc3\xa4,}");
-    forget(result);
 }
 
 TEST(config, numbers_and_words_of_the_player) {
@@ -99,14 +96,13 @@ TEST(config, numbers_and_words_of_the_player) {
         {"", "x", "7", 0, 1, 7},
     };
     for (const auto& c : cases) {
-        loaded result = load(config_with(
+        const loaded result(config_with(
             std::string(R"("audio_output":"","video_output":"","update_interval":")") + c.interval +
                 R"(","progression_mode":")" + c.mode + R"(","recursion_depth":")" + c.depth + "\"",
             "{}"));
-        EXPECT_EQ(result.control.player_cfg->update_interval, c.interval_value) << c.interval;
-        EXPECT_EQ(result.control.player_cfg->progression_mode, c.mode_value) << c.mode;
-        EXPECT_EQ(result.control.player_cfg->recursion_depth, c.depth_value) << c.depth;
-        forget(result);
+        EXPECT_EQ(result.player->update_interval, c.interval_value) << c.interval;
+        EXPECT_EQ(result.player->progression_mode, c.mode_value) << c.mode;
+        EXPECT_EQ(result.player->recursion_depth, c.depth_value) << c.depth;
     }
 }
 
@@ -120,21 +116,18 @@ TEST(config, last_mode_settings) {
     } cases[] = {
         {R"({"timeout":"9","max_try":"8","device_type":["USB"]})", 0, 5, 5, 0x1},
         {R"({"timeout":"9","max_try":"-8","device_type":["usb","Dlna","tape"]})", 1, 9, -8, 0x102},
-        {R"({})", 1, 5, 5, 0x1},
-        {R"({"device_type":[]})", 1, 5, 5, 0},
         {R"({"device_type":["HDD","IPOD","MTP",7,"USB"]})", 1, 5, 5, 0x10011},
         {R"({"timeout":9,"max_try":null,"device_type":"USB"})", 1, 5, 5, 0x1},
         {R"(["timeout"])", 1, 5, 5, 0x1},
     };
     for (const auto& c : cases) {
-        loaded result =
-            load(config_with(std::string(PLAYER) + ",\"lastmode_audio\":" + c.object, "{\"p\":{}}"),
-                 c.enabled);
+        const loaded result(
+            config_with(std::string(PLAYER) + ",\"lastmode_audio\":" + c.object, "{\"p\":{}}"),
+            c.enabled);
         EXPECT_EQ(result.control.lastmode_timeout, c.timeout) << c.object;
         EXPECT_EQ(result.control.lastmode_max_try, c.max_try) << c.object;
         EXPECT_EQ(result.control.lastmode_devices, c.devices) << c.object;
         EXPECT_EQ(result.plugins, std::string("p{") + PLAYER_TEXT + "}");
-        forget(result);
     }
 }
 
@@ -152,17 +145,8 @@ std::string fatal_line(const child_outcome& outcome) {
     return outcome.log.substr(start == std::string::npos ? 0 : start + 1);
 }
 
-TEST(config, a_file_that_cannot_be_read) {
-    const std::string folder = scratch_folder() + "/folder";
-    mkdir(folder.c_str(), 0700);
-    for (const std::string& path : {scratch_folder() + "/none", folder}) {
-        const child_outcome outcome = load_in_child(path);
-        EXPECT_EQ(outcome.exit_status, 1);
-        EXPECT_EQ(fatal_line(outcome), "2 Cannot load configuration file\n") << path;
-    }
-}
-
 TEST(config, what_is_missing_is_named) {
+    EXPECT_EQ(fatal_line(load_in_child(scratch_folder())), "2 Cannot load configuration file\n");
     const std::string without_depth = R"("audio_output":"a","video_output":"v",)"
                                       R"("update_interval":"250","progression_mode":"x")";
     const struct {
@@ -170,20 +154,14 @@ TEST(config, what_is_missing_is_named) {
         const char* node;
     } cases[] = {
         {"1", "root node"},
-        {"\"text\"", "root node"},
-        {"null", "root node"},
         {"{}", "player node"},
-        {"[1]", "player node"},
         {R"({"player":"x","plugins":{}})", "player node"},
-        {R"({"player":[],"plugins":{}})", "player node"},
         {config_with(without_depth, "{}"), "player node"},
         {config_with(without_depth + R"(,"recursion_depth":7)", "{}"), "player node"},
         {config_with(without_depth + R"(,"recursion_depth":"7\u0000")", "{}"), "player node"},
         {"{\"player\":{" + std::string(PLAYER) + "}}", "plugins node"},
         {config_with(PLAYER, "[]"), "plugins node"},
-        {config_with(PLAYER, "\"x\""), "plugins node"},
         {config_with(PLAYER, R"({"a.so":{},"b.so":"x"})"), "plugins node"},
-        {config_with(PLAYER, R"({"a.so":["x"]})"), "plugins node"},
     };
     for (const auto& c : cases) {
         const child_outcome outcome = load_in_child(scratch_file("cfg", c.text));
@@ -205,7 +183,6 @@ TEST(config, broken_json_is_shown_whole_and_its_place_in_the_file_told) {
         {"# one\n\n  {\n    \"a\" 1}\n", ":4:9: ", "{\\x0A\"a\" 1}\\x0A"},
         {"{ # remark\n}\n", ":1:3: ", "{ # remark\\x0A}\\x0A"},
         {"# nothing\n", nullptr, ""},
-        {"", nullptr, ""},
         {"{\"a\":\"\xff\"}", ":1:7: ", "{\"a\":\"\xff\"}"},
         {"\n{}\n" + long_line + "  x", ":3:2050: ", "{}\\x0Ax"},
     };
@@ -223,24 +200,17 @@ TEST(config, broken_json_is_shown_whole_and_its_place_in_the_file_told) {
 }
 
 TEST(config, oddities_are_told_and_survived) {
-    const child_outcome outcome = child_run([] {
-        plugins_loaded.clear();
-        control_block control = {};
-        load_config(&control,
-                    scratch_file("cfg2", config_with(std::string(PLAYER) + R"(,"audio_output":"b")",
-                                                     R"({"p":{"n":1,"o":{"x":"y"},"s":"t"}})"))
-                        .c_str());
-        _exit(plugins_loaded.rfind("p{audio_output=b,", 0) == 0 &&
-                      plugins_loaded.find(",s=t,}") != std::string::npos
-                  ? 0
-                  : 1);
-    });
+    const std::string text = config_with(std::string(PLAYER) + R"(,"audio_output":"b")",
+                                         R"({"p":{"n":1,"o":{"x":"y"},"s":"t"}})");
+    EXPECT_EQ(loaded(text).plugins.rfind("p{audio_output=b,", 0), 0u);
+    const child_outcome outcome = load_in_child(scratch_file("cfg", text));
     EXPECT_EQ(outcome.exit_status, 0);
-    EXPECT_EQ(outcome.log, "3 " + scratch_folder() +
-                               "/cfg2: \"player.audio_output\" is given more than once, the last "
-                               "one counts\n"
-                               "3 plug-in p: setting n is not a string, skipped\n"
-                               "3 plug-in p: setting o is not a string, skipped\n");
+    EXPECT_EQ(outcome.log,
+              "3 " + scratch_folder() +
+                  "/cfg: \"player.audio_output\" is given more than once, the last one "
+                  "counts\n"
+                  "3 plug-in p: setting n is not a string, skipped\n"
+                  "3 plug-in p: setting o is not a string, skipped\n");
 }
 
 TEST(config_text, long_lines_come_in_pieces) {

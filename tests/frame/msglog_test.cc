@@ -39,24 +39,18 @@ TEST(msglog, the_echo_is_the_line_of_the_log) {
         msglog(4, "%s", "100%s\n\xff");
         msglog(5, "filtered");
         msglog(4, "%s", std::string(3000, 'x').c_str());
-    });
-    const std::string cut(static_cast<size_t>(MSGLOG_LINE_SIZE) - 1 - prefix.size(), 'x');
-    EXPECT_EQ(outcome.err, prefix + "100%s\n\xff\n" + prefix + cut + "\n");
-    EXPECT_EQ(outcome.log, "4 100%s\\x0A\xff\n4 " + cut + "\n");
-}
-
-TEST(msglog, a_program_name_of_any_length_fits) {
-    const child_outcome outcome = child_run([] {
         slog_close();
         setenv("VELORAN_SLOG", "file:/", 1);
-        static std::string name(4000, 'n');
+        static std::string name(4000, 'n'); /* a program's name of any length fits */
         program_invocation_short_name = name.data();
-        background = 0;
         msglog(4, "text");
         name.resize(1021);
         msglog(4, "text");
     });
-    EXPECT_EQ(outcome.err, std::string(1023, 'n') + "\n" + std::string(1021, 'n') + ": \n");
+    const std::string cut(static_cast<size_t>(MSGLOG_LINE_SIZE) - 1 - prefix.size(), 'x');
+    EXPECT_EQ(outcome.err, prefix + "100%s\n\xff\n" + prefix + cut + "\n" + std::string(1023, 'n') +
+                               "\n" + std::string(1021, 'n') + ": \n");
+    EXPECT_EQ(outcome.log, "4 100%s\\x0A\xff\n4 " + cut + "\n");
 }
 
 TEST(msglog, errno_stays_and_the_standard_output_is_flushed) {
@@ -93,12 +87,6 @@ TEST(msglog, a_standard_error_that_nobody_reads_or_has_does_not_stop_anything) {
                   msglog(4, "to nothing");
               }).exit_status,
               0);
-}
-
-TEST(msglog, error_numbers_have_texts) {
-    EXPECT_STREQ(msglog_error_text(ENOENT), "No such file or directory");
-    EXPECT_STREQ(msglog_error_text(-7), "Unknown error -7");
-    EXPECT_STREQ(msglog_error_text(99999), "Unknown error 99999");
 }
 
 } // namespace

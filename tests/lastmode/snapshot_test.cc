@@ -6,8 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "lastmode.h"
 #include "mediasource.h"
 #include "player_pin.h"
@@ -16,14 +14,14 @@
 #include "snapshot.h"
 #include "trksession.h"
 
-static constexpr uint64_t ALL = 0xF045F;
+namespace {
+
+using snapshots = player_test;
+using lastmode_threads = player_test;
 
 /* A copy outlives its session, tracks and all, and is not the same as what came after. */
-TEST(snapshot, keeps_what_it_copied) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "snapshot", ALL, "/|tracks:9");
-    player* player = rig_player(rig, "copied", source, "/", 4, -1);
-    rig_await_build(player);
+TEST_F(snapshots, keeps_what_it_copied) {
+    player* player = rig_player("copied", rig_source(rig, "snapshot", "/|tracks:9"), 4, -1);
     ASSERT_NE(player_open(&mmcontrol, "empty"), nullptr); /* nothing of it is saved */
     bool is_whole = false;
     snapshot before = snapshot_take(&mmcontrol, nullptr, &is_whole);
@@ -48,15 +46,11 @@ TEST(snapshot, keeps_what_it_copied) {
     EXPECT_FALSE(snapshot_same(&before, &again));
     snapshot_free(&again);
     snapshot_free(&before);
-    player_close(&mmcontrol, "copied");
-    player_close(&mmcontrol, "empty");
 }
 
 /* A player whose lock is held is copied as it was, or as it is when it was not there. */
-TEST(snapshot, passes_by_a_busy_player) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "busy", ALL, "/|tracks:9");
-    player* player = rig_player(rig, "busy", source, "/", 2, -1);
+TEST_F(snapshots, passes_by_a_busy_player) {
+    player* player = rig_player("busy", rig_source(rig, "busy", "/|tracks:9"), 2, -1);
     bool is_whole = false;
     snapshot before = snapshot_take(&mmcontrol, nullptr, &is_whole);
     vel_mutex_lock(&player->lock);
@@ -75,20 +69,10 @@ TEST(snapshot, passes_by_a_busy_player) {
     snapshot_free(&now);
     vel_mutex_unlock(&player->lock);
     snapshot_free(&before);
-    player_close(&mmcontrol, "busy");
-}
-
-TEST(lastmode_thread, says_what_it_lacks) {
-    player_rig& rig = rig_fresh();
-    EXPECT_EQ(lastmode_thread(nullptr), nullptr);
-    EXPECT_EQ(rig_logged(rig, "The user data to lastmode thread is NULL"), 1);
-    EXPECT_EQ(lastmode_thread(calloc(1, sizeof(player_state))), nullptr);
-    EXPECT_EQ(rig_logged(rig, "Invalid player associated with lastmode state"), 1);
 }
 
 /* A player that is opened for this, and its saved session of tracks of a source. */
-static player_state* saved_state(const char* name, int32_t source,
-                                 const std::vector<const char*>& ids) {
+player_state* saved_state(const char* name, int32_t source, const std::vector<const char*>& ids) {
     mmcontrol.lastmode_devices = LYR_MS_TYPE_HDD;
     mmcontrol.lastmode_timeout = 0; /* one look */
     const mediasource* saved = mediasource_by_id(&mmcontrol, source);
@@ -105,26 +89,8 @@ static player_state* saved_state(const char* name, int32_t source,
     return state;
 }
 
-TEST(lastmode_thread, leaves_the_id_of_the_source_to_the_plug_in) {
-    player_rig& rig = rig_fresh();
-    (void)rig_source(rig, "zero", ALL, "/|tracks:1");
-    const int32_t source = rig_source(rig, "given", ALL, "/|tracks:2");
-    ASSERT_NE(source, 0);
-    player_state* state = saved_state("given", source, {"/t0", "/unknown"});
-    player* player = state->player;
-    (void)lastmode_thread(state);
-    ASSERT_EQ(rig_tracks(player), "/t0 /unknown");
-    {
-        vel_lock_guard guard(player->trksession->lock);
-        EXPECT_EQ(player->trksession->tracks[0].ms_id, source);
-        EXPECT_EQ(player->trksession->tracks[1].ms_id, 0);
-    }
-    player_close(&mmcontrol, "given");
-}
-
-TEST(lastmode_thread, asks_again_only_for_a_session) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "back", ALL, "/|tracks:2");
+TEST_F(lastmode_threads, asks_again_only_for_a_session) {
+    const int32_t source = rig_source(rig, "back", "/|tracks:2");
     const struct {
         const char* rule;
         const char* tracks; /* what comes back */
@@ -148,19 +114,18 @@ TEST(lastmode_thread, asks_again_only_for_a_session) {
 }
 
 /* The state of a native mutex for which somebody waits. */
-static constexpr int CONTENDED = 2;
+constexpr int CONTENDED = 2;
 
 /* A source is there when everybody has been told, not before. */
-TEST(lastmode_thread, lets_the_event_of_a_source_end_first) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "late", ALL, "/|tracks:2");
+TEST_F(lastmode_threads, lets_the_event_of_a_source_end_first) {
+    const int32_t source = rig_source(rig, "late", "/|tracks:2");
     EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=late"), 0);
     player* busy = player_open(&mmcontrol, "busy");
     player_state* state = saved_state("back", source, {"/t0"});
     player* player = state->player;
     rig.log_start = std::filesystem::file_size(rig.log);
     vel_mutex_lock(&busy->lock);
-    const std::string ticket = fake_do(rig.fake, "event connected uid=late nowait=1");
+    const std::string ticket = rig_event(rig, "connected uid=late");
     while (mediasource_active(mediasource_by_id(&mmcontrol, source)) == 0) {
     }
     std::thread restoring(lastmode_thread, state);
@@ -171,9 +136,9 @@ TEST(lastmode_thread, lets_the_event_of_a_source_end_first) {
     }
     EXPECT_EQ(rig_logged(rig, "create browse session for ms"), 0);
     vel_mutex_unlock(&busy->lock);
-    EXPECT_EQ(fake_number(rig.fake, "join %s", ticket.c_str()), source);
+    EXPECT_EQ(rig_join(rig, ticket), source);
     restoring.join();
     EXPECT_EQ(rig_tracks(player), "/t0");
-    player_close(&mmcontrol, "back");
-    player_close(&mmcontrol, "busy");
 }
+
+} // namespace

@@ -3,21 +3,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <veloran/paths.h>
 
 const std::string& test_root() {
     static const std::string root = [] {
         char name[] = "/tmp/message-test-XXXXXX";
-        std::string made = mkdtemp(name);
-        static const std::string top = made;
+        static const std::string top = mkdtemp(name);
         atexit([] { std::filesystem::remove_all(top); });
         /* Deep enough that no socket address could hold a path below it. */
-        made += "/" + std::string(100, 'd');
+        const std::string made = top + "/" + std::string(100, 'd');
         setenv("VELORAN_RUN", made.c_str(), 1);
         return made;
     }();
@@ -25,13 +21,14 @@ const std::string& test_root() {
 }
 static const std::string& root_before_main = test_root();
 
+std::string test_folder() {
+    return test_root() + "/sys/csm/test";
+}
+
 namespace {
 
 void answer_size(channel_thread* server, int64_t rcvid, size_t size) {
-    std::vector<unsigned char> data(size);
-    for (size_t i = 0; i < size; ++i) {
-        data[i] = pattern(i);
-    }
+    std::string data = pattern(size);
     std::vector<iovec> pieces;
     const size_t step = size / 40 + 1;
     for (size_t at = 0; at < size; at += step) {
@@ -66,7 +63,7 @@ void count(channel_thread* server, std::atomic<int>* counter) {
 
 void run(channel_thread* server) {
     std::vector<char> buffer(70000);
-    while (!server->stop) {
+    while (!server->is_ending) {
         const iovec area{buffer.data(), buffer.size()};
         message_info info;
         const int64_t rcvid = message_receive(server->channel, &area, 1, &info);
@@ -86,28 +83,51 @@ void run(channel_thread* server) {
 
 } // namespace
 
-void channel_thread_start(channel_thread* server) {
-    server->channel = message_channel_create();
-    ASSERT_NE(server->channel, nullptr);
+channel_thread::channel_thread() : channel(message_channel_create()) {
+    EXPECT_EQ(attach(channel), 0);
+    thread = std::thread(run, this);
+}
+
+channel_thread::~channel_thread() {
+    stop();
+}
+
+void channel_thread::stop() {
+    if (thread.joinable()) {
+        is_ending = true;
+        message_wake(channel);
+        thread.join();
+        message_channel_destroy(channel);
+    }
+}
+
+void channel_thread::await(const std::atomic<int>& counter, int value) {
+    std::unique_lock<std::mutex> guard(lock);
+    changed.wait(guard, [&] { return counter >= value; });
+}
+
+test_client::test_client() {
+    EXPECT_EQ(message_connect(this, TEST_NAME), 0) << strerror(errno);
+}
+
+test_client::~test_client() {
+    message_disconnect(this);
+}
+
+int attach(message_channel* channel) {
     const int32_t lock = message_name_claim(TEST_NAME);
-    ASSERT_GE(lock, 0) << strerror(errno);
-    ASSERT_GE(message_name_attach(server->channel, TEST_NAME, lock, 0640, static_cast<uid_t>(-1),
-                                  static_cast<gid_t>(-1)),
-              0)
-        << strerror(errno);
-    server->thread = std::thread(run, server);
+    return lock >= 0 && message_name_attach(channel, TEST_NAME, lock, 0640, static_cast<uid_t>(-1),
+                                            static_cast<gid_t>(-1)) >= 0
+               ? 0
+               : errno;
 }
 
-void channel_thread_stop(channel_thread* server) {
-    server->stop = true;
-    message_wake(server->channel);
-    server->thread.join();
-    message_channel_destroy(server->channel);
-}
-
-void channel_thread_await(channel_thread* server, const std::atomic<int>& counter, int value) {
-    std::unique_lock<std::mutex> guard(server->lock);
-    server->changed.wait(guard, [&] { return counter >= value; });
+std::string pattern(size_t size) {
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        data[i] = static_cast<char>(i * 131 + i / 251);
+    }
+    return data;
 }
 
 std::string call(message_client* client, const std::string& text, size_t capacity, int32_t* status,
@@ -128,9 +148,4 @@ int plain_socket() {
     message_client client;
     EXPECT_EQ(message_connect(&client, TEST_NAME), 0) << strerror(errno);
     return client.fd;
-}
-
-int descriptor_count() {
-    const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return static_cast<int>(std::distance(begin(folder), end(folder)));
 }

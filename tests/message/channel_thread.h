@@ -7,38 +7,47 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <veloran/message.h>
 
 constexpr const char* TEST_NAME = "/sys/csm/test/default";
 
-/* Every program of these tests has a runtime root of its own, made before main. */
+/* Every program of these tests has a runtime root of its own, made before main; the folder of
+ * TEST_NAME. */
 const std::string& test_root();
+std::string test_folder();
 
+/* Serves TEST_NAME while it lives. A message "size N" is answered with N bytes of the pattern in
+ * many pieces, "event" takes the event channel (status: errno), any other message is answered with
+ * itself and the status 7, and then sends an event. */
 struct channel_thread {
     message_channel* channel = nullptr;
     std::thread thread;
-    std::atomic<bool> stop{false};
+    std::atomic<bool> is_ending{false};
     std::atomic<int> ended{0};    /* disconnect pulses */
     std::atomic<int> received{0}; /* messages */
     std::mutex lock;
     std::condition_variable changed;
+
+    channel_thread();
+    ~channel_thread();
+    /* Ends serving before the end of its life. */
+    void stop();
+    /* Waits until a counter has reached a value. */
+    void await(const std::atomic<int>& counter, int value);
 };
 
-/* Serves TEST_NAME. A message "size N" is answered with N bytes of a pattern in many pieces, "event
- * TEXT" takes the event channel and sends an event on it with each message (status: errno), any
- * other message with itself and the status 7. */
-void channel_thread_start(channel_thread* server);
-void channel_thread_stop(channel_thread* server);
+/* A client that is connected to TEST_NAME while it lives. */
+struct test_client : message_client {
+    test_client();
+    ~test_client();
+};
 
-/* Waits until a counter of the server has reached a value. */
-void channel_thread_await(channel_thread* server, const std::atomic<int>& counter, int value);
+/* Claims TEST_NAME and serves it with a channel: 0, or errno. */
+int attach(message_channel* channel);
 
-/* Byte `i` of the pattern. */
-inline unsigned char pattern(size_t i) {
-    return static_cast<unsigned char>(i * 131 + i / 251);
-}
+/* `size` bytes, each of which tells its place. */
+std::string pattern(size_t size);
 
 /* One call with text; the reply's text or "error N". */
 std::string call(message_client* client, const std::string& text, size_t capacity = 256,
@@ -46,8 +55,5 @@ std::string call(message_client* client, const std::string& text, size_t capacit
 
 /* A plain socket that is connected to TEST_NAME. */
 int plain_socket();
-
-/* Open descriptors of this process. */
-int descriptor_count();
 
 #endif

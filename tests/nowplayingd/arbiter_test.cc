@@ -9,14 +9,10 @@
 
 namespace {
 
-struct step {
-    const char* event;    /* what happens, and to whom */
-    const char* expected; /* what is told, in order */
-};
 struct script {
     const char* title;
     const char* policy; /* configuration file */
-    std::vector<step> steps;
+    const char* steps;  /* what happens, and to whom, and behind '>' what is told, in order */
 };
 
 /* a, b and c rank the same, h has a higher priority, n and x are of other kinds; "take" makes
@@ -71,149 +67,56 @@ std::string perform(arbiter* arbiter, const std::string& step) {
 }
 
 const script SCRIPTS[] = {
-    {"the last of equals wins, and the interrupted ones come back in reverse",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"acquire a", "grant a"},
-      {"acquire b", "revoke a, grant b"},
-      {"playing b", ""},
-      {"acquire c", "revoke b, grant c"},
-      {"playing c", ""},
-      {"stopped c", "play b"},
-      {"release c", ""},
-      {"playing b", ""},
-      {"leave b", "play a"}}},
-    {"who does not play when it loses the focus does not resume",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"paused a", ""},
-      {"take p", "revoke a"},
-      {"leave p", ""},
-      {"acquire b", "grant b"},
-      {"release b", ""}}},
-    {"a playing that crosses with the revoke is no claim, but gets a turn",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"acquire b", "revoke a, grant b"},
-      {"playing a", ""},
-      {"playing b", ""},
-      {"release b", "play a"}}},
-    {"the same when the focus is free again meanwhile",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"acquire b", "revoke a, grant b"},
-      {"release b", ""},
-      {"playing a", "play a"}}},
-    {"who plays in spite of the revoke is revoked again",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"acquire b", "revoke a, grant b"},
-      {"paused a", ""},
-      {"playing a", "revoke a"},
-      {"playing a", "revoke a"},
-      {"acquire a", "revoke b, grant a"}}},
-    {"who stops or gives up while it waits has no turn",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"acquire b", "revoke a, grant b"},
-      {"playing b", ""},
-      {"take p", "revoke b"},
-      {"stopped a", ""},
-      {"release b", ""},
-      {"leave p", ""}}},
-    {"players that played before the arbiter came: one goes on",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"acquire b", "revoke a, grant b"},
-      {"playing a", ""},
-      {"playing b", ""},
-      {"leave b", "play a"}}},
-    {"one that did not ask, on a free focus, against an equal and against a higher one",
-     "{}",
-     {{"playing a", ""},
-      {"playing b", "revoke a"},
-      {"take p", "revoke b"},
-      {"acquire c", "refuse c"},
-      {"playing c", "revoke c"},
-      {"leave p", "play c"},
-      {"playing c", ""},
-      {"release c", "play b"},
-      {"release b", "play a"}}},
-    {"a phone outranks all and hands back; a lower one is refused for good",
-     "{}",
-     {{"acquire h", "grant h"},
-      {"playing h", ""},
-      {"acquire a", "refuse a"},
-      {"acquire n", "revoke h, grant n"},
-      {"playing n", ""},
-      {"take p", "revoke n"},
-      {"guide g", "outranked"},
-      {"tell-play h", "outranked"},
-      {"leave p", "play n"},
-      {"release n", "play h"},
-      {"release h", ""}}},
-    {"who asks anew in vain and plays all the same is revoked",
-     "{}",
-     {{"acquire a", "grant a"},
-      {"take p", "revoke a"},
-      {"acquire a", "refuse a"},
-      {"playing a", "revoke a"},
-      {"leave p", "play a"}}},
-    {"an outsider ranks above all clients of its kind",
-     "{}",
-     {{"acquire x", "grant x"}, {"take p", "revoke x"}, {"acquire x", "refuse x"}}},
-    {"outsiders interrupt each other without a word",
-     "{}",
-     {{"take p", ""},
-      {"take q", ""},
-      {"acquire a", "refuse a"},
-      {"leave q", ""},
-      {"acquire a", "refuse a"},
-      {"leave p", ""},
-      {"acquire a", "grant a"}}},
-    {"a person's word counts as that of an equal that takes over",
-     R"({"equal": "refused"})",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"acquire b", "refuse b"},
-      {"tell-play b", "revoke a, play b"},
-      {"playing b", ""},
-      {"tell-pause a", "pause a"},
-      {"release b", ""},
-      {"tell-play a", "play a"},
-      {"tell-play a", "play a"}}},
+    {"the last of equals wins, and the interrupted ones come back in reverse", "{}",
+     "acquire a > grant a; playing a; acquire a > grant a; acquire b > revoke a, grant b; "
+     "playing b; acquire c > revoke b, grant c; playing c; stopped c > play b; release c; "
+     "playing b; leave b > play a"},
+    {"who does not play when it loses the focus does not resume", "{}",
+     "acquire a > grant a; playing a; paused a; take p > revoke a; leave p; "
+     "acquire b > grant b; release b"},
+    {"a playing that crosses with the revoke is no claim, but gets a turn", "{}",
+     "acquire a > grant a; acquire b > revoke a, grant b; playing a; playing b; "
+     "release b > play a"},
+    {"the same when the focus is free again meanwhile", "{}",
+     "acquire a > grant a; acquire b > revoke a, grant b; release b; playing a > play a"},
+    {"who plays in spite of the revoke is revoked again", "{}",
+     "acquire a > grant a; playing a; acquire b > revoke a, grant b; paused a; "
+     "playing a > revoke a; playing a > revoke a; acquire a > revoke b, grant a"},
+    {"who stops or gives up while it waits has no turn", "{}",
+     "acquire a > grant a; playing a; acquire b > revoke a, grant b; playing b; "
+     "take p > revoke b; stopped a; release b; leave p"},
+    {"players that played before the arbiter came: one goes on", "{}",
+     "acquire a > grant a; acquire b > revoke a, grant b; playing a; playing b; "
+     "leave b > play a"},
+    {"one that did not ask, on a free focus, against an equal and against a higher one", "{}",
+     "playing a; playing b > revoke a; take p > revoke b; acquire c > refuse c; "
+     "playing c > revoke c; leave p > play c; playing c; release c > play b; "
+     "release b > play a"},
+    {"a phone outranks all and hands back; a lower one is refused for good", "{}",
+     "acquire h > grant h; playing h; acquire a > refuse a; acquire n > revoke h, grant n; "
+     "playing n; take p > revoke n; guide g > outranked; tell-play h > outranked; "
+     "leave p > play n; release n > play h; release h"},
+    {"who asks anew in vain and plays all the same is revoked", "{}",
+     "acquire a > grant a; take p > revoke a; acquire a > refuse a; playing a > revoke a; "
+     "leave p > play a"},
+    {"an outsider ranks above all clients of its kind", "{}",
+     "acquire x > grant x; take p > revoke x; acquire x > refuse x"},
+    {"outsiders interrupt each other without a word", "{}",
+     "take p; take q; acquire a > refuse a; leave q; acquire a > refuse a; leave p; "
+     "acquire a > grant a"},
+    {"a person's word counts as that of an equal that takes over", R"({"equal": "refused"})",
+     "acquire a > grant a; playing a; acquire b > refuse b; tell-play b > revoke a, play b; "
+     "playing b; tell-pause a > pause a; release b; tell-play a > play a; tell-play a > play a"},
     {"who waits is told at once, and plays in order behind the interrupted ones",
      R"({"equal": "waits", "lower": "waits"})",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"acquire b", "refuse b"},
-      {"acquire c", "refuse c"},
-      {"acquire b", "refuse b"},
-      {"acquire h", "revoke a, grant h"},
-      {"release h", "play a"},
-      {"release a", "play b"},
-      {"release b", "play c"},
-      {"acquire b", "refuse b"},
-      {"paused b", ""},
-      {"release c", ""}}},
-    {"nobody resumes when the policy says so",
-     R"({"resume_equal": false,
+     "acquire a > grant a; playing a; acquire b > refuse b; acquire c > refuse c; "
+     "acquire b > refuse b; acquire h > revoke a, grant h; release h > play a; "
+     "release a > play b; release b > play c; acquire b > refuse b; paused b; release c"},
+    {"nobody resumes when the policy says so", R"({"resume_equal": false,
          "kinds": {"general": {"rank": 1}, "phone": {"rank": 2, "resume": false}}})",
-     {{"acquire a", "grant a"},
-      {"playing a", ""},
-      {"acquire b", "revoke a, grant b"},
-      {"playing b", ""},
-      {"take p", "revoke b"},
-      {"playing b", ""},
-      {"leave p", ""},
-      {"acquire b", "grant b"},
-      {"playing b", ""},
-      {"acquire h", "revoke b, grant h"},
-      {"release h", "play b"}}},
+     "acquire a > grant a; playing a; acquire b > revoke a, grant b; playing b; "
+     "take p > revoke b; playing b; leave p; acquire b > grant b; playing b; "
+     "acquire h > revoke b, grant h; release h > play b"},
 };
 
 } // namespace
@@ -225,9 +128,13 @@ TEST(Arbiter, Scripts) {
         std::string why;
         ASSERT_TRUE(policy_file_parse(script.policy, "test", &arbiter.rules, &why)) << why;
         populate(&arbiter);
-        for (size_t i = 0; i < script.steps.size(); i++) {
-            const step& step = script.steps[i];
-            EXPECT_EQ(perform(&arbiter, step.event), step.expected) << i << ": " << step.event;
+        std::string seen;
+        std::istringstream steps(script.steps);
+        for (std::string step; std::getline(steps, step, ';');) {
+            const std::string event = step.substr(0, step.find(" > "));
+            const std::string told = perform(&arbiter, event);
+            seen += (seen.empty() ? "" : ";") + event + (told.empty() ? "" : " > " + told);
         }
+        EXPECT_EQ(seen, script.steps);
     }
 }

@@ -46,13 +46,17 @@ TEST(Focus, PlayersTakeTurnsAndYieldToAPhone) {
     rig_ctl({"take", "phone"});
     await_status(daemon, "kitchen", "::paused");
     EXPECT_EQ(request_simple(bath, LYR_MSG_PLAY), -1);
+    const std::string told = rig_ctl({"status"}) + rig_run({"ctl", "play", "bath"}).out;
+    for (const char* part : {"holder:  phone (#", "waiting: kitchen (#", "outranks bath"}) {
+        EXPECT_NE(told.find(part), std::string::npos) << told;
+    }
     rig_ctl({"give-back", "phone"});
     await_status(daemon, "kitchen", "::playing");
     rig_ctl({"next", "kitchen"});
     EXPECT_TRUE(daemon_await_object(daemon, "kitchen", "track", "index", ":n:1"));
 
     /* What plays goes on without an arbiter, which finds it as it was when it is back. */
-    EXPECT_EQ(rig_end(arbiter, SIGKILL), 128 + SIGKILL);
+    EXPECT_EQ(program_end(arbiter, SIGKILL).status, 128 + SIGKILL);
     daemon_await_log(daemon, "player:kitchen monitorNowPlayingPPS: lost NowPlaying control file");
     await_status(daemon, "kitchen", "::playing");
     EXPECT_EQ(request_simple(bath, LYR_MSG_PLAY), 0);
@@ -68,6 +72,6 @@ TEST(Focus, PlayersTakeTurnsAndYieldToAPhone) {
     request_disconnect(bath);
     fake_close(disk);
     EXPECT_EQ(daemon_stop(daemon), 0);
-    EXPECT_EQ(rig_end(arbiter, SIGTERM), 0);
+    EXPECT_EQ(program_end(arbiter, SIGTERM).status, 0);
     daemon_remove(daemon);
 }

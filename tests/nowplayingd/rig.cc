@@ -1,21 +1,18 @@
 #include "rig.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <veloran/lock.h>
-#include <veloran/server_object.h>
-
 namespace {
+
+constexpr int RIG_LIMIT = 120000; /* ms that anything may take, sanitizers included */
 
 struct root {
     root() {
@@ -40,97 +37,38 @@ struct root {
 };
 const root run_root;
 
-bool await(int fd) {
-    pollfd entry = {fd, POLLIN, 0};
-    const bool came = poll(&entry, 1, RIG_LIMIT) > 0;
-    EXPECT_TRUE(came) << "nothing comes";
-    return came;
-}
-
-std::vector<std::string> words(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {NOWPLAYINGD_EXECUTABLE};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    return all;
-}
-
 } // namespace
 
-const std::string& rig_root() {
-    return run_root.path;
-}
-
-program_result rig_run(const std::vector<std::string>& arguments) {
-    program_result result = program_run(words(arguments));
+program_result rig_run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), NOWPLAYINGD_EXECUTABLE);
+    program_result result = program_run(arguments);
     result.out += result.err;
     return result;
 }
 
-std::string rig_ctl(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {"ctl"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    const program_result result = rig_run(all);
+std::string rig_ctl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "ctl");
+    const program_result result = rig_run(arguments);
     EXPECT_EQ(result.status, 0) << result.out;
     return result.out;
 }
 
-program rig_start(const std::vector<std::string>& arguments) {
-    const program arbiter = program_start(words(arguments));
+program rig_start() {
+    const program arbiter = program_start({NOWPLAYINGD_EXECUTABLE});
     EXPECT_EQ(rig_notice(), "READY=1");
     return arbiter;
 }
 
-int rig_end(program& arbiter, int signal) {
-    return program_end(arbiter, signal).status;
-}
-
 std::string rig_notice() {
     char bytes[256];
-    const ssize_t got = await(run_root.manager) ? read(run_root.manager, bytes, sizeof bytes) : 0;
+    rig_await(run_root.manager, POLLIN);
+    const ssize_t got = recv(run_root.manager, bytes, sizeof bytes, MSG_DONTWAIT);
     return std::string(bytes, static_cast<size_t>(std::max<ssize_t>(got, 0)));
 }
 
-int rig_client(const std::string& name, const std::string& kind) {
-    const char* path = "/pps/services/multimedia/mediaplayer/control?wait,delta";
-    int client = server_object_open(path);
-    while (client < 0 && errno == EAGAIN) { /* so many have come that it does not accept anybody */
-        sched_yield();
-        client = server_object_open(path);
-    }
-    EXPECT_GE(client, 0);
-    if (!name.empty()) {
-        rig_say(client, "msg::register\nid::1\ndat:json:{\"name\":\"" + name +
-                            "\",\"prio\":\"low\",\"audio\":\"" + kind +
-                            "\",\"overlay\":\"plain\"}");
-    }
-    return client;
-}
-
-void rig_say(int client, const std::string& text) {
-    EXPECT_EQ(server_object_write(client, text.data(), text.size()), 0) << errno;
-}
-
-std::string rig_hear(int client) {
-    char* text = nullptr;
-    const int64_t length = await(client) ? server_object_read(client, &text) : -1;
-    const vel_text owner(text);
-    return length < 0 ? "[end]" : std::string(text, static_cast<size_t>(length));
-}
-
-int rig_say_until_refused(int client, const std::string& text, int limit, bool wait) {
-    while (limit-- > 0) {
-        if (server_object_write(client, text.data(), text.size()) == 0) {
-            continue;
-        }
-        if (errno != EAGAIN || !wait) {
-            return errno;
-        }
-        pollfd entry = {client, POLLOUT, 0};
-        EXPECT_GT(poll(&entry, 1, RIG_LIMIT), 0);
-    }
-    return 0;
-}
-
-bool rig_silent(int client) {
-    pollfd entry = {client, POLLIN, 0};
-    return poll(&entry, 1, 0) == 0;
+bool rig_await(int fd, short event) {
+    pollfd entry = {fd, event, 0};
+    const bool came = poll(&entry, 1, RIG_LIMIT) > 0;
+    EXPECT_TRUE(came) << "nothing comes";
+    return came;
 }

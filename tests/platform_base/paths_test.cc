@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -52,33 +53,29 @@ TEST(paths, the_roots_follow_the_environment) {
     const std::string uid = std::to_string(geteuid());
     const std::string cwd = fs::current_path();
     const struct {
-        const char* run;
-        const char* state;
-        const char* session;
-        const char* state_home;
-        const char* home;
+        std::vector<const char*> variables;
         std::string pps;
         std::string db;
     } cases[] = {
-        {"/r", "/s", "/x", "/y", "/h", "/r/pps", "/s/db"},
-        {"/r//", "/s/", nullptr, nullptr, nullptr, "/r/pps", "/s/db"},
-        {"r", "s/t", nullptr, nullptr, nullptr, cwd + "/r/pps", cwd + "/s/t/db"},
-        {"", "", "/x", "/y", "/h", root ? "/run/veloran/pps" : "/x/veloran/pps",
+        {{"VELORAN_RUN=/r", "VELORAN_STATE=/s", "XDG_RUNTIME_DIR=/x", "XDG_STATE_HOME=/y",
+          "HOME=/h"},
+         "/r/pps",
+         "/s/db"},
+        {{"VELORAN_RUN=/r//", "VELORAN_STATE=/s/"}, "/r/pps", "/s/db"},
+        {{"VELORAN_RUN=r", "VELORAN_STATE=s/t"}, cwd + "/r/pps", cwd + "/s/t/db"},
+        {{"VELORAN_RUN=", "VELORAN_STATE=", "XDG_RUNTIME_DIR=/x", "XDG_STATE_HOME=/y", "HOME=/h"},
+         root ? "/run/veloran/pps" : "/x/veloran/pps",
          root ? "/var/lib/veloran/db" : "/y/veloran/db"},
-        {nullptr, nullptr, nullptr, nullptr, "/h",
+        {{"HOME=/h"},
          root ? "/run/veloran/pps" : "/tmp/veloran-" + uid + "/pps",
          root ? "/var/lib/veloran/db" : "/h/.local/state/veloran/db"},
     };
-    const auto set = [](const char* name, const char* value) {
-        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
-    };
     for (const auto& c : cases) {
         EXPECT_EQ(status_of_child([&] {
-                      set("VELORAN_RUN", c.run);
-                      set("VELORAN_STATE", c.state);
-                      set("XDG_RUNTIME_DIR", c.session);
-                      set("XDG_STATE_HOME", c.state_home);
-                      set("HOME", c.home);
+                      clearenv();
+                      for (const char* variable : c.variables) {
+                          putenv(const_cast<char*>(variable));
+                      }
                       const bool right = resolved("/pps") == c.pps && resolved("/db") == c.db;
                       setenv("VELORAN_RUN", "/later", 1);
                       return right && resolved("/pps") == c.pps ? 0 : 1;
@@ -162,66 +159,49 @@ TEST(paths, roots_and_parents_are_made_with_narrow_modes) {
 }
 
 TEST(paths, a_root_that_is_no_directory_of_ours_is_refused) {
-    const scratch file;
-    fs::create_directory(file.path + "/a");
-    std::ofstream(file.path + "/a/run") << "x";
-    const scratch link;
-    fs::create_directory(link.path + "/a");
-    fs::create_directory(link.path + "/elsewhere");
-    fs::create_symlink(link.path + "/elsewhere", link.path + "/a/run");
-    for (const scratch* base : {&file, &link}) {
+    const struct {
+        const char* what;
+        std::function<void(const std::string&)> plant;
+        int error;
+    } cases[] = {
+        {"file", [](const std::string& run) { std::ofstream(run) << "x"; }, ENOTDIR},
+        {"link", [](const std::string& run) { fs::create_symlink("..", run); }, ENOTDIR},
+        {"open to all",
+         [](const std::string& run) {
+             fs::create_directory(run);
+             fs::permissions(run, fs::perms::all);
+         },
+         EPERM},
+        {"foreign",
+         [](const std::string& run) {
+             fs::create_directory(run);
+             ASSERT_EQ(chown(run.c_str(), 12345, 12345), geteuid() == 0 ? 0 : -1);
+         },
+         geteuid() == 0 ? EPERM : 0},
+    };
+    for (const auto& item : cases) {
+        SCOPED_TRACE(item.what);
+        const scratch base;
+        const std::string run = base.path + "/a/run";
+        fs::create_directory(base.path + "/a");
+        item.plant(run);
         EXPECT_EQ(status_of_child([&] {
-                      char failed[PATH_MAX];
-                      const int error = make_roots_in(base->path, failed, sizeof failed);
-                      return failed == base->path + "/a/run" ? error : -1;
+                      char failed[PATH_MAX] = "";
+                      const int error = make_roots_in(base.path, failed, sizeof failed);
+                      return error == 0 || failed == run ? error : -1;
                   }),
-                  ENOTDIR);
-    }
-    const scratch open_to_all;
-    fs::create_directories(open_to_all.path + "/a/run");
-    ASSERT_EQ(chmod((open_to_all.path + "/a/run").c_str(), 0777), 0);
-    EXPECT_EQ(status_of_child([&] { return make_roots_in(open_to_all.path); }), EPERM);
-    if (geteuid() == 0) {
-        const scratch foreign;
-        fs::create_directories(foreign.path + "/a/run");
-        ASSERT_EQ(chown((foreign.path + "/a/run").c_str(), 12345, 12345), 0);
-        EXPECT_EQ(status_of_child([&] { return make_roots_in(foreign.path); }), EPERM);
-        EXPECT_EQ(status_of_child([&] {
-                      paths_set_owner(12345, 12346);
-                      return make_roots_in(foreign.path);
-                  }),
-                  0);
-    }
-}
-
-TEST(paths, what_root_makes_belongs_to_the_later_user) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root";
-    }
-    const scratch base;
-    EXPECT_EQ(status_of_child([&] {
-                  paths_set_owner(12345, 12346);
-                  const int error = make_roots_in(base.path);
-                  paths_make_parents((base.path + "/a/run/x/y").c_str());
-                  const int fd = open((base.path + "/a/run/f").c_str(), O_CREAT | O_RDWR, 0600);
-                  return error + (paths_hand_over(fd) == 0 ? 0 : 1);
-              }),
-              0);
-    for (const char* path : {"/a/run", "/a/run/x", "/a/run/f", "/b/state"}) {
-        struct stat status = {};
-        ASSERT_EQ(stat((base.path + path).c_str(), &status), 0) << path;
-        EXPECT_EQ(status.st_uid, 12345u) << path;
-        EXPECT_EQ(status.st_gid, 12346u) << path;
+                  item.error);
     }
 }
 
 /* What an earlier run as root has left is given as well, but nothing that a link leads to. */
-TEST(paths, what_root_left_belongs_to_the_later_user) {
+TEST(paths, what_root_makes_or_has_left_belongs_to_the_later_user) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root";
     }
     const scratch base;
     fs::create_directories(base.path + "/a/run/x/y");
+    ASSERT_EQ(chown((base.path + "/a/run").c_str(), 12345, 12345), 0); /* the user's already */
     fs::create_directories(base.path + "/outside/z");
     fs::create_symlink(base.path + "/outside", base.path + "/a/run/link");
     for (const char* path : {"/a/run/x/y/f", "/a/run/x/y/twice", "/outside/f", "/outside/z/f"}) {
@@ -232,22 +212,27 @@ TEST(paths, what_root_left_belongs_to_the_later_user) {
     EXPECT_EQ(status_of_child([&] {
                   paths_set_owner(12345, 12346);
                   int error = make_roots_in(base.path);
+                  const std::string run = base.path + "/a/run/";
+                  error += paths_make_parents((run + "new/x").c_str());
+                  error += paths_hand_over(open((run + "f").c_str(), O_CREAT | O_RDWR, 0600));
                   for (const char* path : {"x/y/f", "x/y/twice", "x/y/to", "link/f", "link/z/f"}) {
-                      error += paths_hand_over_file((base.path + "/a/run/" + path).c_str());
+                      error += paths_hand_over_file((run + path).c_str());
                   }
                   return error;
               }),
               0);
-    const struct {
-        const char* path;
-        uid_t owner;
-    } cases[] = {{"/a", 0},         {"/a/run/x", 12345}, {"/a/run/x/y", 12345},
-                 {"/outside", 0},   {"/outside/z", 0},   {"/a/run/x/y/f", 12345},
-                 {"/outside/f", 0}, {"/outside/z/f", 0}, {"/a/run/x/y/twice", 0}};
-    for (const auto& item : cases) {
+    for (const char* path : {"/b/state", "/a/run", "/a/run/new", "/a/run/f", "/a/run/x",
+                             "/a/run/x/y", "/a/run/x/y/f"}) {
         struct stat status = {};
-        ASSERT_EQ(stat((base.path + item.path).c_str(), &status), 0) << item.path;
-        EXPECT_EQ(status.st_uid, item.owner) << item.path;
+        ASSERT_EQ(stat((base.path + path).c_str(), &status), 0) << path;
+        EXPECT_EQ(status.st_uid, 12345u) << path;
+        EXPECT_EQ(status.st_gid, 12346u) << path;
+    }
+    for (const char* path :
+         {"/a", "/outside", "/outside/z", "/outside/f", "/outside/z/f", "/a/run/x/y/twice"}) {
+        struct stat status = {};
+        ASSERT_EQ(stat((base.path + path).c_str(), &status), 0) << path;
+        EXPECT_EQ(status.st_uid, 0u) << path;
     }
 }
 

@@ -3,22 +3,18 @@
  */
 #include <algorithm>
 #include <cstdlib>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "msglog.h"
 #include "playback_events.h"
 #include "player_commands.h"
-#include "player_registry.h"
 #include "player_rig.h"
 #include "trksession.h"
 #include "trksession_walk.h"
-
-static constexpr uint64_t ALL = 0xF045F;
 
 namespace {
 
@@ -38,30 +34,19 @@ struct model {
     int32_t shown = 0;
     int32_t position = 0;
     int32_t skips = 0; /* in a row, without a sound */
-    std::vector<int32_t> order;
+    std::vector<int32_t> order = std::vector<int32_t>(TRACKS);
     std::set<int32_t> refused;
 };
 
-int32_t place(const model& m, int32_t track) {
-    if (m.shuffle != 1) {
-        return track;
-    }
-    const auto at = std::find(m.order.begin(), m.order.end(), track);
-    return static_cast<int32_t>(at - m.order.begin());
-}
-
-int32_t track(const model& m, int32_t at) {
-    return m.shuffle == 1 ? m.order[static_cast<size_t>(at)] : at;
-}
-
 /* The track one step on (or back), -1: none. */
 int32_t walk(const model& m, int32_t repeat, int32_t step) {
-    const int32_t at = place(m, m.current);
+    const auto here = std::find(m.order.begin(), m.order.end(), m.current) - m.order.begin();
+    const int32_t at = static_cast<int32_t>(here) + step;
     switch (repeat) {
     case 0:
-        return at + step < 0 || at + step >= TRACKS ? -1 : track(m, at + step);
+        return at < 0 || at >= TRACKS ? -1 : m.order[static_cast<size_t>(at)];
     case 1:
-        return track(m, (at + step + TRACKS) % TRACKS);
+        return m.order[static_cast<size_t>((at + TRACKS) % TRACKS)];
     case 2:
         return m.current;
     default:
@@ -69,45 +54,40 @@ int32_t walk(const model& m, int32_t repeat, int32_t step) {
     }
 }
 
-int32_t attach(model& m, int32_t index, int32_t repeat) {
+int32_t give_up(model& m) {
+    m.status = LYR_STATUS_STOPPED;
+    return -1;
+}
+
+/* A track and those behind it, until one is taken. */
+int32_t attach(model& m, int32_t index, int32_t repeat, bool after_error = false) {
     const int32_t first = index;
     for (int32_t tried = 1;; ++tried) {
         m.current = index;
         if (m.refused.count(index) == 0) {
             m.shown = index;
             m.position = 0;
+            m.skips += after_error ? 1 : 0;
             return 0;
         }
         index = walk(m, repeat, 1);
+        if (index < 0 && after_error) {
+            return 0;
+        }
         if (index < 0 || index == first || tried >= TRACKS) {
-            m.status = LYR_STATUS_STOPPED;
-            return -1;
+            m.skips = after_error ? 0 : m.skips;
+            return give_up(m);
         }
     }
 }
 
 int32_t skip_error(model& m) {
-    int32_t first = -1;
-    for (int32_t tried = 0;; ++tried) {
-        const int32_t index = walk(m, m.repeat, 1);
-        if (index < 0) {
-            return 0;
-        }
-        if (tried == 0 ? m.skips >= TRACKS : index == first || tried >= TRACKS) {
-            break;
-        }
-        first = tried == 0 ? index : first;
-        m.current = index;
-        if (m.refused.count(index) == 0) {
-            m.shown = index;
-            m.position = 0;
-            ++m.skips;
-            return 0;
-        }
+    const int32_t index = walk(m, m.repeat, 1);
+    if (index >= 0 && m.skips >= TRACKS) {
+        m.skips = 0;
+        return give_up(m);
     }
-    m.skips = 0;
-    m.status = LYR_STATUS_STOPPED;
-    return -1;
+    return index < 0 ? 0 : attach(m, index, m.repeat, true);
 }
 
 /* One step of both; the results. */
@@ -148,7 +128,9 @@ outcome command(model& m, player* player, int32_t kind, int32_t number) {
         m.shuffle = mode;
         const int32_t got = rig_do(player, player_shuffle, mode);
         vel_lock_guard guard(player->trksession->lock);
-        m.order.assign(player->trksession->order, player->trksession->order + TRACKS);
+        for (int32_t i = 0; i < TRACKS; ++i) {
+            m.order[static_cast<size_t>(i)] = mode == 1 ? player->trksession->order[i] : i;
+        }
         EXPECT_TRUE(!drawn || m.order[0] == m.current);
         return {"shuffle " + std::to_string(mode), 0, got};
     }
@@ -171,7 +153,7 @@ outcome event(model& m, player* player, int32_t kind, int32_t number) {
         return {"finished", target < 0 ? 0 : attach(m, target, m.repeat),
                 lyrane_internal_track_finished(handle, player)};
     case 9:
-        m.position = number % 3 * 4000;
+        m.position = number % 3 == 0 ? 0 : 4999 + number % 3; /* where "previous" restarts */
         m.skips = m.position > 0 ? 0 : m.skips;
         return {"position " + std::to_string(m.position), 0,
                 lyrane_internal_position_updated(handle, player, m.position)};
@@ -200,19 +182,18 @@ bool same(const model& m, player* player) {
            player->repeat_mode == m.repeat;
 }
 
-TEST(player_model, agrees_with_the_player) {
-    player_rig& rig = rig_fresh();
+using player_model = player_test;
+
+TEST_F(player_model, agrees_with_the_player) {
     msglog_set_level(0);
     const char* given = std::getenv("LYRANE_SEED");
     const uint32_t seed = given != nullptr ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10))
                                            : std::random_device()();
     std::mt19937 random(seed);
-    const int32_t source = rig_source(rig, "model", ALL, "/|tracks:" + std::to_string(TRACKS));
-    player* player = rig_player(rig, "model", source, "/", 0, TRACKS);
+    const int32_t source = rig_source(rig, "model", "/|tracks:" + std::to_string(TRACKS));
+    player* player = rig_player("model", source, 0, TRACKS);
     model m;
-    for (int32_t i = 0; i < TRACKS; ++i) {
-        m.order.push_back(i);
-    }
+    std::iota(m.order.begin(), m.order.end(), 0);
     for (int32_t step = 0; step < STEPS; ++step) {
         if (step % 50 == 0) {
             refuse_others(rig, m, random);
@@ -230,7 +211,6 @@ TEST(player_model, agrees_with_the_player) {
             << m.position << " status " << m.status;
     }
     msglog_set_level(MSGLOG_LEVEL_MAX);
-    player_close(&mmcontrol, "model");
 }
 
 } // namespace

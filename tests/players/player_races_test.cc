@@ -5,11 +5,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include <lyrane/client.h>
 
@@ -17,7 +16,6 @@
 #include "mediasource_events.h"
 #include "msgserver.h"
 #include "player_commands.h"
-#include "player_pin.h"
 #include "player_registry.h"
 #include "player_rig.h"
 #include "service.h"
@@ -26,26 +24,9 @@
 #include "trksession_hold.h"
 #include "trksession_shuffle.h"
 
-static constexpr uint64_t ALL = 0xF045F;
-
 namespace {
 
-/* An event on a thread of the plug-in; what join_event takes. */
-std::string start_event(player_rig& rig, const std::string& event) {
-    return fake_do(rig.fake, "event %s nowait=1", event.c_str());
-}
-
-int64_t join_event(player_rig& rig, const std::string& ticket) {
-    return fake_number(rig.fake, "join %s", ticket.c_str());
-}
-
-/* Waits until so many hold on to the player; the registry is one of them. */
-void await_pins(const player* player, int32_t wanted) {
-    for (int32_t pins = 0; pins < wanted;) {
-        vel_lock_guard guard(mmcontrol.players_lock);
-        pins = player->pins;
-    }
-}
+using player_races = player_test;
 
 /* Waits until the player's session has been told to end. */
 void await_cancelled(player* player) {
@@ -57,32 +38,15 @@ void await_cancelled(player* player) {
 }
 
 bool building(player* player) {
-    trksession* session = trksession_hold(player);
-    vel_mutex_lock(&session->lock);
-    const bool done = session->build_done != 0;
-    vel_mutex_unlock(&session->lock);
-    trksession_release(session);
-    return !done;
-}
-
-/* For a player whose lock somebody else has. */
-void await_build(player* player) {
-    trksession* session = trksession_hold(player);
-    vel_mutex_lock(&session->lock);
-    while (session->build_done == 0) {
-        pthread_cond_wait(&session->build_over, &session->lock.native);
-    }
-    vel_mutex_unlock(&session->lock);
-    trksession_release(session);
+    vel_lock_guard guard(player->trksession->lock);
+    return player->trksession->build_done == 0;
 }
 
 /* --- Players ---------------------------------------------------------------------------------- */
 
 /* As if each of them had waited for the lock while the player was closed. */
-TEST(player_races, leave_a_closed_player_alone) {
-    player_rig& rig = rig_fresh();
-    player* player =
-        rig_player(rig, "closed", rig_source(rig, "races", ALL, "/|tracks:3"), "/", 0, 3);
+TEST_F(player_races, leave_a_closed_player_alone) {
+    player* player = rig_player("closed", rig_source(rig, "races", "/|tracks:3"), 0, 3);
     player->closed = 1;
     for (const char* event :
          {"position value=3", "finished", "changed node=/t1", "state status=3", "error value=1"}) {
@@ -95,60 +59,50 @@ TEST(player_races, leave_a_closed_player_alone) {
     EXPECT_EQ(rig_attribute(rig, "closed", "mediasource", "type"), "");
     EXPECT_EQ(rig_tracks(player), "/t0 /t1 /t2");
     player->closed = 0;
-    player_close(&mmcontrol, "closed");
 }
 
 /* The disconnection is held in the middle of its walk over the players. */
-TEST(player_races, walk_over_players_that_come_and_go) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:3");
+TEST_F(player_races, walk_over_players_that_come_and_go) {
+    const int32_t source = rig_source(rig, "races", "/|tracks:3");
     player_open(&mmcontrol, "before");
-    (void)rig_player(rig, "holding", source, "/", 0, 3);
+    (void)rig_player("holding", source, 0, 3);
     for (const char* name : {"behind", "last"}) {
         player_open(&mmcontrol, name);
     }
     fake_do(rig.fake, "rule play.destroy block=walk");
-    const std::string ticket = start_event(rig, "disconnected uid=races");
+    const std::string ticket = rig_event(rig, "disconnected uid=races");
     fake_do(rig.fake, "blocked walk");
     player_close(&mmcontrol, "before"); /* the list moves up, and nobody is left out */
     player_close(&mmcontrol, "behind"); /* still to be visited */
     player* late = player_open(&mmcontrol, "late");
-    int32_t expected = 3;
-    EXPECT_EQ(rig_create(late, source, "/", 0, &expected), -1); /* already nothing to build on */
+    EXPECT_EQ(rig_create(late, source, 0, 3), -1); /* already nothing to build on */
     EXPECT_EQ(errno, ENODEV);
     fake_do(rig.fake, "release walk");
-    EXPECT_EQ(join_event(rig, ticket), 0);
+    EXPECT_EQ(rig_join(rig, ticket), 0);
     EXPECT_EQ(rig_attribute(rig, "last", "mediasource", "type"), ":n:1");
     EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
-    for (const char* name : {"holding", "last", "late"}) {
-        player_close(&mmcontrol, name);
-    }
 }
 
 /* --- Builds ----------------------------------------------------------------------------------- */
 
 /* The flag stops a walk between two pages, where a cancel finds no browse to end: it must be there
  * before the cancel. */
-TEST(player_races, tell_a_build_to_end_before_its_browse_is_cancelled) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
+TEST_F(player_races, tell_a_build_to_end_before_its_browse_is_cancelled) {
+    const int32_t source = rig_source(rig, "races", "/|tracks:9");
     fake_do(rig.fake, "rule browse page=1");
     fake_do(rig.fake, "rule browse skip=3 times=1 block=page deaf=1");
     fake_do(rig.fake, "rule cancel block=cancel");
-    player* player = player_open(&mmcontrol, "builder");
-    int32_t expected = -1;
-    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    player* player = rig_begin("builder", source, 0, -1);
     fake_do(rig.fake, "blocked page");
     std::thread destroyer([player] { EXPECT_EQ(rig_destroy(player), 0); });
     fake_do(rig.fake, "blocked cancel");
     fake_do(rig.fake, "release page");
-    await_build(player);
+    rig_await_build(player);
     EXPECT_EQ(fake_number(rig.fake, "count browse"), 4);
     fake_do(rig.fake, "release cancel");
     destroyer.join();
     EXPECT_EQ(rig_attribute(rig, "builder", "state", "status"), "::idle");
     EXPECT_EQ(rig_attribute(rig, "builder", "trksession", "type"), ":n:1");
-    player_close(&mmcontrol, "builder");
 }
 
 /* A browse that is entered only after the first cancel has come and gone: the destroyer, and the
@@ -168,11 +122,11 @@ int32_t late_browse(void* session, const char* id, int32_t offset, int32_t* coun
     return late_entries->browse(session, id, offset, count, nodes);
 }
 
-TEST(player_races, cancel_again_what_began_after_the_cancel) {
+TEST_F(player_races, cancel_again_what_began_after_the_cancel) {
     for (const bool is_lost : {false, true}) {
-        player_rig& rig = rig_fresh();
-        const int32_t source = rig_source(rig, "races", ALL, "/|tracks:9");
-        player* player = rig_player(rig, "canceller", source, "/", 0, 1);
+        rig_fresh();
+        const int32_t source = rig_source(rig, "races", "/|tracks:9");
+        player* player = rig_player("canceller", source, 0, 1);
         mediasource_session* session = player->trksession->ms_session;
         lyr_browse_api late = *session->browse_api;
         late_fake = &rig.fake;
@@ -181,10 +135,8 @@ TEST(player_races, cancel_again_what_began_after_the_cancel) {
         late_begun = false;
         late.browse = late_browse;
         session->browse_api = &late;
-        std::thread creator([&] {
-            int32_t expected = -1;
-            EXPECT_EQ(rig_create(player, source, "/", 0, &expected), is_lost ? -1 : 0);
-        });
+        std::thread creator(
+            [&] { EXPECT_EQ(rig_create(player, source, 0, -1), is_lost ? -1 : 0); });
         while (!late_begun) {
             std::this_thread::yield();
         }
@@ -202,23 +154,21 @@ TEST(player_races, cancel_again_what_began_after_the_cancel) {
 }
 
 /* The array of tracks moves while the plug-in looks at one of them. */
-TEST(player_races, hand_out_tracks_that_stay) {
+TEST_F(player_races, hand_out_tracks_that_stay) {
     for (const char* event : {"finished", "error value=0"}) {
-        player_rig& rig = rig_fresh();
-        const int32_t source = rig_source(
-            rig, "races", ALL, "/a|F\n/b|F\n/c|F\n/a|tracks:3\n/b|tracks:9\n/c|tracks:90");
+        rig_fresh();
+        const int32_t source =
+            rig_source(rig, "races", "/a|F\n/b|F\n/c|F\n/a|tracks:3\n/b|tracks:9\n/c|tracks:90");
         fake_do(rig.fake, "rule browse id=/b block=growing");
-        player* player = player_open(&mmcontrol, "grower");
-        int32_t expected = -1;
-        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+        player* player = rig_begin("grower", source, 0, -1);
         fake_do(rig.fake, "blocked growing");
         fake_do(rig.fake, "rule attach block=attach");
-        const std::string ticket = start_event(rig, event);
+        const std::string ticket = rig_event(rig, event);
         fake_do(rig.fake, "blocked attach");
         fake_do(rig.fake, "release growing");
-        await_build(player);
+        rig_await_build(player);
         fake_do(rig.fake, "release attach");
-        EXPECT_EQ(join_event(rig, ticket), 0);
+        EXPECT_EQ(rig_join(rig, ticket), 0);
         EXPECT_EQ(rig_current(player), 1);
         EXPECT_NE(rig_attribute(rig, "grower", "track", "media_node").find("\"id\":\"/a/t1\""),
                   std::string::npos);
@@ -226,12 +176,9 @@ TEST(player_races, hand_out_tracks_that_stay) {
     }
 }
 
-TEST(player_races, walk_and_shuffle_a_session_that_grows) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL & ~LYR_CAP_METADATA, "/|tree:1,400,2");
-    player* player = player_open(&mmcontrol, "grower");
-    int32_t expected = -1;
-    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+TEST_F(player_races, walk_and_shuffle_a_session_that_grows) {
+    const int32_t source = rig_source(rig, "races", "/|tree:1,400,2", RIG_ALL & ~LYR_CAP_METADATA);
+    player* player = rig_begin("grower", source, 0, -1);
     for (int32_t turns = 0; building(player); ++turns) {
         EXPECT_EQ(rig_do(player, player_shuffle, turns % 2), 0);
         EXPECT_EQ(rig_do(player, player_next), 0);
@@ -245,25 +192,22 @@ TEST(player_races, walk_and_shuffle_a_session_that_grows) {
     for (int32_t p = 0; p < session->length; ++p) {
         ASSERT_EQ(session->inverse_order[session->order[p]], p);
     }
-    player_close(&mmcontrol, "grower");
 }
 
 /* --- Sources and events ----------------------------------------------------------------------- */
 
 /* Whoever works on a source that goes holds the lock which the disconnection waits for. */
-TEST(player_races, give_up_at_once_when_the_source_goes) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:50");
+TEST_F(player_races, give_up_at_once_when_the_source_goes) {
+    const int32_t source = rig_source(rig, "races", "/|tracks:50");
     player* player = player_open(&mmcontrol, "loser");
     fake_do(rig.fake, "rule browse page=1 times=1 block=first deaf=1");
-    int32_t expected = -1;
     std::thread creator([&] {
-        EXPECT_EQ(rig_create(player, source, "/", 9, &expected), -1);
+        EXPECT_EQ(rig_create(player, source, 9, -1), -1);
         EXPECT_GE(fake_number(rig.fake, "count cancel returned=1"), 1);
     });
     fake_do(rig.fake, "blocked first");
     fake_do(rig.fake, "rule cancel times=1 block=cancel");
-    std::string gone = start_event(rig, "disconnected uid=races");
+    std::string gone = rig_event(rig, "disconnected uid=races");
     fake_do(rig.fake, "blocked cancel");
     fake_do(rig.fake, "release first");
     fake_do(rig.fake, "await browse 1 returned=1");
@@ -271,25 +215,25 @@ TEST(player_races, give_up_at_once_when_the_source_goes) {
     EXPECT_EQ(rig_logged(rig, "after minitrk"), 0);
     fake_do(rig.fake, "release cancel");
     creator.join();
-    EXPECT_EQ(join_event(rig, gone), 0);
+    EXPECT_EQ(rig_join(rig, gone), 0);
     EXPECT_EQ(fake_number(rig.fake, "count browse"), 1);
     EXPECT_EQ(rig_tracks(player), "none");
     player_close(&mmcontrol, "loser");
 
     for (const char* event : {"finished", "error value=0"}) {
         fake_do(rig.fake, "unrule");
-        (void)rig_source(rig, "races", ALL, "/|tracks:50");
-        player = rig_player(rig, "loser", source, "/", 0, 50);
+        (void)rig_source(rig, "races", "/|tracks:50");
+        player = rig_player("loser", source, 0, 50);
         fake_do(rig.fake, "clear");
         fake_do(rig.fake, "rule attach result=1");
         fake_do(rig.fake, "rule attach skip=2 times=1 block=refusing");
-        const std::string walking = start_event(rig, std::string(event) + " thread=1");
+        const std::string walking = rig_event(rig, std::string(event) + " thread=1");
         fake_do(rig.fake, "blocked refusing");
-        gone = start_event(rig, "disconnected uid=races thread=2");
+        gone = rig_event(rig, "disconnected uid=races thread=2");
         await_cancelled(player);
         fake_do(rig.fake, "release refusing");
-        EXPECT_EQ(join_event(rig, walking), -1);
-        EXPECT_EQ(join_event(rig, gone), 0);
+        EXPECT_EQ(rig_join(rig, walking), -1);
+        EXPECT_EQ(rig_join(rig, gone), 0);
         EXPECT_EQ(fake_number(rig.fake, "count attach"), 3);
         EXPECT_EQ(rig_tracks(player), "none");
         player_close(&mmcontrol, "loser");
@@ -297,23 +241,20 @@ TEST(player_races, give_up_at_once_when_the_source_goes) {
 }
 
 /* Nothing tells the end of one track from the end of the next: each is taken at its word. */
-TEST(player_races, go_on_twice_when_two_threads_report_the_same_end) {
-    player_rig& rig = rig_fresh();
-    player* player =
-        rig_player(rig, "doubled", rig_source(rig, "races", ALL, "/|tracks:5"), "/", 0, 5);
+TEST_F(player_races, go_on_twice_when_two_threads_report_the_same_end) {
+    player* player = rig_player("doubled", rig_source(rig, "races", "/|tracks:5"), 0, 5);
     EXPECT_EQ(rig_do(player, player_play), 0);
     vel_mutex_lock(&player->lock);
-    const std::string first = start_event(rig, "finished thread=1");
-    const std::string second = start_event(rig, "finished thread=2");
-    await_pins(player, 3);
+    const std::string first = rig_event(rig, "finished thread=1");
+    const std::string second = rig_event(rig, "finished thread=2");
+    rig_await_pins(player, 4); /* both events' among them */
     EXPECT_EQ(fake_number(rig.fake, "count attach"), 1);
     vel_mutex_unlock(&player->lock);
-    EXPECT_EQ(join_event(rig, first), 0);
-    EXPECT_EQ(join_event(rig, second), 0);
+    EXPECT_EQ(rig_join(rig, first), 0);
+    EXPECT_EQ(rig_join(rig, second), 0);
     EXPECT_EQ(fake_ids(rig.fake, "attach"), (std::vector<std::string>{"/t0", "/t1", "/t2"}));
     EXPECT_EQ(rig_current(player), 2);
     EXPECT_EQ(fake_number(rig.fake, "count play"), 3);
-    player_close(&mmcontrol, "doubled");
 }
 
 /* --- Requests --------------------------------------------------------------------------------- */
@@ -342,9 +283,6 @@ int32_t keep_reply(osb*, recv_context*, int32_t, const void* data, int32_t lengt
 std::string i32(int32_t value) {
     return std::string(reinterpret_cast<const char*>(&value), sizeof value);
 }
-std::string text(const std::string& value) {
-    return i32(static_cast<int32_t>(value.size())) + value;
-}
 
 /* The result of one request. */
 int32_t ask(request_line& line, uint16_t type, const std::string& fields) {
@@ -372,60 +310,16 @@ int32_t ask_name(request_line& line, uint16_t type, const std::string& name) {
     return ask(line, type, std::string{static_cast<char>(name.size()), 0, 0, 0} + name);
 }
 
-/* Who owns a player is told without regard to case, which player is closed, with regard to it. */
-TEST(player_races, refuse_requests_on_a_player_that_another_client_closed) {
-    player_rig& rig = rig_fresh();
-    const std::string source = i32(rig_source(rig, "races", ALL, "/|tracks:3"));
-    request_line first;
-    request_line second;
-    EXPECT_EQ(ask_name(first, LYR_MSG_OPEN, "Twin"), 0);
-    EXPECT_EQ(ask_name(second, LYR_MSG_OPEN, "twin"), 0);
-    EXPECT_EQ(ask_name(first, LYR_MSG_CLOSE, "twin"), 0);
-    const struct {
-        uint16_t type;
-        std::string fields;
-    } requests[] = {
-        {LYR_MSG_CREATE_TRKSESSION, source + i32(3) + i32(0) + text("/")},
-        {LYR_MSG_BROWSE, source + i32(0) + i32(-1) + text("/")},
-        {LYR_MSG_SEARCH, source + i32(0) + i32(-1) + text("") + text("Track")},
-        {LYR_MSG_GET_METADATA, source + text("/t0")},
-        {LYR_MSG_GET_EXTENDED_METADATA, source + text("/t0") + i32(0)},
-        {LYR_MSG_GET_CURRENT_STATE, ""},
-        {LYR_MSG_GET_TRKSESSION_INFO, ""},
-        {LYR_MSG_GET_TRKSESSION_TRACKS, std::string(16, 0)},
-        {LYR_MSG_GET_CURRENT_TRACK_INFO, ""},
-        {LYR_MSG_GET_CURRENT_TRACK_POSITION, ""},
-        {LYR_MSG_DESTROY_TRKSESSION, std::string(8, 0)},
-        {LYR_MSG_PLAY, ""},
-        {LYR_MSG_SET_SPEED, std::string(4, 0)},
-        {LYR_MSG_SHUFFLE, i32(1)},
-    };
-    for (const auto& request : requests) {
-        EXPECT_EQ(ask(second, request.type, request.fields), -1) << request.type;
-    }
-    EXPECT_EQ(fake_do(rig.fake, "sessions"), "");
-    /* Nor has it a part in the player that has the name by now. */
-    EXPECT_EQ(ask_name(first, LYR_MSG_OPEN, "twin"), 0);
-    EXPECT_EQ(ask_name(second, LYR_MSG_CLOSE, "twin"), -1);
-    EXPECT_EQ(ask(first, LYR_MSG_GET_CURRENT_STATE, ""), 0);
-    EXPECT_EQ(ask_name(first, LYR_MSG_CLOSE, "twin"), 0);
-    EXPECT_EQ(ask_name(second, LYR_MSG_OPEN, "twin"), 0);
-    EXPECT_EQ(ask_name(second, LYR_MSG_CLOSE, "twin"), 0);
-    (void)player_close(&mmcontrol, "Twin");
-}
-
 /* A reader has found the session, and waits for its lock when the session is destroyed. */
-TEST(player_races, read_a_session_that_is_destroyed_meanwhile) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:3");
+TEST_F(player_races, read_a_session_that_is_destroyed_meanwhile) {
+    const int32_t source = rig_source(rig, "races", "/|tracks:3");
     request_line line;
     EXPECT_EQ(ask_name(line, LYR_MSG_OPEN, "read"), 0);
     auto* player = static_cast<struct player*>(line.connection.user_data);
     for (const uint16_t type :
          {LYR_MSG_GET_TRKSESSION_INFO, LYR_MSG_GET_CURRENT_TRACK_INFO,
           LYR_MSG_GET_CURRENT_TRACK_POSITION, LYR_MSG_GET_TRKSESSION_TRACKS}) {
-        int32_t expected = 3;
-        EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+        EXPECT_EQ(rig_create(player, source, 0, 3), 0);
         rig_await_build(player);
         trksession* session = trksession_hold(player);
         vel_mutex_lock(&session->lock);
@@ -434,10 +328,10 @@ TEST(player_races, read_a_session_that_is_destroyed_meanwhile) {
             vel_lock_guard guard(trksession_hold_lock);
             holds = session->holds;
         }
-        const std::string fatal = start_event(rig, "error value=1");
+        const std::string fatal = rig_event(rig, "error value=1");
         vel_mutex_unlock(&session->lock);
         trksession_release(session);
-        EXPECT_EQ(join_event(rig, fatal), 0);
+        EXPECT_EQ(rig_join(rig, fatal), 0);
         reader.join();
         EXPECT_EQ(rig_tracks(player), "none");
     }
@@ -445,14 +339,12 @@ TEST(player_races, read_a_session_that_is_destroyed_meanwhile) {
 }
 
 /* The request has named the session when somebody else destroys it. */
-TEST(player_races, destroy_no_session_that_is_no_more) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tracks:3");
+TEST_F(player_races, destroy_no_session_that_is_no_more) {
+    const int32_t source = rig_source(rig, "races", "/|tracks:3");
     request_line line;
     EXPECT_EQ(ask_name(line, LYR_MSG_OPEN, "gone"), 0);
     auto* player = static_cast<struct player*>(line.connection.user_data);
-    int32_t expected = 3;
-    EXPECT_EQ(rig_create(player, source, "/", 0, &expected), 0);
+    EXPECT_EQ(rig_create(player, source, 0, 3), 0);
     const uint64_t ts_id = player->trksession->ts_id;
     vel_mutex_lock(&player->lock);
     std::thread asker([&] {
@@ -472,7 +364,7 @@ TEST(player_races, destroy_no_session_that_is_no_more) {
 void ask_everything(request_line& line, const std::string& player, const std::string& source) {
     EXPECT_EQ(ask_name(line, LYR_MSG_OPEN, player), 0);
     std::string ts_id(8, 0);
-    if (ask(line, LYR_MSG_CREATE_TRKSESSION, source + i32(-1) + i32(0) + text("/")) == 0) {
+    if (ask(line, LYR_MSG_CREATE_TRKSESSION, source + i32(-1) + i32(0) + i32(1) + "/") == 0) {
         ts_id = answer.substr(4, 8);
     }
     for (const uint16_t type : {LYR_MSG_PLAY, LYR_MSG_GET_TRKSESSION_INFO, LYR_MSG_NEXT,
@@ -482,7 +374,7 @@ void ask_everything(request_line& line, const std::string& player, const std::st
     }
     (void)ask(line, LYR_MSG_SHUFFLE, i32(1));
     (void)ask(line, LYR_MSG_GET_TRKSESSION_TRACKS, ts_id + i32(0) + i32(-1));
-    (void)ask(line, LYR_MSG_BROWSE, source + i32(0) + i32(-1) + text("/"));
+    (void)ask(line, LYR_MSG_BROWSE, source + i32(0) + i32(-1) + i32(1) + "/");
     (void)ask(line, LYR_MSG_DESTROY_TRKSESSION, ts_id);
     EXPECT_EQ(ask_name(line, LYR_MSG_CLOSE, player), 0);
 }
@@ -490,30 +382,26 @@ void ask_everything(request_line& line, const std::string& player, const std::st
 /* The winds have an end of their own: nobody can keep the client from its locks for ever. */
 constexpr int32_t GUSTS = 2000;
 
-TEST(player_races, serve_requests_while_sources_and_sessions_come_and_go) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "races", ALL, "/|tree:1,5,2");
+TEST_F(player_races, serve_requests_while_sources_and_sessions_come_and_go) {
+    const int32_t source = rig_source(rig, "races", "/|tree:1,5,2");
     std::atomic<bool> calm = false;
     std::vector<std::thread> winds;
-    winds.emplace_back([&] {
-        for (int32_t i = 0; i < GUSTS && !calm; ++i) {
-            (void)lyrane_internal_mediasource_status_changed(source, i);
-        }
-    });
-    winds.emplace_back([&] {
-        for (int32_t i = 0; i < GUSTS && !calm; ++i) {
-            (void)lyrane_internal_mediasource_disconnected(source);
-            (void)lyrane_internal_mediasource_connected(0, "races", "r", nullptr, 1, ALL, 1);
-        }
+    const auto blow = [&](const std::function<void(int32_t)>& gust) {
+        winds.emplace_back([&calm, gust] {
+            for (int32_t i = 0; i < GUSTS && !calm; ++i) {
+                gust(i);
+            }
+        });
+    };
+    blow([source](int32_t i) { (void)lyrane_internal_mediasource_status_changed(source, i); });
+    blow([source](int32_t) {
+        (void)lyrane_internal_mediasource_disconnected(source);
+        (void)lyrane_internal_mediasource_connected(0, "races", "r", nullptr, 1, RIG_ALL, 1);
     });
     for (const char* event : {"finished thread=1 repeat=3", "error value=1 thread=2 repeat=2",
                               "position value=1 thread=3 repeat=9", "changed thread=4 repeat=9",
                               "state status=2 thread=5 repeat=9"}) {
-        winds.emplace_back([&rig, &calm, event] {
-            for (int32_t i = 0; i < GUSTS && !calm; ++i) {
-                fake_do(rig.fake, "event %s", event);
-            }
-        });
+        blow([this, event](int32_t) { fake_do(rig.fake, "event %s", event); });
     }
     request_line line;
     for (int i = 0; i < 60; ++i) {

@@ -1,12 +1,8 @@
 #include "player_rig.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-
-#include <gtest/gtest.h>
 
 #include <veloran/dict.h>
 #include <veloran/paths.h>
@@ -20,6 +16,7 @@
 #include "trksession.h"
 #include "trksession_build.h"
 #include "trksession_hold.h"
+#include "trksession_walk.h"
 
 static player_cfg settings;
 
@@ -61,28 +58,38 @@ player_rig& rig_fresh() {
     return *rig;
 }
 
-int32_t rig_source(player_rig& rig, const std::string& uid, uint64_t capabilities,
-                   const std::string& tree) {
+int32_t rig_source(player_rig& rig, const std::string& uid, const std::string& tree,
+                   uint64_t capabilities) {
     fake_do(rig.fake, "source %s caps=0x%llx auto=0", uid.c_str(),
             static_cast<unsigned long long>(capabilities));
     fake_tree(rig.fake, uid, tree);
     return static_cast<int32_t>(fake_number(rig.fake, "event connected uid=%s", uid.c_str()));
 }
 
-player* rig_player(player_rig& rig, const std::string& name, int32_t ms_id,
-                   const std::string& folder, int32_t start, int32_t expected) {
-    (void)rig;
+int32_t rig_create(player* player, int32_t ms_id, int32_t start, int32_t expected,
+                   const char* folder, int32_t* told) {
+    vel_lock_guard guard(player->lock);
+    const int32_t result =
+        player_create_trksession(&mmcontrol, player, ms_id, folder, &expected, start);
+    if (told != nullptr) {
+        *told = expected;
+    }
+    return result;
+}
+
+player* rig_begin(const std::string& name, int32_t ms_id, int32_t start, int32_t expected,
+                  const char* folder) {
     player* opened = player_open(&mmcontrol, name.c_str());
     EXPECT_NE(opened, nullptr);
-    EXPECT_EQ(rig_create(opened, ms_id, folder, start, &expected), 0);
-    rig_await_build(opened);
+    EXPECT_EQ(rig_create(opened, ms_id, start, expected, folder), 0);
     return opened;
 }
 
-int32_t rig_create(player* player, int32_t ms_id, const std::string& folder, int32_t start,
-                   int32_t* expected) {
-    vel_lock_guard guard(player->lock);
-    return player_create_trksession(&mmcontrol, player, ms_id, folder.c_str(), expected, start);
+player* rig_player(const std::string& name, int32_t ms_id, int32_t start, int32_t expected,
+                   const char* folder) {
+    player* opened = rig_begin(name, ms_id, start, expected, folder);
+    rig_await_build(opened);
+    return opened;
 }
 
 int32_t rig_destroy(player* player) {
@@ -90,16 +97,33 @@ int32_t rig_destroy(player* player) {
     return player_destroy_trksession(player);
 }
 
-void rig_await_build(player* player) VEL_NO_TSA {
-    bool started = false;
-    {
-        vel_lock_guard guard(player->lock);
-        started = player->trksession != nullptr && player->trksession->build_started != 0;
+std::string rig_event(player_rig& rig, const std::string& event) {
+    return fake_do(rig.fake, "event %s nowait=1", event.c_str());
+}
+
+int64_t rig_join(player_rig& rig, const std::string& ticket) {
+    return fake_number(rig.fake, "join %s", ticket.c_str());
+}
+
+void rig_await_pins(const player* player, int32_t wanted) {
+    for (int32_t pins = 0; pins < wanted;) {
+        vel_lock_guard guard(mmcontrol.players_lock);
+        pins = player->pins;
     }
+}
+
+void player_test::TearDown() {
+    while (mmcontrol.players.count > 0) {
+        const std::string name = static_cast<player*>(mmcontrol.players.items[0])->name;
+        player_close(&mmcontrol, name.c_str());
+    }
+}
+
+void rig_await_build(player* player) VEL_NO_TSA {
     trksession* session = trksession_hold(player);
-    if (started && session != nullptr) {
+    if (session != nullptr) {
         vel_lock_guard guard(session->lock);
-        while (session->build_done == 0) {
+        while (session->build_started != 0 && session->build_done == 0) {
             pthread_cond_wait(&session->build_over, &session->lock.native);
         }
     }
@@ -124,14 +148,7 @@ std::string rig_tracks(player* player) {
 
 int32_t rig_current(player* player) {
     trksession* session = trksession_hold(player);
-    if (session == nullptr) {
-        return -2;
-    }
-    int32_t current = 0;
-    {
-        vel_lock_guard guard(session->lock);
-        current = session->trk_id;
-    }
+    const int32_t current = session == nullptr ? -2 : trksession_current(session).trk_id;
     trksession_release(session);
     return current;
 }

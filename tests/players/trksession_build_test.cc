@@ -1,16 +1,16 @@
 /* Building sessions: which tracks, in which order, whatever the tree and the plug-in look like. */
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <string>
-
-#include <gtest/gtest.h>
+#include <thread>
 
 #include "player_registry.h"
 #include "player_rig.h"
 
-static constexpr uint64_t ALL = 0xF045F;
-
 namespace {
+
+using trksession_build = player_test;
 
 struct build_case {
     const char* what;
@@ -28,9 +28,7 @@ const build_case builds[] = {
     {"as many as announced are there at once", "/|tracks:6", 3, 4, -1, "/t0 /t1 /t2 /t3", 3},
     {"fewer announced than the first step needs", "/|tracks:6", 3, 1, -1, "/t0 /t1 /t2 /t3", 3},
     {"none announced", "/|tracks:3", 0, 0, -1, "/t0", 0},
-    {"an unknown number", "/|tracks:4", 1, -1, -1, "/t0 /t1 /t2 /t3", 1},
     {"more announced than there are", "/|tracks:2", 0, 9, -1, "/t0 /t1", 0},
-    {"announced in between", "/|tracks:9", 1, 5, -1, "/t0 /t1 /t2 /t3 /t4", 1},
     {"leaves before folders when a leaf is asked for", "/A|F\n/B|F\n/x|A\n/y|A\n/A/1|A\n/B/2|A", 3,
      -1, -1, "/x /y /A/1 /B/2", 1},
     {"the asked folder first, then the others, then the leaves",
@@ -41,43 +39,35 @@ const build_case builds[] = {
      "/1 /2 /3", 0},
     {"depth counts from the start folder", "/1|A\n/a|F\n/a/2|A\n/a/b|F\n/a/b/3|A", 0, -1, 1,
      "/1 /a/2", 0},
-    {"no depth limit", "/1|A\n/a|F\n/a/2|A\n/a/b|F\n/a/b/3|A", 0, -1, -1, "/1 /a/2 /a/b/3", 0},
     {"video is playable, other types ride along in a folder without folders", "/v|V\n/x|7\n/1|A", 0,
      -1, -1, "/v /x /1", 0},
     {"other types are left out beside folders", "/v|V\n/x|7\n/F|F\n/F/1|A", 0, -1, -1, "/v /F/1",
      0},
     {"other types before the asked track are not counted as held", "/x|7\n/1|A\n/2|A", 1, -1, -1,
      "/1 /x /2", 0},
-    {"a single leaf", "/1|A", 0, -1, -1, "/1", 0},
     {"an empty first folder ends it", "/E|F\n/F|F\n/F/1|A", 0, -1, -1, "", 0},
-    {"a start beyond the folder", "/|tracks:3", 3, -1, -1, "", 0},
     {"the largest start", "/|tracks:3", INT_MAX, -1, -1, "", 0},
     {"a child that is neither", "/x|7\n/1|A", 0, -1, -1, "", 0},
 };
 
-class every_page_size : public testing::TestWithParam<int> {};
-
-TEST_P(every_page_size, builds_the_tracks_in_order) {
-    player_rig& rig = rig_fresh();
-    if (GetParam() > 0) {
-        fake_do(rig.fake, "rule browse page=%d", GetParam());
-    }
-    for (const build_case& c : builds) {
-        SCOPED_TRACE(c.what);
-        mmcontrol.player_cfg->recursion_depth = c.depth;
-        const int32_t source = rig_source(rig, "build", ALL, c.tree);
-        player* player = rig_player(rig, "builder", source, "/", c.start, c.expected);
-        EXPECT_EQ(rig_tracks(player), c.tracks);
-        EXPECT_EQ(rig_current(player), c.current);
-        EXPECT_EQ(rig_attribute(rig, "builder", "state", "status"),
-                  c.tracks[0] != '\0' ? "::stopped" : "::idle");
-        player_close(&mmcontrol, "builder");
+TEST_F(trksession_build, puts_the_tracks_in_order_whatever_the_size_of_a_page) {
+    for (const int page : {100, 2, 1}) {
+        fake_do(rig.fake, "rule browse page=%d", page);
+        for (const build_case& c : builds) {
+            SCOPED_TRACE(c.what);
+            mmcontrol.player_cfg->recursion_depth = c.depth;
+            const int32_t source = rig_source(rig, "build", c.tree);
+            player* player = rig_player("builder", source, c.start, c.expected);
+            EXPECT_EQ(rig_tracks(player), c.tracks) << "page of " << page;
+            EXPECT_EQ(rig_current(player), c.current);
+            EXPECT_EQ(rig_attribute(rig, "builder", "state", "status"),
+                      c.tracks[0] != '\0' ? "::stopped" : "::idle");
+            player_close(&mmcontrol, "builder");
+        }
     }
 }
-INSTANTIATE_TEST_SUITE_P(pages, every_page_size, testing::Values(0, 1, 2));
 
-TEST(trksession_build, survives_a_tree_that_changes_between_the_steps) {
-    player_rig& rig = rig_fresh();
+TEST_F(trksession_build, survives_a_tree_that_changes_between_the_steps) {
     const struct {
         const char* before;
         const char* after;
@@ -91,41 +81,24 @@ TEST(trksession_build, survives_a_tree_that_changes_between_the_steps) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.after);
-        const int32_t source = rig_source(rig, "build", ALL, c.before);
+        const int32_t source = rig_source(rig, "build", c.before);
         fake_do(rig.fake, "reset");
         /* The attach lies between the two steps. */
         fake_do(rig.fake, "rule attach block=between times=1");
         player* player = player_open(&mmcontrol, "changer");
-        int32_t expected = -1;
-        std::string answer;
-        pthread_t creator = {};
-        struct job {
-            ::player* player;
-            int32_t source;
-            int32_t start;
-            int32_t* expected;
-        } job = {player, source, c.start, &expected};
-        pthread_create(
-            &creator, nullptr,
-            [](void* argument) -> void* {
-                auto* j = static_cast<struct job*>(argument);
-                EXPECT_EQ(rig_create(j->player, j->source, "/", j->start, j->expected), 0);
-                return nullptr;
-            },
-            &job);
+        std::thread creator([&] { EXPECT_EQ(rig_create(player, source, c.start, -1), 0); });
         fake_do(rig.fake, "blocked between");
         fake_tree(rig.fake, "build", c.after);
         fake_do(rig.fake, "release between");
-        pthread_join(creator, nullptr);
+        creator.join();
         rig_await_build(player);
         EXPECT_EQ(rig_tracks(player), c.tracks);
         player_close(&mmcontrol, "changer");
     }
 }
 
-TEST(trksession_build, refuses_what_a_plug_in_may_not_deliver) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "build", ALL, "/|tracks:8");
+TEST_F(trksession_build, refuses_what_a_plug_in_may_not_deliver) {
+    const int32_t source = rig_source(rig, "build", "/|tracks:8");
     const struct {
         const char* rule;
         int32_t result;
@@ -141,62 +114,45 @@ TEST(trksession_build, refuses_what_a_plug_in_may_not_deliver) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.rule);
-        player_rig& fresh = rig_fresh();
-        fake_do(fresh.fake, "%s", c.rule);
+        rig_fresh();
+        fake_do(rig.fake, "%s", c.rule);
         player* player = player_open(&mmcontrol, "refuser");
-        int32_t expected = 8;
-        EXPECT_EQ(rig_create(player, source, "/", 2, &expected), c.result);
-        EXPECT_EQ(expected, c.result == 0 ? 8 : 0);
+        int32_t told = 0;
+        EXPECT_EQ(rig_create(player, source, 2, 8, "/", &told), c.result);
+        EXPECT_EQ(told, c.result == 0 ? 8 : 0);
         rig_await_build(player);
         EXPECT_EQ(rig_tracks(player), c.tracks);
-        EXPECT_GE(rig_logged(fresh, c.log), 1);
+        EXPECT_GE(rig_logged(rig, c.log), 1);
+        EXPECT_EQ(fake_do(rig.fake, "violations"), "");
         player_close(&mmcontrol, "refuser");
     }
-    EXPECT_EQ(fake_do(rig.fake, "violations"), "");
 }
 
-TEST(trksession_build, reports_errors_and_keeps_what_it_says_it_keeps) {
-    player_rig& rig = rig_fresh();
-    const int32_t source = rig_source(rig, "build", ALL, "/|tracks:3");
+/* The earlier session has gone either way. */
+TEST_F(trksession_build, refuses_what_a_client_may_not_ask_for) {
+    const int32_t source = rig_source(rig, "build", "/|tracks:3");
     player* player = player_open(&mmcontrol, "errors");
     const struct {
         int32_t source;
         int32_t start;
         int32_t expected;
         int error;
-        const char* log;
         const char* tracks;
     } cases[] = {
-        {99, 0, -1, ENODEV, "The requested media source is not connected", "none"},
-        {source, 0, -2, EINVAL, "Invalid offset or limit", "none"},
-        {source, -1, -1, EINVAL, "", ""},
-    };
+        {99, 0, -1, ENODEV, "none"}, {source, 0, -2, EINVAL, "none"}, {source, -1, -1, EINVAL, ""}};
     for (const auto& c : cases) {
-        int32_t good = 3;
-        EXPECT_EQ(rig_create(player, source, "/", 0, &good), 0);
-        int32_t expected = c.expected;
+        EXPECT_EQ(rig_create(player, source, 0, 3), 0);
         errno = 0;
-        EXPECT_EQ(rig_create(player, c.source, "/", c.start, &expected), -1);
+        EXPECT_EQ(rig_create(player, c.source, c.start, c.expected), -1);
         EXPECT_EQ(errno, c.error);
-        EXPECT_GE(rig_logged(rig, c.log), 1);
-        EXPECT_EQ(rig_tracks(player), c.tracks); /* the earlier session has gone either way */
+        EXPECT_EQ(rig_tracks(player), c.tracks);
     }
-    player_close(&mmcontrol, "errors");
 }
 
-TEST(trksession_build, walks_deep_and_looping_trees) {
-    player_rig& rig = rig_fresh();
-    std::string deep;
-    std::string path;
-    for (int i = 0; i < 200; ++i) {
-        path += "/d";
-        deep += path + "/1|A\n";
-    }
-    const int32_t source = rig_source(rig, "build", ALL, "/1|A\n" + deep);
-    player* player = rig_player(rig, "deep", source, "/", 1, -1);
+TEST_F(trksession_build, walks_deep_trees) {
+    player* player = rig_player("deep", rig_source(rig, "build", "/|tree:200,1,1"), 0, -1);
     const std::string tracks = rig_tracks(player);
     EXPECT_EQ(std::count(tracks.begin(), tracks.end(), ' '), 200);
-    player_close(&mmcontrol, "deep");
 }
 
 } // namespace

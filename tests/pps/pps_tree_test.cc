@@ -1,36 +1,36 @@
 /* Directories: made, removed with whatever strangers put into them, never through a link. */
-#include <veloran/pps.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <string>
-
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "pps_root.h"
 
 namespace fs = std::filesystem;
 
-/* Fills a real directory with all that a stranger may leave there. */
-static void litter(const std::string& real, const std::string& outside) {
-    plant_file(real + "/file", "x");
-    plant_file(real + "/.hidden", "x");
-    fs::create_symlink(outside, real + "/link");
-    fs::create_directories(real + "/one/two/three");
-    plant_file(real + "/one/two/file", "x");
-    fs::create_symlink(outside, real + "/one/link");
-    EXPECT_EQ(mkfifo((real + "/pipe").c_str(), 0600), 0);
-}
-
-static std::string make_outside() {
+/* A directory of the test's own, its real path, and one that nothing may happen to. */
+struct pps_tree : ::testing::Test {
+    std::string directory;
+    std::string real;
     const std::string outside = real_path("/outside");
-    fs::create_directories(outside);
-    plant_file(outside + "/precious", "kept");
-    return outside;
-}
 
-TEST(pps_tree, makes_directories_with_their_mode) {
+    void SetUp() override {
+        directory = make_directory(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        real = real_path(directory);
+        fs::create_directories(outside);
+        plant_file(outside + "/precious", "kept");
+    }
+    void TearDown() override { EXPECT_EQ(file_text(outside + "/precious"), "kept"); }
+
+    /* Fills a real directory with all that a stranger may leave there. */
+    void litter(const std::string& place) const {
+        plant_file(place + "/.hidden", "x");
+        fs::create_symlink(outside, place + "/link");
+        fs::create_directories(place + "/one/two/three");
+        plant_file(place + "/one/two/file", "x");
+        fs::create_symlink(outside, place + "/one/link");
+        EXPECT_EQ(mkfifo((place + "/pipe").c_str(), 0600), 0);
+    }
+};
+
+TEST_F(pps_tree, makes_directories_with_their_mode) {
     const mode_t mask = umask(0);
     EXPECT_EQ(pps_mkdir("/pps/services/made?nopersist", 0777), 0);
     umask(mask);
@@ -43,48 +43,39 @@ TEST(pps_tree, makes_directories_with_their_mode) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(pps_tree, removes_a_directory_with_all_in_it) {
-    const std::string outside = make_outside();
-    ASSERT_EQ(pps_mkdir("/pps/services/removed", 0777), 0);
-    const std::string real = real_path("/pps/services/removed");
-    litter(real, outside);
-    EXPECT_EQ(pps_rmdir("/pps/services/removed"), 0);
+TEST_F(pps_tree, removes_a_directory_with_all_in_it) {
+    litter(real);
+    EXPECT_EQ(pps_rmdir(directory.c_str()), 0);
     EXPECT_FALSE(fs::exists(real));
-    EXPECT_EQ(file_text(outside + "/precious"), "kept");
     EXPECT_TRUE(fs::is_empty(real_path("/pps/.stage")));
-    EXPECT_EQ(pps_rmdir("/pps/services/removed"), 0); /* gone already */
+    EXPECT_EQ(pps_rmdir(directory.c_str()), 0); /* gone already */
     fs::create_symlink(outside, real);
-    EXPECT_EQ(pps_rmdir("/pps/services/removed"), 0);
+    EXPECT_EQ(pps_rmdir(directory.c_str()), 0);
     EXPECT_FALSE(fs::exists(fs::symlink_status(real)));
-    EXPECT_EQ(file_text(outside + "/precious"), "kept");
 }
 
-TEST(pps_tree, clears_a_tree_and_keeps_its_top) {
-    const std::string outside = make_outside();
+TEST_F(pps_tree, clears_a_tree_and_keeps_its_top) {
     EXPECT_EQ(pps_clear_tree("/pps/services/never_made"), 0);
-    ASSERT_EQ(pps_mkdir("/pps/services/cleared", 0777), 0);
-    const std::string real = real_path("/pps/services/cleared");
     for (int32_t i = 0; i < 300; ++i) {
-        fs::create_directory(real + "/player" + std::to_string(i));
-        plant_file(real + "/player" + std::to_string(i) + "/state", "@state\n");
+        const std::string player = real + "/player" + std::to_string(i);
+        fs::create_directory(player);
+        plant_file(player + "/state", "@state\n");
     }
-    litter(real + "/player7", outside);
-    EXPECT_EQ(pps_clear_tree("/pps/services/cleared"), 0);
+    litter(real + "/player7");
+    EXPECT_EQ(pps_clear_tree(directory.c_str()), 0);
     EXPECT_TRUE(fs::is_empty(real));
-    EXPECT_EQ(file_text(outside + "/precious"), "kept");
 }
 
 /* Somebody nests directories far beyond what we follow: an error, nothing worse. */
-TEST(pps_tree, does_not_follow_endless_nesting) {
-    ASSERT_EQ(pps_mkdir("/pps/services/nested", 0777), 0);
-    std::string below = real_path("/pps/services/nested");
+TEST_F(pps_tree, does_not_follow_endless_nesting) {
+    std::string below = real;
     for (int32_t i = 0; i < 200; ++i) {
         below += "/d";
     }
     fs::create_directories(below);
-    EXPECT_EQ(pps_clear_tree("/pps/services/nested"), -1);
+    EXPECT_EQ(pps_clear_tree(directory.c_str()), -1);
     EXPECT_EQ(errno, ELOOP);
-    EXPECT_EQ(pps_rmdir("/pps/services/nested"), 0); /* the name is free at least */
-    EXPECT_FALSE(fs::exists(real_path("/pps/services/nested")));
+    EXPECT_EQ(pps_rmdir(directory.c_str()), 0); /* the name is free at least */
+    EXPECT_FALSE(fs::exists(real));
     fs::remove_all(real_path("/pps/.stage")); /* where it was set aside */
 }

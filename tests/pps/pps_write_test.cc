@@ -1,13 +1,6 @@
 /* Updates: what they merge into, that they come whole, and that nothing planted misleads them. */
-#include <veloran/pps.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <memory>
-#include <string>
 #include <vector>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,29 +8,9 @@
 #include "pps_root.h"
 
 namespace fs = std::filesystem;
-using object_owner = std::unique_ptr<pps_object, decltype(&pps_close)>;
 
-static constexpr int32_t NEW_OBJECT = O_WRONLY | O_CREAT | O_TRUNC;
-
-static object_owner open_object(const std::string& path, int32_t flags) {
-    return {pps_open(path.c_str(), flags, 0666), &pps_close};
-}
-
-static int32_t update(const object_owner& object, const std::string& text) {
-    return pps_write(object.get(), text.data(), text.size());
-}
-
-/* A directory of the test's own below /pps/services. */
-static std::string make_directory(const char* name) {
-    const std::string path = std::string("/pps/services/") + name;
-    EXPECT_EQ(pps_mkdir(path.c_str(), 0777), 0) << errno;
-    return path;
-}
-
-static size_t staged_files() {
-    const fs::path stage = real_path("/pps/.stage");
-    return static_cast<size_t>(
-        std::distance(fs::directory_iterator(stage), fs::directory_iterator()));
+static auto entries_of(const std::string& directory) {
+    return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
 }
 
 TEST(pps_write, merges_updates_into_the_content) {
@@ -57,23 +30,17 @@ TEST(pps_write, merges_updates_into_the_content) {
         {"rate::new", 0, "status::playing\nx:json:{\"a\":\":\"}\nrate::new\n"},
         {"-x\nx::again\n-status\n", 0, "rate::new\nx::again\n"},
         {"good::1\nno attribute\n", EINVAL, "rate::new\nx::again\n"},
-        {"good::1\nonly:one\n", EINVAL, "rate::new\nx::again\n"},
         {":n:1\n", EINVAL, "rate::new\nx::again\n"},
-        {"-\n", EINVAL, "rate::new\nx::again\n"},
         {std::string("nul::\0\n", 7), EINVAL, "rate::new\nx::again\n"},
         {"huge::" + std::string(PPS_OBJECT_MAX, 'x'), EFBIG, "rate::new\nx::again\n"},
         {"@state\nrate::" + large + "\n-x\n", 0, "rate::" + large + "\n"},
         {"", 0, "rate::" + large + "\n"},
     };
     for (const auto& item : cases) {
-        errno = 0;
-        EXPECT_EQ(update(object, item.text), item.error == 0 ? 0 : -1);
-        if (item.error != 0) {
-            EXPECT_EQ(errno, item.error);
-        }
+        EXPECT_EQ(update(object, item.text), item.error) << item.text.substr(0, 99);
         EXPECT_EQ(object_text(path), "@state\n" + item.content);
     }
-    EXPECT_EQ(staged_files(), 0U);
+    EXPECT_TRUE(fs::is_empty(real_path("/pps/.stage")));
 }
 
 TEST(pps_write, bounds_the_number_of_attributes) {
@@ -84,8 +51,7 @@ TEST(pps_write, bounds_the_number_of_attributes) {
         text += "a" + std::to_string(i) + ":n:1\n";
     }
     EXPECT_EQ(update(object, text), 0);
-    EXPECT_EQ(update(object, "more::1\n"), -1);
-    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(update(object, "more::1\n"), EFBIG);
     EXPECT_EQ(object_text(path), "@many\n" + text);
 }
 
@@ -109,22 +75,18 @@ TEST(pps_write, opens_what_is_there_or_starts_anew) {
 }
 
 TEST(pps_write, refuses_paths_that_make_no_sense) {
-    const std::string long_name(256, 'n');
     const struct {
         std::string path;
         int32_t error;
     } cases[] = {
         {"/pps", EINVAL},
         {"/tmp/object", EINVAL},
-        {"pps/services/x", EINVAL},
         {"/pps/services/../x", EINVAL},
-        {"/pps/services/./x", EINVAL},
         {"/pps/services//x", EINVAL},
-        {"/pps/services/x/", EINVAL},
         {"/pps/.stage/x", EINVAL},
         {"/pps/services/.all", EINVAL},
         {"/pps/services/x?unknown", EINVAL},
-        {"/pps/services/" + long_name, ENAMETOOLONG},
+        {"/pps/services/" + std::string(256, 'n'), ENAMETOOLONG},
         {"/pps/" + std::string(5000, 'p'), ENAMETOOLONG},
         {"/pps/services/missing/x", ENOENT},
     };
@@ -159,7 +121,7 @@ TEST(pps_write, replaces_whatever_was_planted) {
         EXPECT_EQ(object_text(name(last)), std::string("@") + last + "\na::c\n");
     }
     EXPECT_EQ(file_text(victim), "precious");
-    EXPECT_EQ(staged_files(), 0U);
+    EXPECT_TRUE(fs::is_empty(real_path("/pps/.stage")));
 }
 
 TEST(pps_write, does_not_follow_a_link_to_a_directory) {
@@ -179,33 +141,26 @@ TEST(pps_write, makes_a_directory_again_that_was_taken_away) {
     const std::string directory = make_directory("taken");
     const object_owner one = open_object(directory + "/one", NEW_OBJECT);
     const object_owner two = open_object(directory + "/two", NEW_OBJECT);
-    fs::remove_all(real_path(directory));
-    EXPECT_EQ(update(one, "a::1\n"), 0);
-    EXPECT_EQ(update(two, "b::2\n"), 0);
-    EXPECT_EQ(object_text(directory + "/one"), "@one\na::1\n");
-    EXPECT_EQ(object_text(directory + "/two"), "@two\nb::2\n");
-    fs::remove_all(real_path("/pps")); /* with the place where new content is written */
-    EXPECT_EQ(update(one, "a::3\n"), 0);
-    EXPECT_EQ(update(two, "b::4\n"), 0);
-    EXPECT_EQ(object_text(directory + "/one"), "@one\na::3\n");
-    EXPECT_EQ(object_text(directory + "/two"), "@two\nb::4\n");
+    /* With the second one, the place where new content is written. */
+    for (const std::string& taken : {directory, std::string("/pps")}) {
+        fs::remove_all(real_path(taken));
+        EXPECT_EQ(update(one, "a::" + taken + "\n"), 0);
+        EXPECT_EQ(update(two, "b::" + taken + "\n"), 0);
+        EXPECT_EQ(object_text(directory + "/one"), "@one\na::" + taken + "\n");
+        EXPECT_EQ(object_text(directory + "/two"), "@two\nb::" + taken + "\n");
+    }
 }
 
 /* Reads an object over and over until it holds its last update. Returns an exit status: 0 when
  * each text that was seen was one whole update. */
-static int read_until_last(const std::string& real, const std::string& last) {
-    std::string text;
-    while (text.find("first:n:" + last + "\n") == std::string::npos) {
-        text = file_text(real);
-        const size_t first = text.find("first:n:");
-        const size_t second = text.find("second:n:");
-        if (first == std::string::npos || second == std::string::npos || text.back() != '\n') {
+static int read_until_last(const std::string& real, const std::string& filler,
+                           const std::string& last) {
+    for (std::string number; number != last;) {
+        const std::string text = file_text(real);
+        const size_t at = text.find("first:n:") + 8;
+        number = at > text.size() ? "" : text.substr(at, text.find('\n', at) - at);
+        if (text != "@object\nfirst:n:" + number + "\n" + filler + "second:n:" + number + "\n") {
             return 1;
-        }
-        const std::string one = text.substr(first + 8, text.find('\n', first) - first - 8);
-        const std::string other = text.substr(second + 9, text.find('\n', second) - second - 9);
-        if (one != other) {
-            return 2;
         }
     }
     return 0;
@@ -219,7 +174,7 @@ TEST(pps_write, a_reader_sees_old_or_new_and_nothing_between) {
     const std::string real = real_path(path);
     const pid_t child = fork();
     if (child == 0) {
-        _exit(read_until_last(real, "3000"));
+        _exit(read_until_last(real, filler, "3000"));
     }
     for (int32_t i = 1; i <= 3000; ++i) {
         const std::string number = std::to_string(i);
@@ -227,23 +182,19 @@ TEST(pps_write, a_reader_sees_old_or_new_and_nothing_between) {
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(pps_write, holds_one_descriptor_a_directory) {
-    const auto open_descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
     const std::string directory = make_directory("descriptors");
-    const auto before = open_descriptors();
+    const auto before = entries_of("/proc/self/fd");
     {
         std::vector<object_owner> objects;
         for (int32_t i = 0; i < 20; ++i) {
             objects.push_back(open_object(directory + "/o" + std::to_string(i), NEW_OBJECT));
             EXPECT_EQ(update(objects.back(), "a::b\n"), 0);
         }
-        EXPECT_EQ(open_descriptors(), before + 1);
+        EXPECT_EQ(entries_of("/proc/self/fd"), before + 1);
     }
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(entries_of("/proc/self/fd"), before);
 }

@@ -37,16 +37,14 @@ struct sqldb_disk_test : sqldb_test {
             EXPECT_EQ(umount(state.c_str()), 0) << strerror(errno);
         }
     }
+    /* Starts anew and waits for this status. */
     void begin(const char* status) {
+        stop();
         configure("music", config_text("music", "BackupDir::/var/db/a\n"));
         start();
         ASSERT_TRUE(await_status("music", "Status::"));
-        const std::string found = file_text(the_root->path + "/run/pps/veloran/sqldb/status/music");
+        const std::string found = status_of("music");
         EXPECT_NE(found.find(status), std::string::npos) << found;
-    }
-    void begin_again(const char* status) {
-        stop();
-        begin(status);
     }
     void fill() const {
         std::ofstream stream(filler, std::ios::binary);
@@ -79,7 +77,7 @@ TEST_F(sqldb_disk_test, a_full_disk_takes_all_of_a_save_or_nothing) {
     fs::remove(filler);
     EXPECT_EQ(songs_of("music"), "first");
     EXPECT_EQ(said.find("damaged"), std::string::npos) << said;
-    begin_again("Status::Valid");
+    begin("Status::Valid");
     EXPECT_EQ(songs_of("music"), "first");
 }
 
@@ -96,27 +94,25 @@ TEST_F(sqldb_disk_test, a_full_disk_delays_the_restoration) {
     begin("No space left");
     EXPECT_FALSE(fs::exists(file));
     fs::remove(filler);
-    begin_again("Status::Valid");
+    begin("Status::Valid");
     EXPECT_EQ(songs_of("music"), "first");
 }
 
 TEST_F(sqldb_disk_test, a_disk_that_may_not_be_written_is_left_alone) {
-    sqldb_connection* music = connect("music");
-    ASSERT_EQ(sqldb_disconnect(music), 0);
     set_writable(false);
-    music = connect("music");
+    sqldb_connection* music = connect("music");
     EXPECT_TRUE(music == nullptr || add_song(music, "second") != 0);
     EXPECT_EQ(errno, EROFS);
     sqldb_disconnect(music);
-    begin_again("Read-only");
+    begin("Read-only");
     set_writable(true);
-    begin_again("Status::Valid");
+    begin("Status::Valid");
     EXPECT_EQ(songs_of("music"), "first");
     stop();
     fs::remove(file);
     set_writable(false);
     begin("Read-only");
     set_writable(true);
-    begin_again("Status::Valid");
+    begin("Status::Valid");
     EXPECT_EQ(songs_of("music"), "first");
 }

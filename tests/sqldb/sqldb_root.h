@@ -101,28 +101,43 @@ inline std::string config_text(const std::string& name, const std::string& more 
     return "Filename::/db/" + name + ".db\nSchemaFile::/db/music.sql\n" + more;
 }
 
-/* Writes a configuration object anew. */
-inline void configure(const std::string& name, const std::string& text) {
+/* Writes a configuration object, anew or with other flags more of it. */
+inline void configure(const std::string& name, const std::string& text,
+                      int32_t flags = O_CREAT | O_TRUNC) {
     const std::string path = "/pps/veloran/sqldb/config/" + name + "?nopersist";
     std::filesystem::create_directories(the_root->path + "/run/pps/veloran/sqldb/config");
-    const pps_owner object(pps_open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0777));
+    const pps_owner object(pps_open(path.c_str(), O_WRONLY | flags, 0777));
     ASSERT_NE(object, nullptr) << strerror(errno);
     ASSERT_EQ(pps_write(object.get(), text.data(), text.size()), 0) << strerror(errno);
 }
 
-/* Waits until the status object of a database holds this text; false never comes back. */
+/* The status object of a database: its file, and what it holds; empty when there is none. */
+inline std::string status_path(const std::string& name) {
+    return the_root->path + "/run/pps/veloran/sqldb/status/" + name;
+}
+inline std::string status_of(const std::string& name) {
+    return file_text(status_path(name));
+}
+
+/* Waits until the status object of a database holds this text, or with an empty one is gone. */
 inline bool await_status(const std::string& name, const std::string& wanted) {
-    const std::string path = the_root->path + "/run/pps/veloran/sqldb/status/" + name;
     const pps_owner watch(pps_open("/pps/veloran/sqldb/status/.all?delta,wait", O_RDONLY, 0));
     char buffer[4096];
     while (watch != nullptr &&
-           (wanted.empty() ? access(path.c_str(), F_OK) == 0
-                           : file_text(path).find(wanted) == std::string::npos)) {
+           (wanted.empty() ? access(status_path(name).c_str(), F_OK) == 0
+                           : status_of(name).find(wanted) == std::string::npos)) {
         if (pps_read(watch.get(), buffer, sizeof buffer, -1) <= 0) {
             return false;
         }
     }
     return watch != nullptr;
+}
+
+/* Writes it and waits until the database can be had. */
+inline void configure_valid(const std::string& name, const std::string& text,
+                            int32_t flags = O_CREAT | O_TRUNC) {
+    configure(name, text, flags);
+    ASSERT_TRUE(await_status(name, "Status::Valid"));
 }
 
 inline sqldb_connection* connect(const std::string& name) {

@@ -1,4 +1,4 @@
-/* A root of published objects for one test, and the log lines of the program. */
+/* A root of published objects for one test. */
 #ifndef TESTS_STATUS_TREE_H
 #define TESTS_STATUS_TREE_H
 
@@ -8,14 +8,6 @@
 #include "msglog.h"
 #include "pps_root.h"
 #include "ppsdir.h"
-
-/* What was logged since the last call. */
-inline std::string new_log_text() {
-    static size_t seen = 0;
-    const std::string text = file_text(the_root->path + "/log").substr(seen);
-    seen += text.size();
-    return text;
-}
 
 /* Each test has a root of its own name. */
 struct status_tree : ::testing::Test {
@@ -27,7 +19,6 @@ struct status_tree : ::testing::Test {
         const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
         path = std::string("/pps/services/") + test->name();
         msglog_set_level(7);
-        new_log_text();
         root = lyr_ppsdir_makeroot(path.c_str(), &error);
         ASSERT_NE(root, nullptr);
     }

@@ -1,12 +1,15 @@
 #include "daemon.h"
 
-#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <sstream>
+#include <string_view>
+#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -25,11 +28,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int64_t now_ms() {
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * 1000 + time.tv_nsec / 1000000;
-}
+using steady = std::chrono::steady_clock;
 
 std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -41,25 +40,10 @@ std::string read_file(const std::string& path) {
 std::string json_text(const std::string& text) {
     std::string out = "\"";
     for (const char c : text) {
-        if (c == '\n') {
-            out += "\\n";
-        } else {
-            out += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
-        }
+        out += c == '"' || c == '\\' || c == '\n' ? "\\" : "";
+        out += c == '\n' ? 'n' : c;
     }
     return out + '"';
-}
-
-/* The words of LYRANE_RUN_UNDER: a program with options that is to run the daemon, for instance
- * "/usr/bin/valgrind --leak-check=full --log-file=/var/tmp/valgrind.%p". */
-std::vector<std::string> run_under() {
-    const char* text = std::getenv("LYRANE_RUN_UNDER");
-    std::istringstream words(text != nullptr ? text : "");
-    std::vector<std::string> under;
-    for (std::string word; words >> word;) {
-        under.push_back(word);
-    }
-    return under;
 }
 
 /* The folder of this test program, with its runtime root; made once and removed at the end. */
@@ -117,14 +101,14 @@ void write_configuration(const test_daemon& daemon) {
 std::vector<std::string> environment_of(const test_daemon& daemon) {
     std::vector<std::string> variables;
     for (char** at = environ; *at != nullptr; ++at) {
-        if (std::string(*at).compare(0, 8, "VELORAN_") != 0) {
+        if (!std::string_view(*at).starts_with("VELORAN_")) {
             variables.push_back(*at);
         }
     }
-    variables.push_back("VELORAN_RUN=" + daemon.run);
-    variables.push_back("VELORAN_STATE=" + daemon.root + "/state");
-    variables.push_back("VELORAN_SLOG=file:" + daemon.root + "/log");
-    variables.push_back("VELORAN_SQLDB_DEFAULTS=" SCHEMA_FILES);
+    variables.insert(variables.end(),
+                     {"VELORAN_RUN=" + daemon.run, "VELORAN_STATE=" + daemon.root + "/state",
+                      "VELORAN_SLOG=file:" + daemon.root + "/log",
+                      "VELORAN_SQLDB_DEFAULTS=" SCHEMA_FILES});
     return variables;
 }
 
@@ -164,9 +148,9 @@ std::string existing_folder(std::string path) {
 
 /* Waits until `done` holds, looking again whenever something below the watched path changes. False
  * at the limit, or when the daemon ended and it still does not hold. */
-bool await_change(const test_daemon& daemon, const std::string& path, bool (*done)(void*),
-                  void* argument) {
-    const int64_t until = now_ms() + DAEMON_LIMIT;
+bool await_change(const test_daemon& daemon, const std::string& path,
+                  const std::function<bool()>& done) {
+    const auto until = steady::now() + std::chrono::milliseconds(DAEMON_LIMIT);
     while (true) {
         const vel_fd watch(inotify_init1(IN_CLOEXEC));
         const std::string folder = existing_folder(path);
@@ -174,43 +158,31 @@ bool await_change(const test_daemon& daemon, const std::string& path, bool (*don
                           IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF |
                               IN_MOVED_FROM);
         const bool ended = has_ended(daemon);
-        if (done(argument)) {
+        if (done()) {
             return true;
         }
         if (folder != existing_folder(path)) {
             continue;
         }
-        const int64_t left = until - now_ms();
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - steady::now());
         pollfd descriptors[2] = {{watch.value, POLLIN, 0}, {daemon.pidfd, POLLIN, 0}};
-        if (ended || left <= 0 || poll(descriptors, 2, static_cast<int>(left)) < 0) {
+        if (ended || left.count() <= 0 ||
+            poll(descriptors, 2, static_cast<int>(left.count())) < 0) {
             return false;
         }
     }
 }
 
 int64_t entries_of(const test_daemon& daemon, const char* folder) {
-    int64_t count = 0;
     std::error_code error;
-    for ([[maybe_unused]] const auto& entry :
-         fs::directory_iterator("/proc/" + std::to_string(daemon.pid) + '/' + folder, error)) {
-        count += 1;
-    }
-    return count;
+    return std::distance(
+        fs::directory_iterator("/proc/" + std::to_string(daemon.pid) + '/' + folder, error), {});
 }
 
-struct log_wait {
-    const test_daemon& daemon;
-    const std::string& text;
-    size_t from;
-};
-
-struct object_wait {
-    const test_daemon& daemon;
-    const std::string& player;
-    const std::string& object;
-    const std::string& attribute;
-    const std::string& value;
-};
+std::string object_path(const test_daemon& daemon, const std::string& player,
+                        const std::string& object) {
+    return daemon_path(daemon, "/pps/services/lyrane/" + player + '/' + object);
+}
 
 } // namespace
 
@@ -225,27 +197,23 @@ void daemon_prepare(test_daemon& daemon) {
 
 bool daemon_spawn(test_daemon& daemon) {
     for (const daemon_plugin& plugin : daemon.plugins) {
-        if (plugin.missing || !plugin.library.empty()) {
-            continue;
+        if (!plugin.missing && plugin.library.empty()) {
+            fs::copy_file(FAKE_LIBRARY, library_of(daemon, plugin),
+                          fs::copy_options::overwrite_existing);
         }
-        fs::copy_file(FAKE_LIBRARY, library_of(daemon, plugin),
-                      fs::copy_options::overwrite_existing);
     }
     write_configuration(daemon);
     std::vector<std::string> arguments = {LYRANE_EXECUTABLE,           "-b", "-c",
                                           daemon.root + "/lyrane.cfg", "-s", daemon.service};
     arguments.insert(arguments.end(), daemon.options.begin(), daemon.options.end());
-    const std::vector<std::string> under = run_under();
-    arguments.insert(arguments.begin(), under.begin(), under.end());
     std::vector<std::string> variables = environment_of(daemon);
-    const std::vector<char*> argument_pointers = program_pointers(arguments);
-    const std::vector<char*> variable_pointers = program_pointers(variables);
+    std::vector<char*> argument_pointers = program_pointers(arguments);
+    std::vector<char*> variable_pointers = program_pointers(variables);
     const vel_fd errors(
         open((daemon.root + "/err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     daemon.pid = fork();
     if (daemon.pid == 0) {
-        become(daemon, const_cast<char**>(argument_pointers.data()),
-               const_cast<char**>(variable_pointers.data()), errors.value);
+        become(daemon, argument_pointers.data(), variable_pointers.data(), errors.value);
     }
     daemon.pidfd = static_cast<int>(syscall(SYS_pidfd_open, daemon.pid, 0));
     return daemon.pid > 0 && daemon.pidfd >= 0;
@@ -284,7 +252,9 @@ int daemon_stop(test_daemon& daemon) {
 }
 
 void daemon_signal(const test_daemon& daemon, int signal) {
-    kill(daemon.pid, signal);
+    if (daemon.pid > 0) { /* else it has ended */
+        kill(daemon.pid, signal);
+    }
 }
 
 void daemon_remove(test_daemon& daemon) {
@@ -318,12 +288,8 @@ size_t daemon_log_mark(const test_daemon& daemon) {
 }
 
 bool daemon_await_log(const test_daemon& daemon, const std::string& text, size_t from) {
-    log_wait wait = {daemon, text, from};
-    const auto done = [](void* argument) {
-        const log_wait& what = *static_cast<log_wait*>(argument);
-        return daemon_log(what.daemon).find(what.text, what.from) != std::string::npos;
-    };
-    if (!await_change(daemon, daemon.root + "/log", done, &wait)) {
+    const auto said = [&] { return daemon_log(daemon).find(text, from) != std::string::npos; };
+    if (!await_change(daemon, daemon.root + "/log", said)) {
         fail(daemon, "not in the log: " + text);
         return false;
     }
@@ -337,8 +303,7 @@ std::string daemon_path(const test_daemon& daemon, const std::string& path) {
 std::map<std::string, std::string>
 daemon_object(const test_daemon& daemon, const std::string& player, const std::string& object) {
     std::map<std::string, std::string> attributes;
-    std::istringstream lines(
-        read_file(daemon_path(daemon, "/pps/services/lyrane/" + player + '/' + object)));
+    std::ifstream lines(object_path(daemon, player, object));
     for (std::string line; std::getline(lines, line);) {
         const size_t colon = line.find(':');
         if (colon != std::string::npos) {
@@ -351,15 +316,13 @@ daemon_object(const test_daemon& daemon, const std::string& player, const std::s
 bool daemon_await_object(const test_daemon& daemon, const std::string& player,
                          const std::string& object, const std::string& attribute,
                          const std::string& value) {
-    object_wait wait = {daemon, player, object, attribute, value};
-    const auto done = [](void* argument) {
-        const object_wait& what = *static_cast<object_wait*>(argument);
-        const auto attributes = daemon_object(what.daemon, what.player, what.object);
-        const auto found = attributes.find(what.attribute);
-        return found == attributes.end() ? what.value.empty() : found->second == what.value;
+    const auto published = [&] {
+        const auto attributes = daemon_object(daemon, player, object);
+        const auto found = attributes.find(attribute);
+        return found == attributes.end() ? value.empty() : found->second == value;
     };
-    const std::string path = daemon_path(daemon, "/pps/services/lyrane/" + player + '/' + object);
-    if (!await_change(daemon, path, done, &wait)) {
+    const std::string path = object_path(daemon, player, object);
+    if (!await_change(daemon, path, published)) {
         fail(daemon, player + '/' + object + ": " + attribute + " is not " + value + " in\n" +
                          read_file(path));
         return false;
@@ -376,23 +339,19 @@ int64_t daemon_threads(const test_daemon& daemon) {
 }
 
 int64_t daemon_resident(const test_daemon& daemon) {
-    std::istringstream lines(read_file("/proc/" + std::to_string(daemon.pid) + "/status"));
-    for (std::string line; std::getline(lines, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) {
-            return std::strtoll(line.c_str() + 6, nullptr, 10);
-        }
-    }
-    return -1;
+    static constexpr std::string_view NAME = "VmRSS:";
+    const std::string status = read_file("/proc/" + std::to_string(daemon.pid) + "/status");
+    const size_t at = status.find(NAME);
+    return at == std::string::npos ? -1 : std::atoll(status.c_str() + at + NAME.size());
 }
 
 int64_t daemon_settle(const test_daemon& daemon, int64_t (*count)(const test_daemon&),
                       int64_t most) {
     /* Nothing tells of another process's descriptors and threads, so this one looks again. */
-    const int64_t until = now_ms() + DAEMON_LIMIT;
+    const auto until = steady::now() + std::chrono::milliseconds(DAEMON_LIMIT);
     int64_t value = count(daemon);
-    while (value > most && now_ms() < until && !has_ended(daemon)) {
-        const timespec pause = {0, 5000000};
-        nanosleep(&pause, nullptr);
+    while (value > most && steady::now() < until && !has_ended(daemon)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
         value = count(daemon);
     }
     return value;

@@ -122,8 +122,7 @@ std::vector<fake_record> fake_log(fake_client& client, const std::string& entry)
         fake_words words;
         words_parse(line, words);
         fake_record& record = records.emplace_back();
-        record.serial = static_cast<uint64_t>(words_to_number(words_at(words, 0)).value_or(0));
-        record.entry = words_at(words, 1);
+        record.entry = words_at(words, 0);
         for (const fake_option& option : words.options) {
             record.words[option.key] = option.value;
         }

@@ -18,7 +18,6 @@ struct fake_client {
 
 /* One line of the plug-in's log. */
 struct fake_record {
-    uint64_t serial = 0;
     std::string entry;
     std::map<std::string, std::string> words;
 };

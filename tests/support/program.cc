@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,12 +42,9 @@ bool read_more(program& running) {
     return true;
 }
 
-[[noreturn]] void become(char** arguments, int in, int out, int err) {
+[[noreturn]] void become(std::vector<std::string> words) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(in, STDIN_FILENO);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    execv(arguments[0], arguments);
+    execv(words[0].c_str(), program_pointers(words).data());
     _exit(127);
 }
 
@@ -65,8 +61,6 @@ std::vector<char*> program_pointers(std::vector<std::string>& texts) {
 
 program program_start(const std::vector<std::string>& words,
                       const std::map<std::string, std::string>& variables) {
-    std::vector<std::string> texts = words;
-    std::vector<char*> pointers = program_pointers(texts);
     int out[2];
     int err[2];
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -77,7 +71,10 @@ program program_start(const std::vector<std::string>& words,
         for (const auto& [name, value] : variables) {
             setenv(name.c_str(), value.c_str(), 1);
         }
-        become(pointers.data(), open("/dev/null", O_RDONLY | O_CLOEXEC), out[1], err[1]);
+        dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        become(words);
     }
     close(out[1]);
     close(err[1]);
@@ -87,24 +84,14 @@ program program_start(const std::vector<std::string>& words,
 }
 
 program program_start_on_terminal(const std::vector<std::string>& words) {
-    std::vector<std::string> texts = words;
-    std::vector<char*> pointers = program_pointers(texts);
-    winsize size = {24, 80, 0, 0};
-    int near = -1;
-    int far = -1;
-    EXPECT_EQ(openpty(&near, &far, nullptr, nullptr, &size), 0);
-    fcntl(near, F_SETFD, FD_CLOEXEC);
-    fcntl(far, F_SETFD, FD_CLOEXEC);
+    const winsize size = {24, 80, 0, 0};
     setenv("TERM", "vt100", 1);
     program running;
-    running.pid = fork();
+    running.pid = forkpty(&running.out, nullptr, nullptr, &size);
     if (running.pid == 0) {
-        setsid();
-        ioctl(far, TIOCSCTTY, 0);
-        become(pointers.data(), far, far, far);
+        become(words);
     }
-    close(far);
-    running.out = near;
+    fcntl(running.out, F_SETFD, FD_CLOEXEC);
     return running;
 }
 

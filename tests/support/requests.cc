@@ -1,5 +1,6 @@
 #include "requests.h"
 
+#include <bit>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -13,30 +14,19 @@ struct field_reader {
     bool whole = true;
 };
 
-void read_bytes(field_reader& reader, void* value, size_t size) {
-    std::memset(value, 0, size);
-    if (reader.bytes.size() - reader.at < size) {
-        reader.whole = false;
-        return;
+template <typename type>
+type read(field_reader& reader) {
+    type value = {};
+    reader.whole = reader.whole && reader.bytes.size() - reader.at >= sizeof value;
+    if (reader.whole) {
+        std::memcpy(&value, reader.bytes.data() + reader.at, sizeof value);
+        reader.at += sizeof value;
     }
-    std::memcpy(value, reader.bytes.data() + reader.at, size);
-    reader.at += size;
-}
-
-int32_t read_i32(field_reader& reader) {
-    int32_t value = 0;
-    read_bytes(reader, &value, sizeof value);
-    return value;
-}
-
-uint64_t read_u64(field_reader& reader) {
-    uint64_t value = 0;
-    read_bytes(reader, &value, sizeof value);
     return value;
 }
 
 std::string read_text(field_reader& reader) {
-    const int32_t length = read_i32(reader);
+    const int32_t length = read<int32_t>(reader);
     if (length <= 0 || reader.bytes.size() - reader.at < static_cast<size_t>(length)) {
         reader.whole = reader.whole && length <= 0;
         return "";
@@ -46,23 +36,24 @@ std::string read_text(field_reader& reader) {
                                static_cast<size_t>(length));
 }
 
+/* The fields of records are read in the order in which the braces name them. */
 request_node read_node(field_reader& reader) {
-    request_node node;
-    node.type = read_i32(reader);
-    node.count = read_i32(reader);
-    node.ms_id = read_i32(reader);
-    node.ms_type = read_i32(reader);
-    node.id = read_text(reader);
-    node.name = read_text(reader);
-    return node;
+    return {read<int32_t>(reader), read<int32_t>(reader), read<int32_t>(reader),
+            read<int32_t>(reader), read_text(reader),     read_text(reader)};
+}
+
+request_source read_source(field_reader& reader) {
+    return {read<int32_t>(reader),  read<int32_t>(reader), read<int32_t>(reader),
+            read<uint64_t>(reader), read_text(reader),     read_text(reader),
+            read_text(reader)};
 }
 
 request_metadata read_metadata(field_reader& reader) {
     request_metadata data;
     data.present = true;
-    data.duration = read_i32(reader);
+    data.duration = read<int32_t>(reader);
     for (int i = 0; i < 4; ++i) {
-        read_i32(reader);
+        read<int32_t>(reader);
     }
     data.title = read_text(reader);
     read_text(reader);
@@ -79,18 +70,55 @@ void check_end(const field_reader& reader) {
         << reader.at << " of " << reader.bytes.size() << " bytes read";
 }
 
-int32_t nodes_of(const request_reply& reply, std::vector<request_node>& nodes) {
-    nodes.clear();
-    if (reply.result != 0) {
-        return reply.result;
-    }
-    field_reader reader = {reply.body};
-    const int32_t count = read_i32(reader);
-    for (int32_t i = 0; i < count && reader.whole; ++i) {
-        nodes.push_back(read_node(reader));
+template <typename record>
+std::vector<record> read_list(const std::string& body, record (*read_one)(field_reader&)) {
+    field_reader reader = {body};
+    std::vector<record> list;
+    for (int32_t left = read<int32_t>(reader); left > 0 && reader.whole; --left) {
+        list.push_back(read_one(reader));
     }
     check_end(reader);
-    return 0;
+    return list;
+}
+
+void add(std::string& payload, int32_t value) {
+    request_i32(payload, value);
+}
+void add(std::string& payload, uint64_t value) {
+    request_u64(payload, value);
+}
+void add(std::string& payload, const std::string& text) {
+    request_text(payload, text);
+}
+
+/* A payload with these fields. */
+template <typename... types>
+std::string packed(uint16_t type, const types&... fields) {
+    std::string payload = request_begin(type);
+    (add(payload, fields), ...);
+    return payload;
+}
+
+/* Sends a request; `take` reads what a success brings. */
+template <typename function>
+int32_t ask(request_client& client, const std::string& payload, function take) {
+    const request_reply reply = request_send(client, payload);
+    if (reply.result == 0) {
+        field_reader reader = {reply.body};
+        take(reader);
+        check_end(reader);
+    }
+    return reply.result;
+}
+
+int32_t ask_nodes(request_client& client, const std::string& payload,
+                  std::vector<request_node>& nodes) {
+    const request_reply reply = request_send(client, payload);
+    nodes.clear();
+    if (reply.result == 0) {
+        nodes = read_list(reply.body, read_node);
+    }
+    return reply.result;
 }
 
 request_reply send_library(msgclient_t* client, const std::string& payload) {
@@ -182,96 +210,50 @@ int32_t request_simple(request_client& client, uint16_t type) {
 }
 
 int32_t request_number(request_client& client, uint16_t type, int32_t value) {
-    std::string payload = request_begin(type);
-    request_i32(payload, value);
-    return request_send(client, payload).result;
+    return request_send(client, packed(type, value)).result;
 }
 
 int32_t request_speed(request_client& client, float rate) {
-    int32_t bits = 0;
-    std::memcpy(&bits, &rate, sizeof bits);
-    return request_number(client, LYR_MSG_SET_SPEED, bits);
+    return request_number(client, LYR_MSG_SET_SPEED, std::bit_cast<int32_t>(rate));
 }
 
 std::vector<request_source> request_sources(request_client& client) {
     const request_reply reply = request_send(client, request_begin(LYR_MSG_GET_MEDIA_SOURCE));
-    std::vector<request_source> sources;
-    if (reply.status != 0) {
-        return sources;
-    }
-    field_reader reader = {reply.body};
-    const int32_t count = read_i32(reader);
-    for (int32_t i = 0; i < count && reader.whole; ++i) {
-        request_source& source = sources.emplace_back();
-        source.id = read_i32(reader);
-        source.type = read_i32(reader);
-        source.status = read_i32(reader);
-        source.capabilities = read_u64(reader);
-        source.uid = read_text(reader);
-        source.name = read_text(reader);
-        source.view_name = read_text(reader);
-    }
-    check_end(reader);
-    return sources;
+    return reply.status != 0 ? std::vector<request_source>() : read_list(reply.body, read_source);
 }
 
 lyr_state_reply request_state(request_client& client) {
-    const request_reply reply = request_send(client, request_begin(LYR_MSG_GET_CURRENT_STATE));
-    lyr_state_reply state = {reply.result, -1, -1, -1, 0};
-    if (reply.result == 0) {
-        field_reader reader = {reply.body};
-        state.shuffle_mode = read_i32(reader);
-        state.repeat_mode = read_i32(reader);
-        state.status = read_i32(reader);
-        read_bytes(reader, &state.playback_rate, sizeof state.playback_rate);
-        check_end(reader);
-    }
+    lyr_state_reply state = {0, -1, -1, -1, 0};
+    state.result = ask(client, request_begin(LYR_MSG_GET_CURRENT_STATE), [&](field_reader& reader) {
+        state.shuffle_mode = read<int32_t>(reader);
+        state.repeat_mode = read<int32_t>(reader);
+        state.status = read<int32_t>(reader);
+        state.playback_rate = read<float>(reader);
+    });
     return state;
 }
 
 int32_t request_create(request_client& client, int32_t ms_id, const std::string& folder,
                        int32_t expected, int32_t start_index, uint64_t* ts_id) {
-    std::string payload = request_begin(LYR_MSG_CREATE_TRKSESSION);
-    request_i32(payload, ms_id);
-    request_i32(payload, expected);
-    request_i32(payload, start_index);
-    request_text(payload, folder);
-    const request_reply reply = request_send(client, payload);
-    if (reply.result == 0) {
-        field_reader reader = {reply.body};
-        *ts_id = read_u64(reader);
-        check_end(reader);
-    }
-    return reply.result;
+    return ask(client, packed(LYR_MSG_CREATE_TRKSESSION, ms_id, expected, start_index, folder),
+               [&](field_reader& reader) { *ts_id = read<uint64_t>(reader); });
 }
 
 int32_t request_destroy(request_client& client, uint64_t ts_id) {
-    std::string payload = request_begin(LYR_MSG_DESTROY_TRKSESSION);
-    request_u64(payload, ts_id);
-    return request_send(client, payload).result;
+    return request_send(client, packed(LYR_MSG_DESTROY_TRKSESSION, ts_id)).result;
 }
 
 int32_t request_session(request_client& client, uint64_t* ts_id, int32_t* length) {
-    const request_reply reply = request_send(client, request_begin(LYR_MSG_GET_TRKSESSION_INFO));
-    if (reply.result == 0) {
-        field_reader reader = {reply.body};
-        *ts_id = read_u64(reader);
-        *length = read_i32(reader);
-        read_i32(reader);
-        check_end(reader);
-    }
-    return reply.result;
+    return ask(client, request_begin(LYR_MSG_GET_TRKSESSION_INFO), [&](field_reader& reader) {
+        *ts_id = read<uint64_t>(reader);
+        *length = read<int32_t>(reader);
+        read<int32_t>(reader);
+    });
 }
 
 int32_t request_position(request_client& client, int32_t* position) {
-    const request_reply reply =
-        request_send(client, request_begin(LYR_MSG_GET_CURRENT_TRACK_POSITION));
-    if (reply.result == 0) {
-        field_reader reader = {reply.body};
-        *position = read_i32(reader);
-        check_end(reader);
-    }
-    return reply.result;
+    return ask(client, request_begin(LYR_MSG_GET_CURRENT_TRACK_POSITION),
+               [&](field_reader& reader) { *position = read<int32_t>(reader); });
 }
 
 request_track request_current(request_client& client) {
@@ -282,10 +264,10 @@ request_track request_current(request_client& client) {
         return track;
     }
     field_reader reader = {reply.body};
-    track.index = read_i32(reader);
-    track.ts_id = read_u64(reader);
-    const int32_t node_size = read_i32(reader);
-    const int32_t data_size = read_i32(reader);
+    track.index = read<int32_t>(reader);
+    track.ts_id = read<uint64_t>(reader);
+    const int32_t node_size = read<int32_t>(reader);
+    const int32_t data_size = read<int32_t>(reader);
     const size_t start = reader.at;
     if (node_size > 0) {
         track.node = read_node(reader);
@@ -306,41 +288,23 @@ request_track request_current_settled(request_client& client) {
 
 int32_t request_browse(request_client& client, int32_t ms_id, const std::string& folder,
                        int32_t offset, int32_t limit, std::vector<request_node>& nodes) {
-    std::string payload = request_begin(LYR_MSG_BROWSE);
-    request_i32(payload, ms_id);
-    request_i32(payload, offset);
-    request_i32(payload, limit);
-    request_text(payload, folder);
-    return nodes_of(request_send(client, payload), nodes);
+    return ask_nodes(client, packed(LYR_MSG_BROWSE, ms_id, offset, limit, folder), nodes);
 }
 
 int32_t request_search(request_client& client, int32_t ms_id, const std::string& filter,
                        const std::string& text, int32_t offset, int32_t limit,
                        std::vector<request_node>& nodes) {
-    std::string payload = request_begin(LYR_MSG_SEARCH);
-    request_i32(payload, ms_id);
-    request_i32(payload, offset);
-    request_i32(payload, limit);
-    request_text(payload, filter);
-    request_text(payload, text);
-    return nodes_of(request_send(client, payload), nodes);
+    return ask_nodes(client, packed(LYR_MSG_SEARCH, ms_id, offset, limit, filter, text), nodes);
 }
 
 int32_t request_tracks(request_client& client, uint64_t ts_id, int32_t offset, int32_t limit,
                        std::vector<request_node>& nodes) {
-    std::string payload = request_begin(LYR_MSG_GET_TRKSESSION_TRACKS);
-    request_u64(payload, ts_id);
-    request_i32(payload, offset);
-    request_i32(payload, limit);
-    return nodes_of(request_send(client, payload), nodes);
+    return ask_nodes(client, packed(LYR_MSG_GET_TRKSESSION_TRACKS, ts_id, offset, limit), nodes);
 }
 
 int32_t request_metadata_of(request_client& client, int32_t ms_id, const std::string& node,
                             request_metadata& data) {
-    std::string payload = request_begin(LYR_MSG_GET_METADATA);
-    request_i32(payload, ms_id);
-    request_text(payload, node);
-    const request_reply reply = request_send(client, payload);
+    const request_reply reply = request_send(client, packed(LYR_MSG_GET_METADATA, ms_id, node));
     data = {};
     if (!reply.body.empty()) {
         field_reader reader = {reply.body};
@@ -352,21 +316,17 @@ int32_t request_metadata_of(request_client& client, int32_t ms_id, const std::st
 
 int32_t request_extended(request_client& client, int32_t ms_id, const std::string& node,
                          const std::vector<std::string>& keys, std::vector<std::string>& values) {
-    std::string payload = request_begin(LYR_MSG_GET_EXTENDED_METADATA);
-    request_i32(payload, ms_id);
-    request_text(payload, node);
-    request_i32(payload, static_cast<int32_t>(keys.size()));
+    std::string payload =
+        packed(LYR_MSG_GET_EXTENDED_METADATA, ms_id, node, static_cast<int32_t>(keys.size()));
     for (const std::string& key : keys) {
         request_text(payload, key);
     }
-    const request_reply reply = request_send(client, payload);
     values.clear();
-    field_reader reader = {reply.body};
-    for (size_t i = 0; reply.result == 0 && i < keys.size(); ++i) {
-        values.push_back(read_text(reader));
-    }
-    check_end(reader);
-    return reply.result;
+    return ask(client, payload, [&](field_reader& reader) {
+        while (values.size() < keys.size()) {
+            values.push_back(read_text(reader));
+        }
+    });
 }
 
 std::string request_ids(const std::vector<request_node>& nodes) {

@@ -19,13 +19,7 @@ constexpr size_t HEADER_SIZE = 28;
 constexpr int16_t TYPE_OPEN = 0x200;
 constexpr int16_t TYPE_PUTGET = 0x203;
 
-void put(std::string& text, size_t at, const void* value, size_t size) {
-    text.replace(at, size, static_cast<const char*>(value), size);
-}
-
-} // namespace
-
-static bool connect_to(wire_client& client, const std::string& path, int flags) {
+bool connect_to(wire_client& client, const std::string& path, int flags) {
     /* A path of any length goes through the folder's descriptor. */
     const size_t slash = path.rfind('/');
     const vel_fd folder(open(path.substr(0, slash).c_str(), O_PATH | O_CLOEXEC));
@@ -43,6 +37,8 @@ static bool connect_to(wire_client& client, const std::string& path, int flags) 
            connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
+} // namespace
+
 bool wire_connect(wire_client& client, const std::string& path) {
     return connect_to(client, path, 0);
 }
@@ -59,7 +55,6 @@ void wire_close(wire_client& client) {
 }
 
 bool wire_send(wire_client& client, const std::string& message) {
-    client.sequence += 1;
     return send(client.fd, message.data(), message.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(message.size());
 }
@@ -98,12 +93,15 @@ wire_reply wire_call(wire_client& client, const std::string& message) {
 std::string wire_header(const wire_client& client, int16_t type, int32_t length, int32_t size,
                         uint32_t tag) {
     std::string header(HEADER_SIZE, '\0');
-    put(header, 0, &type, sizeof type);
-    put(header, 4, &client.service_index, sizeof client.service_index);
-    put(header, 6, &client.connection_index, sizeof client.connection_index);
-    put(header, 8, &tag, sizeof tag);
-    put(header, 12, &length, sizeof length);
-    put(header, 16, &size, sizeof size);
+    const auto put = [&](size_t at, const auto& value) {
+        std::memcpy(header.data() + at, &value, sizeof value);
+    };
+    put(0, type);
+    put(4, client.service_index);
+    put(6, client.connection_index);
+    put(8, tag);
+    put(12, length);
+    put(16, size);
     return header;
 }
 

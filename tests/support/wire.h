@@ -10,7 +10,6 @@ constexpr int WIRE_LIMIT = 120000; /* ms */
 
 struct wire_client {
     int fd = -1;
-    uint32_t sequence = 0; /* messages sent */
     int16_t service_index = 0;
     int16_t connection_index = 0;
 };

@@ -54,6 +54,8 @@ std::vector<int> tones_of(const std::string& folder) {
     return tones;
 }
 
+} // namespace
+
 TEST(Album, PlaysFromFolderToSound) {
     const temporary_folder music;
     make_album(music.path);
@@ -65,29 +67,22 @@ TEST(Album, PlaysFromFolderToSound) {
     rig.daemon.player["update_interval"] = "50";
     rig.daemon.plugins.push_back(
         {"files", "", {{"folders", music.path}, {"mounts", ""}}, false, FILES_PLUGIN});
-    ASSERT_TRUE(daemon_start(rig.daemon));
-    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    ASSERT_TRUE(rig_run(rig));
     ASSERT_EQ(request_sources(rig.client).size(), 1u);
 
-    uint64_t ts_id = 0;
+    /* Started at the first file: its folder's files come before the folders. */
+    const uint64_t ts_id = rig_session(rig, "album", "/", 6, 2);
     std::vector<request_node> nodes;
-    EXPECT_EQ(request_open(rig.client, "album"), 0);
     EXPECT_EQ(request_browse(rig.client, 0, "/", 0, -1, nodes), 0);
     EXPECT_EQ(request_ids(nodes), "/a /empty /0 broken.mp3 /1.flac /2.ogg /3.mp3 /4 caf\xe9.flac ");
-    /* Started at the first file: its folder's files come before the folders. */
-    EXPECT_EQ(request_create(rig.client, 0, "/", -1, 2, &ts_id), 0);
     /* Nothing keeps time here: the tracks end as fast as they can be written. */
-    EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "trksession", "length", ":n:6"));
     EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
     /* It says that it plays before play is answered, and stops after the last track. */
     EXPECT_TRUE(daemon_await_object(rig.daemon, "album", "state", "status", "::stopped"));
     EXPECT_EQ(request_current(rig.client).index, 5);
     EXPECT_EQ(request_current(rig.client).data.title, "Five");
     EXPECT_EQ(request_destroy(rig.client, ts_id), 0);
-    request_disconnect(rig.client);
-    EXPECT_EQ(daemon_stop(rig.daemon), 0) << daemon_log(rig.daemon);
-    rig_expect_clean(rig.daemon);
-
+    EXPECT_EQ(rig_stop(rig), 0) << daemon_log(rig.daemon);
     EXPECT_EQ(tones_of(rig.daemon.root), (std::vector<int>{400, 600, 800, 1000, 1200}));
     daemon_remove(rig.daemon);
 }
@@ -102,25 +97,14 @@ TEST(Album, EndsInTheMiddleOfATrack) {
     rig.daemon.player["update_interval"] = "20";
     rig.daemon.plugins.push_back(
         {"files", "", {{"folders", music.path}, {"mounts", ""}}, false, FILES_PLUGIN});
-    ASSERT_TRUE(daemon_start(rig.daemon));
-    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
-    EXPECT_EQ(request_open(rig.client, "radio"), 0);
-    uint64_t ts_id = 0;
-    EXPECT_EQ(request_create(rig.client, 0, "/", -1, 0, &ts_id), 0);
+    ASSERT_TRUE(rig_run(rig));
+    rig_session(rig, "radio", "/", 1);
     EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
-    for (int32_t position = 0; position < 100;) {
-        ASSERT_EQ(request_position(rig.client, &position), 0);
-    }
-    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PAUSE), 0);
     EXPECT_EQ(request_number(rig.client, LYR_MSG_SEEK, 30000), 0);
-    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
     for (int32_t position = 0; position < 30100;) {
         ASSERT_EQ(request_position(rig.client, &position), 0);
     }
-    EXPECT_EQ(daemon_stop(rig.daemon), 0) << daemon_log(rig.daemon);
+    EXPECT_EQ(rig_stop(rig), 0) << daemon_log(rig.daemon);
     rig_expect_clean(rig.daemon);
-    request_disconnect(rig.client);
     daemon_remove(rig.daemon);
 }
-
-} // namespace

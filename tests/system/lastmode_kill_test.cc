@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -54,17 +55,18 @@ int32_t draw(scene& scene, int32_t below) {
     return static_cast<int32_t>(scene.random() % static_cast<unsigned>(below));
 }
 
+/* As the database has it. */
 std::string told(const moment& moment) {
-    return "folder " + std::to_string(moment.folder) + " track " + std::to_string(moment.track) +
-           " position " + std::to_string(moment.position) + " shuffle " +
-           std::to_string(moment.shuffle) + " repeat " + std::to_string(moment.repeat) +
-           (moment.plays ? " plays" : " rests") + (moment.is_sure ? "" : " perhaps");
+    std::ostringstream text;
+    text << "/f" << moment.folder << ' ' << moment.track << ' ' << moment.position << ' '
+         << moment.shuffle << ' ' << moment.repeat << (moment.plays ? " 1" : " 0");
+    return text.str();
 }
 
 bool is_same(const moment& found, const moment& was) {
-    return found.folder == was.folder && found.track == was.track &&
-           found.position == was.position && found.shuffle == was.shuffle &&
-           found.repeat == was.repeat && (found.plays == was.plays || !was.is_sure);
+    moment expected = was;
+    expected.plays = was.is_sure ? was.plays : found.plays;
+    return told(found) == told(expected);
 }
 
 /* False when the service does not answer, or has no session of 40 tracks and more. */
@@ -116,11 +118,7 @@ void command(scene& scene, kept_player& player) {
     uint64_t ts_id = 0;
     switch (draw(scene, 7)) {
     case 0:
-        next = {};
-        next.folder = number % FOLDERS;
-        next.track = 39;
-        next.is_sure = false;
-        player.moments.push_back(next);
+        next = {.folder = number % FOLDERS, .track = 39, .is_sure = false};
         /* The first step imports all tracks up to the one it begins with: 40 at least. */
         result = request_create(player.client, player.source, "/f" + std::to_string(next.folder),
                                 -1, 39, &ts_id);
@@ -129,37 +127,32 @@ void command(scene& scene, kept_player& player) {
         next.track = number;
         next.position = 0;
         next.is_sure = false;
-        player.moments.push_back(next);
         result = request_number(player.client, LYR_MSG_JUMP, number);
         break;
     case 2:
         next.shuffle = number % 2;
-        player.moments.push_back(next);
         result = request_number(player.client, LYR_MSG_SHUFFLE, next.shuffle);
         break;
     case 3:
         next.repeat = number % 3;
-        player.moments.push_back(next);
         result = request_number(player.client, LYR_MSG_REPEAT, next.repeat);
         break;
     case 4:
         next.plays = true;
-        player.moments.push_back(next);
         result = request_simple(player.client, LYR_MSG_PLAY);
         break;
     case 5:
-        next.is_sure = false; /* may begin the track anew */
+        next.is_sure = false;
         player.moments.push_back(next);
-        next.position = 0;
-        player.moments.push_back(next);
+        next.position = 0; /* may begin the track anew */
         result = request_simple(player.client, number % 2 == 0 ? LYR_MSG_PAUSE : LYR_MSG_STOP);
         break;
     default:
         next.position = 1000 * number;
-        player.moments.push_back(next);
         result = fake_execute(player.fake, "event position value=" + std::to_string(next.position),
                               ignored);
     }
+    player.moments.push_back(next);
     moment now;
     if (result == REQUEST_FAILED || !observe(player, now)) {
         scene.is_dead = true;
@@ -170,13 +163,10 @@ void command(scene& scene, kept_player& player) {
 
 /* Waits until the database holds what the player is in now, with the service alive. */
 void await_saved(const kept_player& player) {
-    const moment& now = player.moments.back();
     saved_await(player.name,
                 "mn_id||' '||trk_id||' '||trk_pos||' '||shuffle_mode||' '||repeat_mode||' '||"
                 "(status=2)",
-                "/f" + std::to_string(now.folder) + ' ' + std::to_string(now.track) + ' ' +
-                    std::to_string(now.position) + ' ' + std::to_string(now.shuffle) + ' ' +
-                    std::to_string(now.repeat) + (now.plays ? " 1" : " 0"));
+                told(player.moments.back()));
 }
 
 /* Both players are in one of their moments, with all their tracks. */
@@ -195,7 +185,7 @@ void verify(scene& scene) {
         std::string all;
         for (const moment& was : player.moments) {
             is_known = is_known || is_same(found, was);
-            all += told(was) + '\n';
+            all += told(was) + (was.is_sure ? "\n" : " perhaps\n");
         }
         ASSERT_TRUE(is_known) << told(found) << "\nis none of\n" << all;
         player.moments = {found};

@@ -20,25 +20,12 @@ void start(rig& rig, bool as_user) {
     if (as_user) {
         rig.daemon.options.push_back(OPTION);
     }
-    ASSERT_TRUE(daemon_start(rig.daemon));
-    rig.disk = daemon_fake(rig.daemon, "disk");
-    fake_tree(rig.disk, "", "/a|tracks:5\n");
-    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
+    ASSERT_TRUE(rig_run(rig, "/a|tracks:5\n"));
 }
 
 /* SIGTERM saves, SIGKILL leaves everything where it is. */
-void end(rig& rig, int signal) {
-    request_disconnect(rig.client);
-    fake_close(rig.disk);
-    daemon_signal(rig.daemon, signal);
-    EXPECT_EQ(daemon_wait(rig.daemon), signal == SIGTERM ? 0 : 128 + signal);
-}
-
-void make_session(rig& rig, const char* player) {
-    uint64_t ts_id = 0;
-    EXPECT_EQ(request_open(rig.client, player), 0);
-    EXPECT_EQ(request_create(rig.client, 0, "/a", -1, 0, &ts_id), 0);
-    EXPECT_TRUE(daemon_await_object(rig.daemon, player, "trksession", "length", ":n:5"));
+void end(rig& rig, int signal = SIGTERM) {
+    EXPECT_EQ(rig_stop(rig, signal), signal == SIGTERM ? 0 : 128 + signal);
 }
 
 bool has_session(const rig& rig, const char* player) {
@@ -84,38 +71,36 @@ struct lastmode_user : ::testing::Test {
 
 TEST_F(lastmode_user, saves_and_restores_in_an_empty_place) {
     start(world, true);
-    make_session(world, "first");
-    for (int run = 0; run < 2; ++run) {
-        end(world, SIGTERM);
-        start(world, true);
-        EXPECT_TRUE(has_session(world, "first"));
-    }
+    rig_session(world, "first", "/a", 5);
+    end(world);
+    start(world, true);
+    EXPECT_TRUE(has_session(world, "first"));
     EXPECT_EQ(strangers(world.daemon.root + "/state"), "");
     EXPECT_EQ(strangers(daemon_path(world.daemon, "/dev/sqldb")), "");
-    end(world, SIGTERM);
+    end(world);
 }
 
 TEST_F(lastmode_user, takes_over_what_root_has_left) {
+    const std::string state = world.daemon.root + "/state";
     start(world, false);
-    make_session(world, "root's");
-    end(world, SIGTERM);
+    rig_session(world, "root's", "/a", 5);
+    end(world);
     for (const int signal : {SIGTERM, SIGKILL}) {
         start(world, false);
         EXPECT_TRUE(has_session(world, "root's"));
         end(world, signal);
         start(world, true);
         EXPECT_TRUE(has_session(world, "root's"));
-        const std::string mine = signal == SIGTERM ? "mine" : "mine, too";
-        make_session(world, mine.c_str());
-        end(world, SIGTERM);
-        EXPECT_EQ(strangers(world.daemon.root + "/state"), "");
+        const char* mine = signal == SIGTERM ? "mine" : "mine, too";
+        rig_session(world, mine, "/a", 5);
+        end(world);
+        EXPECT_EQ(strangers(state), "");
         start(world, true);
         EXPECT_TRUE(has_session(world, "root's"));
-        EXPECT_TRUE(has_session(world, mine.c_str()));
-        end(world, SIGTERM);
+        EXPECT_TRUE(has_session(world, mine));
+        end(world);
         /* Given back to root, for the next round. */
-        const std::string root = world.daemon.root + "/state";
-        for (const std::string& top : {root, world.daemon.run}) {
+        for (const std::string& top : {state, world.daemon.run}) {
             ASSERT_EQ(chown(top.c_str(), 0, 0), 0);
             for (const auto& entry : fs::recursive_directory_iterator(top)) {
                 ASSERT_EQ(lchown(entry.path().c_str(), 0, 0), 0);

@@ -9,23 +9,57 @@ namespace fs = std::filesystem;
 bool rig_start(rig& rig, const std::string& tree) {
     daemon_prepare(rig.daemon);
     rig.daemon.plugins.push_back({"disk", "source disk", {}});
+    return rig_run(rig, tree);
+}
+
+bool rig_run(rig& rig, const std::string& tree) {
+    const test_daemon& daemon = rig.daemon;
     if (!daemon_start(rig.daemon)) {
         return false;
     }
-    rig.disk = daemon_fake(rig.daemon, "disk");
-    fake_tree(rig.disk, "", tree);
-    const bool connected = request_connect(rig.client, rig.daemon.service);
+    if (!daemon.plugins.empty() && daemon.plugins[0].library.empty()) {
+        rig.disk = daemon_fake(daemon, daemon.plugins[0].name);
+        if (!tree.empty()) {
+            fake_tree(rig.disk, "", tree);
+        }
+    }
+    const bool connected =
+        daemon.own_root ? request_connect_wire(rig.client, rig_socket(daemon), daemon.service)
+                        : request_connect(rig.client, daemon.service);
     EXPECT_TRUE(connected);
     return connected;
 }
 
-void rig_end(rig& rig) {
+uint64_t rig_session(rig& rig, const std::string& player, const std::string& folder, int32_t tracks,
+                     int32_t start) {
+    uint64_t ts_id = UINT64_MAX;
+    EXPECT_EQ(request_open(rig.client, player), 0);
+    EXPECT_EQ(request_create(rig.client, 0, folder, -1, start, &ts_id), 0);
+    EXPECT_TRUE(daemon_await_object(rig.daemon, player, "trksession", "length",
+                                    ":n:" + std::to_string(tracks)));
+    return ts_id;
+}
+
+void rig_hang_up(rig& rig) {
     request_disconnect(rig.client);
     fake_close(rig.disk);
+}
+
+int rig_stop(rig& rig, int signal) {
+    rig_hang_up(rig);
+    if (rig.daemon.pid <= 0) {
+        return -1;
+    }
+    daemon_signal(rig.daemon, signal);
+    return daemon_wait(rig.daemon);
+}
+
+void rig_end(rig& rig) {
     if (rig.daemon.pid > 0) {
-        EXPECT_EQ(daemon_stop(rig.daemon), 0) << daemon_log(rig.daemon);
+        EXPECT_EQ(rig_stop(rig), 0) << daemon_log(rig.daemon);
         rig_expect_clean(rig.daemon);
     }
+    rig_hang_up(rig);
     daemon_remove(rig.daemon);
 }
 

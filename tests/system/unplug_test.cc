@@ -10,14 +10,9 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int UNPLUGS = 240;
-#else
-constexpr int UNPLUGS = 1000;
-#endif
+constexpr int UNPLUGS = RIG_SANITIZED ? 240 : 1000;
 constexpr int SOURCES = 4; /* "s0" ..., each with a thread that pulls it out */
 constexpr int PLAYERS = 6;
-constexpr const char* TREE = "/a|tree:2,2,6\n";
 
 std::string uid_of(int source) {
     return "s" + std::to_string(source);
@@ -72,11 +67,8 @@ TEST(Unplug, AThousandTimesDuringPlay) {
         script += "source " + uid_of(i) + "\n";
     }
     rig.daemon.plugins.push_back({"stick", script, {}});
-    ASSERT_TRUE(daemon_start(rig.daemon));
-    rig.disk = daemon_fake(rig.daemon, "stick");
-    fake_tree(rig.disk, "", TREE);
+    ASSERT_TRUE(rig_run(rig, "/a|tree:2,2,6\n"));
     fake_do(rig.disk, "rule browse page=3");
-    ASSERT_TRUE(request_connect(rig.client, rig.daemon.service));
 
     std::atomic<int> left = UNPLUGS;
     std::vector<std::thread> threads;
@@ -103,8 +95,6 @@ TEST(Unplug, AThousandTimesDuringPlay) {
         EXPECT_EQ(request_create(rig.client, i % SOURCES, "/a", -1, 0, &ts_id), 0);
         EXPECT_TRUE(daemon_await_object(rig.daemon, name, "trksession", "length", ":n:42"));
         EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
-        EXPECT_EQ(daemon_object(rig.daemon, name, "state").at("status"), "::playing");
-        EXPECT_EQ(daemon_object(rig.daemon, name, "track").at("index"), ":n:0");
         EXPECT_EQ(request_destroy(rig.client, ts_id), 0);
         EXPECT_EQ(request_close(rig.client, name), 0);
     }

@@ -4,10 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 
 static const std::string root = [] {
     char name[] = "/tmp/transport-test-XXXXXX";
@@ -17,8 +15,12 @@ static const std::string root = [] {
     return made;
 }();
 
-char pattern_byte(size_t i) {
-    return static_cast<char>(i * 7 + i / 256);
+std::string pattern(size_t size) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = static_cast<char>(i * 7 + i / 256);
+    }
+    return text;
 }
 
 namespace {
@@ -28,20 +30,16 @@ harness* owner_of(osb* connection) {
 }
 
 void reply_big(osb* connection, recv_context* context, size_t size) {
-    std::string body(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        body[i] = pattern_byte(i);
-    }
+    std::string body = pattern(size);
     const iovec pieces[3] = {
         {body.data(), size / 3}, {nullptr, 0}, {body.data() + size / 3, size - size / 3}};
     connection->server->replyv(connection, context, 0, pieces, 3);
 }
 
 void keep(harness* h, osb* connection, recv_context* context) {
-    std::lock_guard<std::mutex> guard(h->lock);
     const auto* header = reinterpret_cast<const msg_header*>(context->buffer);
-    h->kept.push_back({connection, context->rcvid, header->tag});
-    h->changed.notify_all();
+    h->kept = {connection, context->rcvid, header->tag};
+    h->keeps = true;
 }
 
 void serve(osb* connection, recv_context* context, const std::string& request) {
@@ -73,9 +71,8 @@ void serve(osb* connection, recv_context* context, const std::string& request) {
 
 void worker(osb* connection, recv_context* context, service*) {
     harness* h = owner_of(connection);
-    const int now = ++h->inside;
-    int most = h->most_inside;
-    while (most < now && !h->most_inside.compare_exchange_weak(most, now)) {
+    if (++h->inside > 1) {
+        h->overlaps = true;
     }
     const auto* header = reinterpret_cast<const msg_header*>(context->buffer);
     serve(connection, context,
@@ -85,31 +82,32 @@ void worker(osb* connection, recv_context* context, service*) {
 }
 
 int32_t on_connect(osb* connection, recv_context*, service*) {
-    harness* h = owner_of(connection);
-    ++h->connects;
-    return h->refuse ? EDOM : 0;
+    return owner_of(connection)->refuse ? EDOM : 0;
 }
 
 void on_disconnect(osb* connection, recv_context* context, service*) {
     harness* h = owner_of(connection);
-    std::lock_guard<std::mutex> guard(h->lock);
-    ++h->disconnects;
     h->hang_ups += context == nullptr ? 1 : 0;
-    h->changed.notify_all();
+    ++h->disconnects;
 }
 
 } // namespace
 
-void harness_start(harness* h, int threads, int32_t max_size, const char* options) {
-    h->server = msgserver_create(max_size, 5, MSGSERVER_BY_PATH);
-    ASSERT_NE(h->server, nullptr);
-    h->server->user_data = h;
-    ASSERT_EQ(msgserver_add(h->server, TEST_SERVICE, nullptr, options, 0, worker, on_connect,
-                            on_disconnect),
-              0)
+harness::harness(int count, int32_t max_size, const char* options)
+    : server(msgserver_create(max_size, 5, MSGSERVER_BY_PATH)) {
+    server->user_data = this;
+    EXPECT_EQ(
+        msgserver_add(server, TEST_SERVICE, nullptr, options, 0, worker, on_connect, on_disconnect),
+        0)
         << strerror(errno);
-    for (int i = 0; i < threads; ++i) {
-        h->threads.emplace_back(msgserver_thread_loop, h->server);
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back(msgserver_thread_loop, server);
+    }
+}
+
+harness::~harness() {
+    if (server != nullptr) {
+        harness_stop(this);
     }
 }
 
@@ -124,20 +122,20 @@ void harness_stop(harness* h) {
 }
 
 void harness_await_disconnects(harness* h, int count) {
-    std::unique_lock<std::mutex> guard(h->lock);
-    h->changed.wait(guard, [&] { return h->disconnects >= count; });
+    while (h->disconnects < count) {
+        std::this_thread::yield();
+    }
 }
 
 void harness_late(harness* h, const char* text) {
-    harness::late late;
-    {
-        std::unique_lock<std::mutex> guard(h->lock);
-        h->changed.wait(guard, [&] { return !h->kept.empty(); });
-        late = h->kept.front();
-        h->kept.erase(h->kept.begin());
+    while (!h->keeps) {
+        std::this_thread::yield();
     }
+    h->keeps = false;
     const iovec body{const_cast<char*>(text), strlen(text)};
-    EXPECT_EQ(h->server->reply2(late.connection, late.rcvid, late.tag, 3, &body, 1), 0);
+    EXPECT_EQ(
+        h->server->reply2(h->kept.connection, h->kept.rcvid, h->kept.tag, LATE_STATUS, &body, 1),
+        0);
 }
 
 static int32_t connections(harness* h) {
@@ -157,20 +155,13 @@ void harness_await_connections(harness* h, int32_t count) {
     }
 }
 
-int32_t harness_connections_open(harness* h) {
-    vel_lock_guard guard(h->server->lock);
-    return static_cast<service*>(_array_get(&h->server->services, 0))->connections_open;
-}
-
 int64_t harness_queued(harness* h) {
     vel_lock_guard guard(h->server->lock);
     return h->server->queued_bytes;
 }
 
-msgclient_t* harness_open() {
-    msgclient_t* client = msgclient_open(TEST_SERVICE, nullptr, 0);
-    EXPECT_NE(client, nullptr) << strerror(errno);
-    return client;
+scoped_client::scoped_client() : record(msgclient_open(TEST_SERVICE, nullptr, 0)) {
+    EXPECT_NE(record, nullptr) << strerror(errno);
 }
 
 std::string ask(msgclient_t* client, const std::string& request, size_t capacity) {
@@ -180,68 +171,33 @@ std::string ask(msgclient_t* client, const std::string& request, size_t capacity
         msgclient_putget(client, request.data(), static_cast<int32_t>(request.size()), reply.data(),
                          static_cast<int32_t>(capacity), &length, 0);
     if (result != 0) {
-        return "error " + std::to_string(result);
+        return error(result);
     }
     reply.resize(static_cast<size_t>(length));
     return reply;
 }
 
-raw_reply raw_call(message_client* client, const msg_header& header, const std::string& payload,
-                   size_t send_size) {
-    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
-    bytes += payload;
-    bytes.resize(std::min(send_size, bytes.size()));
-    raw_reply reply;
-    reply.body.resize(200000);
-    const iovec out{bytes.data(), bytes.size()};
-    const iovec in[2] = {{&reply.header, sizeof reply.header},
-                         {reply.body.data(), reply.body.size()}};
-    message_result result;
-    reply.error = message_call(client, &out, 1, -1, in, 2, &result);
-    reply.status = result.status;
-    reply.received = result.received;
-    reply.body.resize(result.received > sizeof header ? result.received - sizeof header : 0);
-    return reply;
+std::string error(int number) {
+    return "error " + std::to_string(number);
 }
 
-msg_header raw_open(message_client* client) {
-    EXPECT_EQ(
-        message_connect(client, (std::string("/sys/csm/") + TEST_SERVICE + "/default").c_str()), 0);
-    msg_header header{};
-    header.type = CSM_OPEN;
-    const raw_reply reply = raw_call(client, header, std::string(TEST_SERVICE) + '\0');
-    EXPECT_EQ(reply.error, 0);
-    return reply.header;
+int32_t put(msgclient_t* client, uint32_t tag, const std::string& request) {
+    return msgclient_put(client, tag, request.data(), static_cast<int32_t>(request.size()), 0);
 }
 
-const std::vector<long> POLL_CALLS = {
-#ifdef SYS_poll
-    SYS_poll,
-#endif
-    SYS_ppoll,
-};
-
-bool await_in(const std::atomic<pid_t>& thread, const std::vector<long>& calls) {
-    while (thread == 0) {
-        std::this_thread::yield();
+void in_threads(int count, const std::function<void(int)>& body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back(body, i);
     }
-    const std::string path = "/proc/self/task/" + std::to_string(thread) + "/syscall";
-    for (;;) {
-        std::ifstream file(path);
-        std::string number;
-        if (!(file >> number)) {
-            return false;
-        }
-        for (const long call : calls) {
-            if (number == std::to_string(call)) {
-                return true;
-            }
-        }
-        std::this_thread::yield();
+    for (std::thread& thread : threads) {
+        thread.join();
     }
 }
 
-int descriptor_count() {
-    const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return static_cast<int>(std::distance(begin(folder), end(folder)));
+wire_client raw_client(bool opens) {
+    wire_client client;
+    EXPECT_TRUE(wire_connect(client, root + "/sys/csm/" + TEST_SERVICE + "/default"));
+    EXPECT_TRUE(!opens || wire_open(client, TEST_SERVICE));
+    return client;
 }
