@@ -312,17 +312,18 @@ TEST(nowplaying, forgets_what_a_lost_arbiter_told) {
 /* Somebody who speaks as soon as there is an arbiter. */
 TEST(nowplaying, registers_before_it_says_anything_else) {
     scene s;
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 300; ++i) {
         {
             vel_lock_guard guard(s.player->np_lock);
             s.player->np_lost = 0;
         }
         std::thread eager([&s] {
             bool again = false;
-            while (!again) {
-                std::this_thread::yield();
-                vel_lock_guard guard(s.player->np_lock);
-                again = s.player->np_lost == 1 && s.player->np_fd >= 0;
+            while (!again) { /* awake, to have the lock as soon as it is free */
+                if (vel_mutex_try_lock(&s.player->np_lock)) {
+                    again = s.player->np_lost == 1 && s.player->np_fd >= 0;
+                    vel_mutex_unlock(&s.player->np_lock);
+                }
             }
             nowplaying_msg(s.player, ASKED);
         });
