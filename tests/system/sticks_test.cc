@@ -173,6 +173,7 @@ TEST_F(Sticks, MayBePulledOutAtAnyMoment) {
     daemon_signal(car.daemon, SIGTERM);
     stick_pull(car.place + "/one");
     EXPECT_EQ(daemon_wait(car.daemon), 0) << daemon_log(car.daemon);
+    rig_hang_up(car);
     rig_expect_clean(car.daemon);
     daemon_remove(car.daemon);
 }
