@@ -219,7 +219,7 @@ int32_t request_speed(request_client& client, float rate) {
 
 std::vector<request_source> request_sources(request_client& client) {
     const request_reply reply = request_send(client, request_begin(LYR_MSG_GET_MEDIA_SOURCE));
-    return reply.status != 0 ? std::vector<request_source>() : read_list(reply.body, read_source);
+    return reply.result != 0 ? std::vector<request_source>() : read_list(reply.body, read_source);
 }
 
 lyr_state_reply request_state(request_client& client) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,8 @@ static constexpr char UPDATE_PLAYER[] = "UPDATE players SET status=%d, shuffle_m
                                         "repeat_mode=%d, playback_rate=%f WHERE ts_id=%llu";
 static constexpr char UPDATE_SESSION[] =
     "UPDATE trksessions SET length=%d, trk_id=%d, trk_pos=%d WHERE ts_id=%llu";
+
+static constexpr char NOT_SAVED[] = "What the players play could not be saved: %s";
 
 /* Tracks whose records are copied at a time; the session grows and plays meanwhile. */
 static constexpr int32_t PAGE = 256;
@@ -124,9 +127,8 @@ static int32_t update(sqldb_connection* connection, const saved_player* player, 
 
 static int32_t delete_rows(sqldb_connection* connection, uint64_t ts_id) noexcept {
     for (const char* table : {TRACKS, SESSIONS, PLAYERS}) {
-        const std::string text = std::string("DELETE FROM ") + table + " WHERE ts_id=%llu";
-        if (sqldb_statement(connection, text.c_str(), static_cast<unsigned long long>(ts_id)) !=
-            0) {
+        if (sqldb_statement(connection, "DELETE FROM '%q' WHERE ts_id=%llu", table,
+                            static_cast<unsigned long long>(ts_id)) != 0) {
             return -1;
         }
     }
@@ -135,7 +137,7 @@ static int32_t delete_rows(sqldb_connection* connection, uint64_t ts_id) noexcep
 
 /* The ids of the rows that stay, each once, in an order in which they can move to the ids that
  * begin at STAYING_IDS without one taking the place of another: those from there on come first. */
-static std::vector<int64_t> staying_ids(const snapshot* now) noexcept {
+static std::vector<int64_t> staying_ids(const snapshot* now) {
     std::vector<int64_t> ids;
     for (int32_t i = 0; i < now->count; ++i) {
         if (now->players[i].rows != nullptr) {
@@ -151,25 +153,23 @@ static std::vector<int64_t> staying_ids(const snapshot* now) noexcept {
 
 /* Empties a table but for the rows that stay. */
 static int32_t clear(sqldb_connection* connection, const char* table,
-                     const std::vector<int64_t>& staying) noexcept {
-    std::string text = std::string("DELETE FROM ") + table;
+                     const std::vector<int64_t>& staying) {
     if (staying.empty()) {
-        text += ";";
-    } else {
-        text += " WHERE ts_id IS NULL OR ts_id NOT IN (";
-        for (const int64_t id : staying) {
-            text += std::to_string(id) + ',';
-        }
-        text.back() = ')';
+        return sqldb_statement(connection, "DELETE FROM '%q';", table);
     }
+    std::string text =
+        std::string("DELETE FROM ") + table + " WHERE ts_id IS NULL OR ts_id NOT IN (";
+    for (const int64_t id : staying) {
+        text += std::to_string(id) + ',';
+    }
+    text.back() = ')';
     return sqldb_statement(connection, text.c_str());
 }
 
 static int32_t move_rows(sqldb_connection* connection, int64_t from, int64_t to) noexcept {
     for (const char* table : {TRACKS, SESSIONS, PLAYERS}) {
-        const std::string text =
-            std::string("UPDATE ") + table + " SET ts_id=%llu WHERE ts_id=%llu";
-        if (sqldb_statement(connection, text.c_str(), static_cast<unsigned long long>(to),
+        if (sqldb_statement(connection, "UPDATE '%q' SET ts_id=%llu WHERE ts_id=%llu", table,
+                            static_cast<unsigned long long>(to),
                             static_cast<unsigned long long>(from)) != 0) {
             return -1;
         }
@@ -197,8 +197,7 @@ static int32_t move_staying(sqldb_connection* connection, const std::vector<int6
 }
 
 /* The order of the first save of all; deleting the keys' count makes them begin at 1 again. */
-static int32_t clear_all(sqldb_connection* connection,
-                         const std::vector<int64_t>& staying) noexcept {
+static int32_t clear_all(sqldb_connection* connection, const std::vector<int64_t>& staying) {
     return clear(connection, TRACKS, staying) != 0 ||
                    sqldb_statement(connection, FORGET_KEYS) != 0 ||
                    clear(connection, SESSIONS, staying) != 0 ||
@@ -207,10 +206,22 @@ static int32_t clear_all(sqldb_connection* connection,
                : 0;
 }
 
+/* Leaves nothing but the rows that stay. */
+static int32_t make_room(sqldb_connection* connection, snapshot* now) noexcept {
+    try {
+        const std::vector<int64_t> staying = staying_ids(now);
+        return clear_all(connection, staying) != 0 || move_staying(connection, staying, now) != 0
+                   ? -1
+                   : 0;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
 int32_t save_all(sqldb_connection* connection, snapshot* now,
                  const std::atomic<bool>* ending) noexcept {
-    const std::vector<int64_t> staying = staying_ids(now);
-    if (clear_all(connection, staying) != 0 || move_staying(connection, staying, now) != 0) {
+    if (make_room(connection, now) != 0) {
         return -1;
     }
     for (int32_t i = 0; i < now->count; ++i) {
@@ -262,7 +273,9 @@ static int32_t save_at_end(control_block* control, sqldb_connection* connection)
     const int32_t result = save_all(connection, &now, nullptr);
     snapshot_free(&now);
     if (result != 0) {
+        const int error = errno;
         (void)sqldb_rollback(connection);
+        errno = error;
     }
     return result;
 }
@@ -280,13 +293,14 @@ int32_t players_save_state(control_block* control) noexcept {
         return -1;
     }
     if (save_at_end(control, connection) != 0) {
+        msglog(3, NOT_SAVED, msglog_error_text(errno));
         (void)sqldb_disconnect(connection);
         return -1;
     }
     (void)sqldb_backup(connection, SQLDB_SCOPE_ALL);
     msglog(7, "The lastmode audio trksession backup is done");
     if (sqldb_disconnect(connection) != 0) {
-        msglog(3, "What the players play could not be saved: %s", msglog_error_text(errno));
+        msglog(3, NOT_SAVED, msglog_error_text(errno));
         return -1;
     }
     (void)pps_unlink(CONFIGURATION);
