@@ -279,7 +279,9 @@ void files_sources_start(const lyrane_internal_callbacks_table* callbacks) {
             return !((*plugin.settings).*places).empty();
         });
     };
-    calls = callbacks;
+    if (folders_watch == nullptr && drives_watch == nullptr) { /* their threads read it */
+        calls = callbacks;
+    }
     if (folders_watch == nullptr && any(&files_settings::folders)) {
         folders_watch = files_watch_start("files-folders", look_at_folders);
     }

@@ -109,6 +109,9 @@ metadata* metadata_of(int32_t ms_id, const std::string& id) VEL_REQUIRES(state.l
         return static_cast<int32_t>(words_to_number(words[key]).value_or(0));
     };
     metadata* data = static_cast<metadata*>(std::calloc(1, sizeof *data));
+    if (data == nullptr) {
+        return nullptr;
+    }
     *data = {text("title"),    number("duration"), text("artwork"), text("artist"),
              text("album"),    text("genre"),      text("year"),    number("width"),
              number("height"), number("disc"),     number("track"), text("extra")};

@@ -146,11 +146,11 @@ TEST_F(slog_test, handlers_and_threads_write_at_once_without_waiting_for_each_ot
         }
     });
     int sent = 0;
-    while (!done) {
+    do {
         pthread_kill(writer.native_handle(), SIGUSR1);
         say(6, "main");
         sent++;
-    }
+    } while (!done);
     done = false;
     writer.join();
     std::map<std::string, int> lines;
