@@ -62,8 +62,8 @@ typedef struct lyr_playback_state {
 /* The callbacks. [plug-in], and, for the four mediasource_* callbacks, also [main] from inside
  * set_mediasource_detection and cleanup.
  * `play_session` and `callback_data` are the handle that `create` returned and the pointer that it
- * was given. Results: 0 or the documented value, -1 when the event was refused (stale session,
- * unknown id, a player that has been closed). Strings are copied. */
+ * was given. Results: 0 or the documented value, -1 when the event was refused (stale session, a
+ * stop or an attach that came first, unknown id, a player that has been closed). Strings are copied. */
 typedef struct lyrane_internal_callbacks_table {
     /* A media source arrived, or came back (same plug-in id and uid, letter case aside).
      * `uid` must not be null. Returns the media-source id or -1. */

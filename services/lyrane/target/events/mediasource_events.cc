@@ -281,7 +281,7 @@ int32_t lyrane_internal_mediasource_capability_changed(int32_t ms_id,
 }
 
 int32_t validate_callback_data(const void* callback_data) noexcept {
-    player* found = player_pin_registered(&mmcontrol, callback_data);
+    player* found = player_pin_registered(&mmcontrol, callback_data, nullptr);
     if (found == nullptr) {
         msglog(3, "Invalid callback_data passed in by Plug-in");
         errno = EINVAL;

@@ -20,13 +20,15 @@ static int32_t invalid_data(void) noexcept {
     return -1;
 }
 
-/* The player that an event is for, pinned; null when the event is refused. */
-static player* event_player(const void* callback_data, const char* event) noexcept {
+/* The player that an event is for, pinned; null when the event is refused. *began receives its
+ * number of changes. */
+static player* event_player(const void* callback_data, const char* event,
+                            uint32_t* began = nullptr) noexcept {
     if (plugin_call_inside() != 0) {
         msglog(3, "Plug-in reports '%s' from inside a call made into it; refused", event);
         return nullptr;
     }
-    player* found = player_pin_registered(&mmcontrol, callback_data);
+    player* found = player_pin_registered(&mmcontrol, callback_data, began);
     if (found == nullptr) {
         (void)invalid_data();
     }
@@ -40,17 +42,30 @@ static bool concerns(const player* player, const void* handle) noexcept VEL_REQU
            session->ms_session->play_session == handle;
 }
 
+/* True when a stop, an attach or another session came between the beginning of an event and its
+ * turn: it tells of a node that is not played any more. */
+static bool overtaken(const player* player, uint32_t began) noexcept VEL_REQUIRES(player->lock) {
+    return player->changes != began;
+}
+
+/* The same for an error. One that began while a node was being attached may be that node's. */
+static bool error_overtaken(const player* player, uint32_t began) noexcept
+    VEL_REQUIRES(player->lock) {
+    return player->changes != began + began % 2;
+}
+
 static int32_t stale(const char* text) noexcept {
     msglog(3, "%s", text);
     return -1;
 }
 
-static int32_t position_updated(player* player, const void* handle, int32_t position) noexcept {
+static int32_t position_updated(player* player, const void* handle, uint32_t began,
+                                int32_t position) noexcept {
     vel_lock_guard guard(player->lock);
     if (player->closed != 0) {
         return invalid_data();
     }
-    if (!concerns(player, handle)) {
+    if (!concerns(player, handle) || overtaken(player, began)) {
         return stale("Invalid position updates callback");
     }
     if (position > 0) {
@@ -79,12 +94,12 @@ static int32_t advance(player* player, trksession* session) noexcept VEL_REQUIRE
     return played;
 }
 
-static int32_t track_finished(player* player, const void* handle) noexcept {
+static int32_t track_finished(player* player, const void* handle, uint32_t began) noexcept {
     vel_lock_guard guard(player->lock);
     if (player->closed != 0) {
         return invalid_data();
     }
-    if (!concerns(player, handle)) {
+    if (!concerns(player, handle) || overtaken(player, began)) {
         return stale("Invalid track finished callback");
     }
     player->error_run = 0;
@@ -134,12 +149,14 @@ static int32_t state_updated(player* player, const void* handle,
     return 0;
 }
 
-static int32_t play_error_occurred(player* player, const void* handle, int32_t error) noexcept {
+static int32_t play_error_occurred(player* player, const void* handle, uint32_t began,
+                                   int32_t error) noexcept {
     vel_lock_guard guard(player->lock);
     if (player->closed != 0) {
         return invalid_data();
     }
-    if (!concerns(player, handle)) {
+    if (!concerns(player, handle) ||
+        (error == LYR_PLAY_ERROR_SKIP && error_overtaken(player, began))) {
         return stale("Invalid track finished callback");
     }
     return play_error_handle(player, error);
@@ -149,22 +166,24 @@ extern "C" {
 
 int32_t lyrane_internal_position_updated(void* play_session, void* callback_data,
                                          int32_t position) noexcept {
-    player* player = event_player(callback_data, "position");
+    uint32_t began = 0;
+    player* player = event_player(callback_data, "position", &began);
     if (player == nullptr) {
         return -1;
     }
-    const int32_t result = position_updated(player, play_session, position);
+    const int32_t result = position_updated(player, play_session, began, position);
     player_unpin(player);
     return result;
 }
 
 int32_t lyrane_internal_track_finished(void* play_session, void* callback_data) noexcept {
-    player* player = event_player(callback_data, "track finished");
+    uint32_t began = 0;
+    player* player = event_player(callback_data, "track finished", &began);
     if (player == nullptr) {
         return -1;
     }
     msglog(7, "Track finished callback: %s", player->name);
-    const int32_t result = track_finished(player, play_session);
+    const int32_t result = track_finished(player, play_session, began);
     player_unpin(player);
     return result;
 }
@@ -195,12 +214,13 @@ int32_t lyrane_internal_state_updated(void* play_session, void* callback_data,
 
 int32_t lyrane_internal_play_error_occurred(void* play_session, void* callback_data,
                                             int32_t error) noexcept {
-    player* player = event_player(callback_data, "play error");
+    uint32_t began = 0;
+    player* player = event_player(callback_data, "play error", &began);
     if (player == nullptr) {
         return -1;
     }
     msglog(3, "playback error callback: %s", player->name);
-    const int32_t result = play_error_occurred(player, play_session, error);
+    const int32_t result = play_error_occurred(player, play_session, began, error);
     player_unpin(player);
     return result;
 }

@@ -106,7 +106,7 @@ mediasource_session* mediasource_session_create(control_block* control, player* 
     session->ms_id = source->id;
     session->player_mode = owner->player_mode;
     session->plugin_name = owner->name;
-    session->player_name = player->name;
+    session->player = player;
     session->capabilities = mediasource_capabilities(source);
     mediasource_browse_session_create(control, player, source, session);
     mediasource_play_session_create(control, player, source, session);

@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "msglog.h"
+#include "player.h"
 #include "plugin_browsing.h"
 #include "plugin_watch.h"
 
@@ -15,7 +16,7 @@ static int32_t enter(const char* plugin, const char* entry,
                      const mediasource_session* session) noexcept {
     ++call_depth;
     return plugin_watch_enter(
-        {plugin, session->player_name, entry, session->ms_id, session->plugin_name});
+        {plugin, session->player->name, entry, session->ms_id, session->plugin_name});
 }
 
 static void leave(int32_t ticket) noexcept {
@@ -99,7 +100,14 @@ void plugin_call_browse_destroy(const mediasource_session* session) noexcept {
 }
 
 int32_t plugin_call_attach(const mediasource_session* session, const medianode* node) noexcept {
-    return call_play(session, "attach_medianode", &lyr_play_api::attach_medianode, node);
+    if (!plugin_call_can_play(session)) {
+        return missing();
+    }
+    session->player->changes += 1; /* the plug-in may report on the new node before it returns */
+    const int32_t result =
+        call_play(session, "attach_medianode", &lyr_play_api::attach_medianode, node);
+    session->player->changes += 1;
+    return result;
 }
 
 int32_t plugin_call_play(const mediasource_session* session) noexcept {
@@ -111,7 +119,11 @@ int32_t plugin_call_pause(const mediasource_session* session) noexcept {
 }
 
 int32_t plugin_call_stop(const mediasource_session* session) noexcept {
-    return call_play(session, "stop", &lyr_play_api::stop);
+    const int32_t result = call_play(session, "stop", &lyr_play_api::stop);
+    if (result == 0) { /* else the node plays on, and its end counts */
+        session->player->changes += 2;
+    }
+    return result;
 }
 
 int32_t plugin_call_set_rate(const mediasource_session* session, float rate) noexcept {

@@ -38,13 +38,17 @@ void player_unpin(player* player) noexcept {
     }
 }
 
-player* player_pin_registered(control_block* control, const void* candidate) noexcept {
+player* player_pin_registered(control_block* control, const void* candidate,
+                              uint32_t* changes) noexcept {
     vel_lock_guard guard(control->players_lock);
     for (int32_t i = 0; i < control->players.count; ++i) {
         if (control->players.items[i] == candidate) {
             player* found = static_cast<player*>(control->players.items[i]);
             player_of(found, control);
             ++found->pins;
+            if (changes != nullptr) {
+                *changes = found->changes;
+            }
             return found;
         }
     }

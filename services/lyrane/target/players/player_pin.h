@@ -20,8 +20,10 @@ void player_pin(player* player) noexcept;
 /* Drops a pin; the last one frees the memory. Accepts null. */
 void player_unpin(player* player) noexcept;
 
-/* Pins the player if `candidate` is the address of one in the registry; else null. */
-player* player_pin_registered(control_block* control, const void* candidate) noexcept;
+/* Pins the player if `candidate` is the address of one in the registry; else null. *changes
+ * receives the player's number of changes at that moment; null: not wanted. */
+player* player_pin_registered(control_block* control, const void* candidate,
+                              uint32_t* changes) noexcept;
 
 /* Pins every player of the registry, in its order. The array is the caller's: give it back with
  * players_unpin. Without memory the process ends. */

@@ -48,6 +48,7 @@ trksession* trksession_of_builder(const player* player) noexcept VEL_NO_TSA /* s
 void trksession_set(player* player, trksession* session) noexcept {
     vel_lock_guard guard(trksession_hold_lock);
     player->trksession = session;
+    player->changes += 2;
     if (session != nullptr) {
         session->holds = 1;
     }

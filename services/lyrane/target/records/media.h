@@ -6,6 +6,8 @@
 
 #include <lyrane/plugin.h>
 
+struct player;
+
 /* One loaded plug-in library; owned by the control block, immutable after loading. */
 struct plugin {
     int32_t id; /* equals its position in the plug-in list */
@@ -27,7 +29,7 @@ struct mediasource_session {
      * one whose play table is used (null before there was one). */
     const char* plugin_name;
     const char* play_plugin_name;
-    const char* player_name; /* of the player */
+    ::player* player; /* the owner */
     const lyr_play_api* play_api;
     void* play_session;
     const lyr_browse_api* browse_api;

@@ -31,6 +31,12 @@ struct player {
     std::atomic<float> playback_rate;
     std::atomic<int32_t> closed; /* 1: torn down; leave at once */
 
+    /* Goes up by 2 with each stop, each attach and each track session that comes or goes; an attach
+     * goes up by 1 twice, so the number is odd while the plug-in attaches. Written under the player
+     * lock. An event keeps the number that it began with, and so knows when something has overtaken
+     * it on its way to that lock. */
+    std::atomic<uint32_t> changes;
+
     /* Changed under the player lock and the hold lock; without the player lock it is read through
      * trksession_hold, and by the build thread through trksession_of_builder. */
     ::trksession* trksession VEL_GUARDED_BY(lock);
