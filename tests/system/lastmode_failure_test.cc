@@ -11,6 +11,7 @@
 
 #include <veloran/lock.h>
 #include <veloran/pps.h>
+#include <veloran/sqldb.h>
 
 #include "lastmode_rows.h"
 #include "rig.h"
@@ -269,4 +270,32 @@ TEST_F(lastmode_failure_test, saves_that_fail) {
     EXPECT_TRUE(said("Failed to connect to database", mark));
     EXPECT_TRUE(fs::exists(configuration()));
     EXPECT_EQ(count("players"), "1");
+}
+
+/* Somebody else writes for longer than a statement waits: all of a save is made again, and that it
+ * failed is said once. */
+TEST_F(lastmode_failure_test, another_writer_is_outlasted) {
+    constexpr char FAILED[] = "What the players play cannot be saved for now";
+    rig.daemon.lastmode = R"({"checkpoint": "1"})";
+    put_back();
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:3"));
+    EXPECT_EQ(fake_number(rig.disk, "event position value=777"), 0);
+    EXPECT_TRUE(saved_await("p", "trk_pos", "777"));
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(file().c_str(), &other), SQLITE_OK);
+    sqlite3_busy_timeout(other, SQLDB_BUSY_MS);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    size_t mark = daemon_log_mark(rig.daemon);
+    EXPECT_EQ(request_open(rig.client, "p"), 0);
+    EXPECT_EQ(request_number(rig.client, LYR_MSG_JUMP, 2), 0);
+    rig_session(rig, "q", "/a", 3);
+    EXPECT_TRUE(daemon_await_log(rig.daemon, "sqldb_statement on TABLE players failed", mark));
+    sqlite3_close(other); /* what it began goes with it */
+    EXPECT_TRUE(saved_await("p", "trk_id", "2"));
+    EXPECT_TRUE(saved_await("q", "length", "3"));
+    mark = daemon_log(rig.daemon).find(FAILED, mark);
+    EXPECT_NE(mark, std::string::npos);
+    EXPECT_FALSE(said(FAILED, mark + 1));
+    stop();
 }

@@ -1,4 +1,5 @@
 /* Saving while the service runs. */
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
@@ -95,11 +96,15 @@ static void sleep_until(const timespec* at) noexcept VEL_NO_TSA
 }
 
 /* The next look is due so that the end of its save comes one period after the present look began:
- * nothing that is saved is ever older than the period. */
+ * nothing that is saved is ever older than the period. With saves that take more than half of it
+ * the next begins at once, and what is saved is as old as two of them. A save that failed is not
+ * tried again before a period is over. */
 static void sleep_for_period(const checkpoints* own, const timespec* began) noexcept {
     const int64_t period = int64_t{own->control->lastmode_checkpoint} * 1000;
-    const int64_t took = lastmode_ms_between(*began, lastmode_now());
-    const timespec next = lastmode_after(*began, took < period / 2 ? period - took : period + took);
+    const timespec now = lastmode_now();
+    const int64_t took = lastmode_ms_between(*began, now);
+    const timespec next =
+        lastmode_after(now, own->is_failing ? period : std::max(period - 2 * took, int64_t{0}));
     sleep_until(&next);
 }
 

@@ -49,11 +49,15 @@ static unsigned long long id_of(const saved_player* player) noexcept {
     return player->ts_id;
 }
 
-/* The line about a row that is refused; a save that is made again and again does not say it again
- * and again. */
-static void insert_failed(const char* table, const std::atomic<bool>* ending) noexcept {
+/* After a row was not written. 0 when the row itself is refused, and would be each time: it is left
+ * out. -1 with errno for any other reason: then nothing may be committed. A save that is made again
+ * and again does not say it again and again. */
+static int32_t row_failed(const char* table, const std::atomic<bool>* ending) noexcept {
+    const int error = errno;
     msglog(ending == nullptr ? 3 : 7, "sqldb_statement on TABLE %s failed: %s", table,
-           msglog_error_text(errno));
+           msglog_error_text(error));
+    errno = error;
+    return error == EINVAL || error == EFBIG || error == EEXIST ? 0 : -1;
 }
 
 /* How many tracks from `first` on the page holds. Their strings stay while the session is held. */
@@ -65,16 +69,15 @@ static int32_t copy_page(trksession* session, int32_t first, int32_t length,
     return count;
 }
 
-static void save_track(sqldb_connection* connection, unsigned long long ts_id,
-                       const medianode* track, const std::atomic<bool>* ending) noexcept {
-    if (sqldb_statement(connection, INSERT_TRACK, ts_id, track->id, track->name, track->url,
-                        track->type, track->ms_uid != nullptr ? track->ms_uid : "NULL",
-                        track->ms_type) != 0) {
-        insert_failed(TRACKS, ending);
-    }
+static int32_t save_track(sqldb_connection* connection, unsigned long long ts_id,
+                          const medianode* track, const std::atomic<bool>* ending) noexcept {
+    const int32_t result = sqldb_statement(
+        connection, INSERT_TRACK, ts_id, track->id, track->name, track->url, track->type,
+        track->ms_uid != nullptr ? track->ms_uid : "NULL", track->ms_type);
+    return result == 0 ? 0 : row_failed(TRACKS, ending);
 }
 
-/* The tracks from `first` on. 0, or -1 when the service ends meanwhile. */
+/* The tracks from `first` on. 0, or -1 as of save_all. */
 static int32_t save_tracks(sqldb_connection* connection, const saved_player* player, int32_t first,
                            const std::atomic<bool>* ending) noexcept {
     medianode page[PAGE];
@@ -85,7 +88,9 @@ static int32_t save_tracks(sqldb_connection* connection, const saved_player* pla
         }
         const int32_t count = copy_page(player->session, first, player->length, page);
         for (int32_t i = 0; i < count; ++i) {
-            save_track(connection, id_of(player), &page[i], ending);
+            if (save_track(connection, id_of(player), &page[i], ending) != 0) {
+                return -1;
+            }
         }
         first += count;
     }
@@ -98,14 +103,16 @@ static int32_t insert(sqldb_connection* connection, const saved_player* player,
     msglog(7, "save player %s into db", player->name);
     if (sqldb_statement(connection, INSERT_PLAYER, player->name, id_of(player), player->status,
                         player->shuffle_mode, player->repeat_mode,
-                        static_cast<double>(player->playback_rate)) != 0) {
-        insert_failed(PLAYERS, ending);
+                        static_cast<double>(player->playback_rate)) != 0 &&
+        row_failed(PLAYERS, ending) != 0) {
+        return -1;
     }
     msglog(7, "save trksessions into db");
     if (sqldb_statement(connection, INSERT_SESSION, id_of(player), source->plugin_name,
                         source->type, source->uid, player->mn_id, player->length, player->trk_id,
-                        player->trk_pos) != 0) {
-        insert_failed(SESSIONS, ending);
+                        player->trk_pos) != 0 &&
+        row_failed(SESSIONS, ending) != 0) {
+        return -1;
     }
     return save_tracks(connection, player, 0, ending);
 }
@@ -115,12 +122,14 @@ static int32_t update(sqldb_connection* connection, const saved_player* player, 
                       const std::atomic<bool>* ending) noexcept {
     if (sqldb_statement(connection, UPDATE_PLAYER, player->status, player->shuffle_mode,
                         player->repeat_mode, static_cast<double>(player->playback_rate),
-                        id_of(player)) != 0) {
-        insert_failed(PLAYERS, ending);
+                        id_of(player)) != 0 &&
+        row_failed(PLAYERS, ending) != 0) {
+        return -1;
     }
     if (sqldb_statement(connection, UPDATE_SESSION, player->length, player->trk_id, player->trk_pos,
-                        id_of(player)) != 0) {
-        insert_failed(SESSIONS, ending);
+                        id_of(player)) != 0 &&
+        row_failed(SESSIONS, ending) != 0) {
+        return -1;
     }
     return save_tracks(connection, player, length, ending);
 }
@@ -267,13 +276,17 @@ void save_adopt_ids(const snapshot* saved) noexcept {
     }
 }
 
+/* Commits all or nothing. */
 static int32_t save_at_end(control_block* control, sqldb_connection* connection) noexcept {
     bool is_whole = true;
     snapshot now = snapshot_take(control, nullptr, &is_whole);
-    const int32_t result = save_all(connection, &now, nullptr);
+    int32_t result = save_all(connection, &now, nullptr);
+    if (result == 0) {
+        result = sqldb_commit(connection);
+    }
+    const int error = errno;
     snapshot_free(&now);
     if (result != 0) {
-        const int error = errno;
         (void)sqldb_rollback(connection);
         errno = error;
     }
@@ -299,10 +312,7 @@ int32_t players_save_state(control_block* control) noexcept {
     }
     (void)sqldb_backup(connection, SQLDB_SCOPE_ALL);
     msglog(7, "The lastmode audio trksession backup is done");
-    if (sqldb_disconnect(connection) != 0) {
-        msglog(3, NOT_SAVED, msglog_error_text(errno));
-        return -1;
-    }
+    (void)sqldb_disconnect(connection); /* nothing is left to commit */
     (void)pps_unlink(CONFIGURATION);
     return 0;
 }

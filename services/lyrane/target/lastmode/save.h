@@ -10,10 +10,10 @@
 #include "snapshot.h"
 
 /* Replaces everything in the database but the rows that the snapshot keeps. Those get new ids, out
- * of the way of the ids of this run, and the snapshot gets them, too. A row that is refused is left
- * out. `ending` is for saves while the service runs: it is null at the end, when each refused row
- * is a warning. 0, or -1 with errno set when the tables cannot be cleared, or ECANCELED once
- * *ending is set; then the caller rolls back. */
+ * of the way of the ids of this run, and the snapshot gets them, too. A row that the database refuses
+ * for what is in it (EINVAL, EFBIG, EEXIST) is left out. `ending` is for saves while the service
+ * runs: it is null at the end, when each refused row is a warning. 0, or -1 with errno set when
+ * anything else cannot be written, or ECANCELED once *ending is set; then the caller rolls back. */
 int32_t save_all(sqldb_connection* connection, snapshot* now,
                  const std::atomic<bool>* ending) noexcept;
 
