@@ -71,15 +71,6 @@ bool files_reader_have_child(files_reader* reader, const files_cancel& cancel) {
 
 /* --- holding -------------------------------------------------------------------------------- */
 
-static timespec soon() noexcept {
-    timespec limit = {};
-    clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_nsec += WAIT_MS * 1000000L;
-    limit.tv_sec += limit.tv_nsec / 1000000000;
-    limit.tv_nsec %= 1000000000;
-    return limit;
-}
-
 files_reader_hold files_reader_begin(files_reader_use use, const files_cancel& cancel) {
     files_reader& reader = reader_of(use);
     vel_lock_guard hold(reader.lock);
@@ -87,8 +78,7 @@ files_reader_hold files_reader_begin(files_reader_use use, const files_cancel& c
         if (files_cancelled(cancel)) {
             return nullptr;
         }
-        const timespec limit = soon();
-        pthread_cond_timedwait(&reader.changed, &reader.lock.native, &limit);
+        (void)vel_wait_until(&reader.changed, &reader.lock, vel_deadline(WAIT_MS));
     }
     reader.held = true;
     return files_reader_hold(&reader);

@@ -281,12 +281,6 @@ void files_scan_remember(const files_source_ref& source, const files_index_ref& 
     }
 }
 
-static void add_milliseconds(timespec* time, int64_t milliseconds) noexcept {
-    const int64_t nanoseconds = time->tv_nsec + milliseconds * 1000000;
-    time->tv_sec += nanoseconds / 1000000000;
-    time->tv_nsec = nanoseconds % 1000000000;
-}
-
 void files_scan_await(const files_source& source, int32_t most, const files_cancel& cancel) {
     const files_index_ref index = files_index_of(source);
     if (index == nullptr) {
@@ -295,10 +289,7 @@ void files_scan_await(const files_source& source, int32_t most, const files_canc
     vel_lock_guard hold(index->times_lock);
     for (int32_t waited = 0; !index->complete && waited < most && !files_cancelled(cancel);
          waited += AWAIT_STEP_MS) {
-        timespec limit = {};
-        clock_gettime(CLOCK_REALTIME, &limit);
-        add_milliseconds(&limit, AWAIT_STEP_MS);
-        pthread_cond_timedwait(&index->completed, &index->times_lock.native, &limit);
+        (void)vel_wait_until(&index->completed, &index->times_lock, vel_deadline(AWAIT_STEP_MS));
     }
 }
 
@@ -315,14 +306,11 @@ void files_scan_stop() noexcept {
     }
     worker->endings = 1;
     wake_up(*worker);
-    timespec limit = {};
-    clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += FILES_SCAN_END_MOST;
+    const timespec limit = vel_deadline(int64_t{FILES_SCAN_END_MOST} * 1000);
     bool ended = false;
     {
         vel_lock_guard hold(worker->lock);
-        while (!worker->ended && pthread_cond_timedwait(&worker->changed, &worker->lock.native,
-                                                        &limit) != ETIMEDOUT) {
+        while (!worker->ended && vel_wait_until(&worker->changed, &worker->lock, limit)) {
         }
         ended = worker->ended;
     }

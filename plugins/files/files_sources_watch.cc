@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -55,7 +54,7 @@ struct files_watch {
     std::map<int, watched_folder> watched; /* [thread] by inotify's numbers */
 
     vel_mutex lock = {};
-    pthread_cond_t changed = {}; /* on CLOCK_MONOTONIC, with `lock` */
+    pthread_cond_t changed = {}; /* with `lock` */
     bool looked VEL_GUARDED_BY(lock) = false;
     bool over VEL_GUARDED_BY(lock) = false;
     bool abandoned VEL_GUARDED_BY(lock) = false; /* the thread frees the record */
@@ -204,10 +203,8 @@ static void* thread_body(void* argument) {
 
 /* Waits until one of the guarded flags is set; false when the time is up. */
 static bool await(files_watch* watch, const bool* flag, int seconds) VEL_REQUIRES(watch->lock) {
-    timespec limit = {};
-    clock_gettime(CLOCK_MONOTONIC, &limit);
-    limit.tv_sec += seconds;
-    while (!*flag && pthread_cond_timedwait(&watch->changed, &watch->lock.native, &limit) == 0) {
+    const timespec limit = vel_deadline(int64_t{seconds} * 1000);
+    while (!*flag && vel_wait_until(&watch->changed, &watch->lock, limit)) {
     }
     return *flag;
 }
@@ -241,12 +238,8 @@ static files_watch* make_watch(const char* name, files_watch_look look) noexcept
     if (watch == nullptr) {
         return nullptr;
     }
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
     vel_mutex_init(&watch->lock);
-    pthread_cond_init(&watch->changed, &monotonic);
-    pthread_condattr_destroy(&monotonic);
+    pthread_cond_init(&watch->changed, nullptr);
     watch->look = look;
     watch->name = name;
     return watch;

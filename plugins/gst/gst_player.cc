@@ -83,12 +83,8 @@ static gst_player* make_player(const gst_player_config* config) noexcept {
     if (player == nullptr) {
         return nullptr;
     }
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
     vel_mutex_init(&player->lock);
-    pthread_cond_init(&player->wake, &monotonic);
-    pthread_condattr_destroy(&monotonic);
+    pthread_cond_init(&player->wake, nullptr);
     player->callbacks = config->callbacks;
     player->play_session = config->play_session;
     player->callback_data = config->callback_data;

@@ -45,7 +45,7 @@ struct gst_player {
     int32_t update_interval = 0; /* ms */
 
     vel_mutex lock = {};
-    pthread_cond_t wake = {}; /* on CLOCK_MONOTONIC, with `lock` */
+    pthread_cond_t wake = {}; /* with `lock` */
     gst_wish wish VEL_GUARDED_BY(lock);
     uint64_t changes VEL_GUARDED_BY(lock) = 0; /* raised with each change of the wish */
     /* What the pipeline has said and the worker has not read; owned. */

@@ -9,7 +9,6 @@
 #include "gst_worker.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 
 #include "gst_drive.h"
@@ -155,12 +154,14 @@ static bool wait(gst_worker* worker, gst_wish* wish) {
     limit.tv_nsec = until % 1000 * 1000000;
     gst_player* player = worker->drive.player;
     vel_lock_guard hold(player->lock);
-    int waited = 0;
+    bool in_time = true;
     while (!player->wish.closed && player->messages.empty() && player->changes == worker->seen &&
-           waited != ETIMEDOUT) {
-        waited = until == GST_DRIVE_NEVER
-                     ? pthread_cond_wait(&player->wake, &player->lock.native)
-                     : pthread_cond_timedwait(&player->wake, &player->lock.native, &limit);
+           in_time) {
+        if (until == GST_DRIVE_NEVER) {
+            pthread_cond_wait(&player->wake, &player->lock.native);
+        } else {
+            in_time = vel_wait_until(&player->wake, &player->lock, limit);
+        }
     }
     if (player->changes != worker->seen) {
         worker->seen = player->changes;

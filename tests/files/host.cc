@@ -2,10 +2,8 @@
 #include "host.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 
 #include <dlfcn.h>
 
@@ -42,12 +40,10 @@ host_record host_now() {
 }
 
 bool host_wait(const std::function<bool(const host_record&)>& enough) {
-    timespec limit = {};
-    clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += WAIT_SECONDS;
+    const timespec limit = vel_deadline(WAIT_SECONDS * 1000);
     vel_lock_guard hold(record_lock);
     while (!enough(record)) {
-        if (pthread_cond_timedwait(&record_changed, &record_lock.native, &limit) == ETIMEDOUT) {
+        if (!vel_wait_until(&record_changed, &record_lock, limit)) {
             return false;
         }
     }

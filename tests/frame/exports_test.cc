@@ -1,6 +1,7 @@
-/* The names that the service shows to its plug-ins. */
+/* The names that the service shows to its plug-ins, and those that it takes. */
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <regex>
 #include <string>
 
@@ -27,4 +28,20 @@ TEST(exports, each_name_is_the_services_and_no_library_of_the_shipped_plugins_ha
     EXPECT_EQ(log.find("wrong: "), std::string::npos) << log;
     EXPECT_NE(log.find("checked: " + std::to_string(count) + " names"), std::string::npos) << log;
     daemon_remove(daemon);
+}
+
+TEST(imports, no_bounded_wait_goes_by_a_clock_that_can_be_set) {
+    FILE* list = popen("nm -D -u " LYRANE_EXECUTABLE " " SHIPPED_PLUGINS, "r");
+    ASSERT_NE(list, nullptr);
+    std::string names;
+    char piece[4096];
+    for (size_t n = 0; (n = fread(piece, 1, sizeof piece, list)) > 0;) {
+        names.append(piece, n);
+    }
+    EXPECT_EQ(pclose(list), 0);
+    EXPECT_NE(names.find("pthread_cond_clockwait"), std::string::npos) << names;
+    for (const char* name :
+         {"pthread_mutex_timedlock", "pthread_cond_timedwait", "sem_timedwait"}) {
+        EXPECT_EQ(names.find(name), std::string::npos) << name;
+    }
 }

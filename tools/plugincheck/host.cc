@@ -2,7 +2,6 @@
 #include "host.h"
 
 #include <cstdlib>
-#include <ctime>
 
 #include <dlfcn.h>
 #include <link.h>
@@ -30,20 +29,10 @@ void host_fault(const char* check, const std::string& text) {
     host().faults[check].push_back(text);
 }
 
-bool host_await(int32_t ms, const std::function<bool()>& done) VEL_NO_TSA /* condition variable */ {
-    timespec deadline = {};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += ms / 1000;
-    deadline.tv_nsec += ms % 1000 * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_nsec -= 1000000000L;
-        ++deadline.tv_sec;
-    }
+bool host_await(int32_t ms, const std::function<bool()>& done) {
+    const timespec deadline = vel_deadline(ms);
     vel_lock_guard guard(host().lock);
-    bool in_time = true;
-    while (in_time && !done()) {
-        in_time = pthread_cond_clockwait(&host().changed, &host().lock.native, CLOCK_MONOTONIC,
-                                         &deadline) == 0;
+    while (!done() && vel_wait_until(&host().changed, &host().lock, deadline)) {
     }
     return done();
 }

@@ -4,7 +4,10 @@
 #ifndef VELORAN_LOCK_H
 #define VELORAN_LOCK_H
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 
 #include <pthread.h>
@@ -14,6 +17,14 @@
 #define VEL_TSA(x) __attribute__((x))
 #else
 #define VEL_TSA(x)
+#endif
+
+#if defined(__SANITIZE_THREAD__)
+#define VEL_THREAD_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VEL_THREAD_SANITIZER
+#endif
 #endif
 
 #define VEL_GUARDED_BY(x) VEL_TSA(guarded_by(x))
@@ -58,6 +69,50 @@ struct VEL_TSA(scoped_lockable) vel_lock_guard {
     vel_lock_guard& operator=(const vel_lock_guard&) = delete;
     vel_mutex* held;
 };
+
+/* --- bounded waits. All of them go by the monotonic clock, which nobody sets. ---------------- */
+
+/* The time `ms` milliseconds, at least 0, from now. */
+inline timespec vel_deadline(int64_t ms) noexcept {
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    const int64_t nanoseconds = time.tv_nsec + ms % 1000 * 1000000;
+    time.tv_sec += static_cast<time_t>(ms / 1000 + nanoseconds / 1000000000);
+    time.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
+    return time;
+}
+
+/* Milliseconds from now to then, rounded up; 0 once it has passed. */
+inline int64_t vel_remaining(const timespec& deadline) noexcept {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t nanoseconds =
+        int64_t{deadline.tv_sec - now.tv_sec} * 1000000000 + (deadline.tv_nsec - now.tv_nsec);
+    return nanoseconds > 0 ? (nanoseconds + 999999) / 1000000 : 0;
+}
+
+/* False when the time passed. */
+inline bool vel_mutex_lock_until(vel_mutex* mutex, const timespec& deadline) noexcept
+    VEL_TRY_ACQUIRE(true, mutex) VEL_NO_TSA {
+#if defined(VEL_THREAD_SANITIZER) /* which does not know the wait by a clock of one's choice */
+    while (pthread_mutex_trylock(&mutex->native) != 0) {
+        if (vel_remaining(deadline) == 0) {
+            return false;
+        }
+        usleep(1000);
+    }
+    return true;
+#else
+    return pthread_mutex_clocklock(&mutex->native, CLOCK_MONOTONIC, &deadline) == 0;
+#endif
+}
+
+/* Waits for a signal of the condition, with the lock; false when the time passed. */
+inline bool vel_wait_until(pthread_cond_t* condition, vel_mutex* mutex,
+                           const timespec& deadline) noexcept VEL_REQUIRES(mutex) {
+    return pthread_cond_clockwait(condition, &mutex->native, CLOCK_MONOTONIC, &deadline) !=
+           ETIMEDOUT;
+}
 
 /* Closes a file descriptor at the end of a scope; -1 means none. */
 struct vel_fd {

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "control.h"
 #include "mediasource.h"
@@ -27,8 +26,7 @@ static bool from_inside_a_call(const char* event) noexcept {
     return true;
 }
 
-static constexpr long NS_PER_SECOND = 1000L * 1000 * 1000;
-static constexpr long CANCEL_AGAIN_NS = 20L * 1000 * 1000;
+static constexpr int64_t CANCEL_AGAIN_MS = 20;
 
 /* A copy of a text, null for null; without memory the process ends. */
 static char* copy_text(const char* text) noexcept {
@@ -46,18 +44,8 @@ static char* copy_text(const char* text) noexcept {
  * does not come free, what is browsed is cancelled again, since a cancel that comes just before the
  * plug-in is reached finds nothing to end. */
 static void lock_against_browsing(player* player, int32_t ms_id) noexcept
-    VEL_ACQUIRE(player->lock) VEL_NO_TSA /* clang does not know the native call */ {
-    for (;;) {
-        timespec deadline = {};
-        clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_nsec += CANCEL_AGAIN_NS;
-        if (deadline.tv_nsec >= NS_PER_SECOND) {
-            deadline.tv_nsec -= NS_PER_SECOND;
-            ++deadline.tv_sec;
-        }
-        if (pthread_mutex_timedlock(&player->lock.native, &deadline) == 0) {
-            return;
-        }
+    VEL_ACQUIRE(player->lock) {
+    while (!vel_mutex_lock_until(&player->lock, vel_deadline(CANCEL_AGAIN_MS))) {
         plugin_browsing_cancel(ms_id);
     }
 }

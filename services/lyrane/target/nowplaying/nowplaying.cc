@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include <unistd.h>
 
@@ -15,7 +14,7 @@
 
 /* Longest wait for the arbiter's answer, and for the end of a player's thread. The main thread
  * waits, and with it every client. */
-static constexpr time_t WAIT_SECONDS = 1;
+static constexpr int64_t WAIT_MS = 1000;
 
 void nowplaying_send(player* player, const char* text) noexcept {
     if (player->np_fd == -1) {
@@ -53,20 +52,12 @@ char* nowplaying_register_text(const char* name, const char* prio, const char* a
     return text;
 }
 
-static timespec deadline_from_now(void) noexcept {
-    timespec deadline = {};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += WAIT_SECONDS;
-    return deadline;
-}
-
 /* Waits while *flag is set; false when the time has passed. */
 static bool await_clear(player* player, const int32_t* flag) noexcept
-    VEL_REQUIRES(player->np_lock) VEL_NO_TSA /* a condition variable waits with the lock */ {
-    const timespec deadline = deadline_from_now();
+    VEL_REQUIRES(player->np_lock) {
+    const timespec deadline = vel_deadline(WAIT_MS);
     while (__atomic_load_n(flag, __ATOMIC_RELAXED) != 0) {
-        if (pthread_cond_clockwait(&player->np_cond, &player->np_lock.native, CLOCK_MONOTONIC,
-                                   &deadline) != 0) {
+        if (!vel_wait_until(&player->np_cond, &player->np_lock, deadline)) {
             return *flag == 0;
         }
     }

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <new>
 
 #include <sys/eventfd.h>
@@ -18,7 +17,7 @@
 #include "user_quota.h"
 
 /* How long a forced close waits for plug-ins that hold players up, all players together. */
-static constexpr time_t FORCE_CLOSE_WAIT_SECONDS = 4;
+static constexpr int64_t FORCE_CLOSE_WAIT_MS = 4000;
 static constexpr char LEFT_BEHIND[] = "Player %s is busy in a plug-in and is left behind";
 
 /* The name becomes a directory and part of messages to others, so what would change their meaning
@@ -179,12 +178,6 @@ static void player_tear_down(player* player) noexcept VEL_REQUIRES(player->lock)
     player->closed = 1;
 }
 
-/* Takes the lock before the deadline (of the real-time clock); false when it passed. */
-static bool lock_until(player* player, const timespec* deadline) noexcept
-    VEL_TRY_ACQUIRE(true, player->lock) VEL_NO_TSA /* clang does not know the native call */ {
-    return pthread_mutex_timedlock(&player->lock.native, deadline) == 0;
-}
-
 extern "C" {
 
 player* player_open(control_block* control, const char* name) noexcept {
@@ -241,9 +234,7 @@ int32_t players_find(const pointer_array* players, const char* name) noexcept {
 }
 
 int32_t players_force_close(control_block* control) noexcept {
-    timespec deadline = {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += FORCE_CLOSE_WAIT_SECONDS;
+    const timespec deadline = vel_deadline(FORCE_CLOSE_WAIT_MS);
     for (;;) {
         player* last = nullptr;
         {
@@ -255,7 +246,7 @@ int32_t players_force_close(control_block* control) noexcept {
         if (last == nullptr) {
             return 0;
         }
-        if (!lock_until(last, &deadline)) {
+        if (!vel_mutex_lock_until(&last->lock, deadline)) {
             msglog(3, LEFT_BEHIND, last->name);
             continue;
         }

@@ -68,8 +68,8 @@ void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes, int3
 /* An id that no other track session of this run has. [any thread] */
 uint64_t trksession_new_id(void) noexcept;
 
-/* player_destroy_trksession that waits for the build thread no longer than to the deadline, a time
- * of the real-time clock (null: without end). False when the plug-in does not let the thread go by
+/* player_destroy_trksession that waits for the build thread no longer than to the deadline, a
+ * vel_deadline (null: without end). False when the plug-in does not let the thread go by
  * then: the player is stopped, and its session stays. */
 bool player_destroy_trksession_until(player* player, const timespec* deadline) noexcept
     VEL_REQUIRES(player->lock);

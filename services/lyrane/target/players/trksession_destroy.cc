@@ -2,7 +2,6 @@
 #include "trksession_build.h"
 
 #include <cstdlib>
-#include <ctime>
 
 #include "msglog.h"
 #include "player_commands.h"
@@ -11,34 +10,17 @@
 #include "trksession_hold.h"
 
 /* Between two attempts to end a browse that did not hear the first one. */
-static constexpr long CANCEL_AGAIN_NS = 20L * 1000 * 1000;
+static constexpr int64_t CANCEL_AGAIN_MS = 20;
 
 /* False when the time passed and the thread may still be inside the plug-in. The build thread
  * takes the same lock for its last word. */
-static bool build_over_soon(trksession* session) noexcept VEL_NO_TSA
-/* a condition variable waits with the lock */ {
+static bool build_over_soon(trksession* session) noexcept {
     vel_lock_guard guard(session->lock);
-    timespec deadline = {};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_nsec += CANCEL_AGAIN_NS;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_nsec -= 1000000000L;
-        ++deadline.tv_sec;
+    const timespec deadline = vel_deadline(CANCEL_AGAIN_MS);
+    while (session->build_done == 0 &&
+           vel_wait_until(&session->build_over, &session->lock, deadline)) {
     }
-    while (session->build_done == 0) {
-        if (pthread_cond_clockwait(&session->build_over, &session->lock.native, CLOCK_MONOTONIC,
-                                   &deadline) != 0) {
-            return session->build_done != 0;
-        }
-    }
-    return true;
-}
-
-static bool passed(const timespec* deadline) noexcept {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec > deadline->tv_sec ||
-           (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec);
+    return session->build_done != 0;
 }
 
 /* Ends the build thread. The flag comes first: it stops the walk between two pages, where a cancel
@@ -58,7 +40,7 @@ static bool end_build(trksession* session, const timespec* deadline) noexcept
         thread = session->build_thread;
     }
     while (!build_over_soon(session)) {
-        if (deadline != nullptr && passed(deadline)) {
+        if (deadline != nullptr && vel_remaining(*deadline) == 0) {
             return false;
         }
         plugin_call_cancel_browse(session->ms_session);
