@@ -101,4 +101,43 @@ TEST(slot_table, indices_stay_and_the_lowest_free_one_comes_first) {
     free(table.slots);
 }
 
+/* Allocations of this many bytes fail, so many of them. */
+size_t scarce_size;
+int32_t scarce_count;
+
+TEST(slot_table, without_memory_for_a_record_grows_once_and_gives_up) {
+    const struct {
+        int32_t failures;
+        int32_t index;
+        int32_t count; /* of slots, afterwards; 8 before, all taken */
+    } cases[] = {{1, 9, 16}, {7, 15, 16}, {8, -1, 16}};
+    for (const auto& c : cases) {
+        slot_table table = {};
+        for (int32_t i = 0; i < 8; i++) {
+            ASSERT_EQ(_array_add(&table, 16), i);
+        }
+        scarce_size = 4242;
+        scarce_count = c.failures;
+        EXPECT_EQ(_array_add(&table, 4242), c.index);
+        EXPECT_EQ(scarce_count, 0);
+        EXPECT_EQ(table.count, c.count);
+        for (int32_t i = 0; i < table.count; i++) {
+            (void)_array_del(&table, i);
+        }
+        free(table.slots);
+    }
+}
+
 } // namespace
+
+extern "C" {
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size) {
+    if (size == scarce_size && scarce_count > 0) {
+        scarce_count--;
+        return nullptr;
+    }
+    return __real_calloc(count, size);
+}
+}

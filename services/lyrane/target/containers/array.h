@@ -43,7 +43,8 @@ int32_t array_delete(int32_t ignored, pointer_array* array, int32_t position) no
 /* Replaces the entry at position, which must exist. */
 void array_set(int32_t ignored, pointer_array* array, int32_t position, void* value) noexcept;
 
-/* Adds a zeroed record of `size` bytes. Its index, or -1 without memory or for a negative size. */
+/* Adds a zeroed record of `size` bytes. Its index, or -1 for a negative size and when there is no
+ * memory for it in any free slot, one growth of the table included. */
 int32_t _array_add(slot_table* table, int32_t size) noexcept;
 
 /* The record at an index, or null when there is none. */

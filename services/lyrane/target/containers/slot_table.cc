@@ -19,20 +19,28 @@ static bool add_free_slots(slot_table* table) {
     return true;
 }
 
-int32_t _array_add(slot_table* table, int32_t size) noexcept {
-    if (size < 0) {
-        return -1;
-    }
-    for (int32_t index = 0; index < table->count || add_free_slots(table); index++) {
+/* A record in the lowest free slot for which there is memory; its index, or -1. */
+static int32_t fill_slot(slot_table* table, size_t size) {
+    for (int32_t index = 0; index < table->count; index++) {
         if (table->slots[index] == nullptr) {
-            /* A record of no bytes still needs an address. */
-            table->slots[index] = calloc(1, size > 0 ? static_cast<size_t>(size) : 1);
+            table->slots[index] = calloc(1, size);
             if (table->slots[index] != nullptr) {
                 return index;
             }
         }
     }
     return -1;
+}
+
+int32_t _array_add(slot_table* table, int32_t size) noexcept {
+    if (size < 0) {
+        return -1;
+    }
+    /* A record of no bytes still needs an address. */
+    const size_t bytes = size > 0 ? static_cast<size_t>(size) : 1;
+    const int32_t index = fill_slot(table, bytes);
+    /* Another growth would not help a record that found no memory among free slots. */
+    return index < 0 && add_free_slots(table) ? fill_slot(table, bytes) : index;
 }
 
 void* _array_get(const slot_table* table, int32_t index) noexcept {
