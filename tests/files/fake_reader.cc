@@ -37,6 +37,16 @@ static bool has_descriptors(int file) {
 }
 
 #ifndef READER_SANITIZED
+/* The service's outputs are pipes here, which are not read at a place. */
+static bool can_speak() {
+    char byte = 0;
+    const msghdr nothing = {};
+    bool can = false;
+    for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+        can = can || pread(fd, &byte, 1, 0) != 0 || write(fd, "x", 1) >= 0;
+    }
+    return can || sendmsg(STDOUT_FILENO, &nothing, 0) >= 0 || errno != EPERM;
+}
 static bool can_run_memory() {
     return mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) !=
            MAP_FAILED;
@@ -66,6 +76,7 @@ static std::string abilities(int file) {
         {"descriptors ", has_descriptors(file)},
         {"write ", write(file, "x", 1) == 1},
 #ifndef READER_SANITIZED
+        {"speak ", can_speak()},
         {"run ", can_run_memory()},
         {"memory ", can_take_memory()},
 #endif

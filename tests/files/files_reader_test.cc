@@ -1,5 +1,6 @@
 /* Files that kill, stall or take over the process that reads them: they are skipped and named, and
  * the others are read. */
+#include <array>
 #include <cerrno>
 #include <filesystem>
 
@@ -118,9 +119,19 @@ TEST(files_reader_test, the_reader_can_do_nothing_else) {
     beside_reader lib;
     add_bad(lib, "/try.mp3");
     const int inherited = open("/dev/null", O_RDONLY); /* as a service may be started with */
+    std::array<int, 2> ends = {-1, -1};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const std::array<int, 2> outputs = {dup(STDOUT_FILENO), dup(STDERR_FILENO)};
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
     start_library(&lib, {{"index", "0"}});
-    EXPECT_EQ(title_of(lib, "/try.mp3"), "can: ");
-    close(inherited);
+    const std::string abilities = title_of(lib, "/try.mp3");
+    dup2(outputs[0], STDOUT_FILENO);
+    dup2(outputs[1], STDERR_FILENO);
+    EXPECT_EQ(abilities, "can: ");
+    for (const int fd : {inherited, ends[0], ends[1], outputs[0], outputs[1]}) {
+        close(fd);
+    }
     EXPECT_EQ(title_of(lib, "/good.mp3"), "Good");
     EXPECT_EQ(host_log_count("filter"), 0);
 }

@@ -9,8 +9,8 @@
 constexpr size_t READER_MEMORY = size_t{256} * 1024 * 1024;
 constexpr unsigned READER_SECONDS = 60;
 
-/* From here on the process can read from the descriptors that it gets and write to those that it
- * has, and nothing else. False when the filter of system calls cannot be set; the rest is. What
+/* From here on the process can read from the descriptors that it gets and write to its socket,
+ * STDIN_FILENO, and nothing else. False when the filter of system calls cannot be set; the rest is. What
  * cannot be given up ends the process. */
 bool reader_confine() noexcept;
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -24,11 +25,17 @@ static void ignore_signals() noexcept {
     }
 }
 
-/* Only the pair and the standard error stay open; no folder is held. */
+/* Only the pair stays open, and no folder is held. The outputs are the service's: what is said
+ * before this, as by the dynamic loader, is the program's own; what comes later may be a file's. */
 static void drop_descriptors() noexcept {
-    dup2(STDERR_FILENO, STDOUT_FILENO);
+    bool dropped = chdir("/") == 0;
+    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+    dropped = dup2(nowhere, STDOUT_FILENO) >= 0 && dropped;
+#ifndef READER_SANITIZED /* their reports are read there */
+    dropped = dup2(nowhere, STDERR_FILENO) >= 0 && dropped;
+#endif
     syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
-    if (chdir("/") != 0) {
+    if (!dropped) {
         _exit(EXIT_FAILURE);
     }
 }
