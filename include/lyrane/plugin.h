@@ -134,7 +134,8 @@ typedef struct lyr_browse_api {
     /* [player lock] LYR_CAP_SEARCH; `filter` may be null. */
     int32_t (*search)(void* browse_session, const char* filter, const char* key, int32_t offset,
                       int32_t* count, medianode** nodes) LYR_NOEXCEPT;
-    /* [player lock] LYR_CAP_METADATA; stores one malloc()ed record, or leaves null: none. */
+    /* [player lock] LYR_CAP_METADATA; stores one malloc()ed record, or leaves null: none.
+     * `node_id` may be null: after a track_changed without a node. */
     int32_t (*get_metadata)(void* browse_session, const char* node_id, metadata** data)
         LYR_NOEXCEPT;
     /* [player lock] LYR_CAP_EXTENDED_METADATA; `keys` ends with null; values[i] receives a
@@ -157,7 +158,8 @@ typedef struct lyrp_api {
     void* reserved;   /* not used by the service */
     /* [start] `settings` is destroyed when init returns: copy what is kept. `types` receives the
      * mask of media-source types that the plug-in can play (also sources of other plug-ins).
-     * -1 means failure and ends the service. May be null. */
+     * -1 means failure and ends the service. May be null. The process may still have other rights
+     * than later: files are opened and made when detection is switched on, not here. */
     int32_t (*init)(int32_t plugin_id, const strm_dict* settings,
                     const lyrane_internal_callbacks_table* callbacks, uint32_t* types) LYR_NOEXCEPT;
     /* [main] enable 1: start to report media sources; 0: stop. -1 means failure. May be null. */
