@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <new>
 
 #include <fcntl.h>
@@ -54,6 +55,28 @@ static int32_t files_play_destroy(void* handle) noexcept {
     return 0;
 }
 
+/* Opens the plain file at the id; -1 with the reason in *why. Anything else may have come into its
+ * place since somebody looked, so nothing here waits for it. [any thread] */
+static int32_t open_track(void* handle, const char* id, const char** why) noexcept {
+    vel_fd file(files_node_open(*session_of(handle)->source, id, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    struct stat facts = {};
+    if (file.value < 0 || fstat(file.value, &facts) != 0) {
+        *why = errno == EXDEV ? "it is a link out of its source"
+                              : std::strerror(errno); // NOLINT(concurrency-mt-unsafe): own buffer
+        return -1;
+    }
+    if (!S_ISREG(facts.st_mode)) {
+        *why = "it is no plain file";
+        return -1;
+    }
+    return file.release();
+}
+
+static bool can_be_opened(play_session* session, const char* id) noexcept {
+    const char* why = nullptr;
+    return vel_fd(open_track(session, id, &why)).value >= 0;
+}
+
 static bool make_player(play_session* session) noexcept {
     const gst_player_api* api = gst_loader_get(files_log);
     if (api == nullptr) {
@@ -65,6 +88,7 @@ static bool make_player(play_session* session) noexcept {
         .play_session = session,
         .callback_data = session->callback_data,
         .released = released,
+        .open = open_track,
         .log = files_log,
         .group = &files_play_table,
         .audio_output = settings.audio_output.c_str(),
@@ -76,18 +100,11 @@ static bool make_player(play_session* session) noexcept {
     return session->player != nullptr;
 }
 
-/* True when there is a plain file at the id that may be read. */
-static bool can_be_read(const files_source& source, const char* id) noexcept {
-    const vel_fd file(files_node_open(source, id, O_RDONLY | O_NONBLOCK | O_NOCTTY));
-    struct stat facts = {};
-    return file.value >= 0 && fstat(file.value, &facts) == 0 && S_ISREG(facts.st_mode);
-}
-
 /* The id counts, not the url: that is only where the file was when somebody looked. What is in the
- * file is found out when it is played. */
+ * file is found out when it is played, and by then it is opened anew. */
 static int32_t files_attach_medianode(void* handle, const medianode* node) noexcept {
     play_session* session = session_of(handle);
-    if (node == nullptr || !can_be_read(*session->source, node->id)) {
+    if (node == nullptr || !can_be_opened(session, node->id)) {
         if (session->player != nullptr) {
             session->api->stop(session->player);
         }
@@ -98,7 +115,7 @@ static int32_t files_attach_medianode(void* handle, const medianode* node) noexc
         if (session->player == nullptr && !make_player(session)) {
             return -1;
         }
-        return session->api->attach(session->player, uri.c_str(), node->type);
+        return session->api->attach(session->player, node->id, uri.c_str(), node->type);
     } catch (...) {
         return -1;
     }

@@ -244,12 +244,18 @@ static void open(gst_drive* drive, const gst_wish& wish) {
         fail(drive, gst_outcome::fatal, wish.uri, why);
         return;
     }
+    const char* reason = nullptr;
+    const int file = drive->player->open(drive->player->play_session, wish.id.c_str(), &reason);
+    if (file < 0) {
+        fail(drive, gst_outcome::skip, wish.uri, reason);
+        return;
+    }
     drive->state = GST_STATE_PAUSED;
     drive->rate = 1.0;
     drive->missing.clear();
     drive->phase = gst_phase::opening;
     drive->phase_limit = gst_drive_clock() + OPENING_LIMIT;
-    const auto result = gst_pipeline_open(&drive->pipeline, wish.uri, wish.video);
+    const auto result = gst_pipeline_open(&drive->pipeline, file, wish.uri, wish.video);
     if (result == GST_STATE_CHANGE_FAILURE) {
         gst_drive_listen(drive, wish);
         if (drive->phase != gst_phase::closed) {

@@ -3,7 +3,10 @@
 
 #include <algorithm>
 
+#include <unistd.h>
+
 #include "gst_output.h"
+#include "gst_source.h"
 
 /* Bits of playbin's "flags"; GStreamer has no header for them. */
 static constexpr guint PLAY_VIDEO = 0x1;
@@ -25,6 +28,21 @@ static bool open_outputs(gst_pipeline* pipeline, const gst_pipeline_plan& plan, 
     return !plan.video || pipeline->video_sink != nullptr;
 }
 
+/* The source of the track was made. Whatever other sources a file asks for get nothing. */
+static void hand_over(GstElement*, GstElement* source, gpointer data) {
+    auto* pipeline = static_cast<gst_pipeline*>(data);
+    if (pipeline->file >= 0 && gst_source_give(source, pipeline->file)) {
+        pipeline->file = -1;
+    }
+}
+
+static void close_file(gst_pipeline* pipeline) {
+    if (pipeline->file >= 0) {
+        close(pipeline->file);
+    }
+    pipeline->file = -1;
+}
+
 bool gst_pipeline_build(gst_pipeline* pipeline, const gst_pipeline_plan& plan, std::string* why) {
     /* Not playbin3: up to GStreamer 1.22 it now and then never finishes opening a track in a new
      * pipeline when the machine is busy. */
@@ -42,14 +60,18 @@ bool gst_pipeline_build(gst_pipeline* pipeline, const gst_pipeline_plan& plan, s
     if (pipeline->video_sink != nullptr) {
         g_object_set(pipeline->playbin, "video-sink", pipeline->video_sink, nullptr);
     }
+    g_signal_connect(pipeline->playbin, "source-setup", G_CALLBACK(hand_over), pipeline);
     pipeline->bus = gst_element_get_bus(pipeline->playbin);
     gst_bus_set_sync_handler(pipeline->bus, plan.heard, plan.heard_data, nullptr);
     return true;
 }
 
-GstStateChangeReturn gst_pipeline_open(gst_pipeline* pipeline, const std::string& uri, bool video) {
+GstStateChangeReturn gst_pipeline_open(gst_pipeline* pipeline, int file, const std::string& uri,
+                                       bool video) {
     const guint flags = PLAY_AUDIO | (video ? PLAY_VIDEO | PLAY_DEINTERLACE : 0U);
-    g_object_set(pipeline->playbin, "flags", flags, "uri", uri.c_str(), nullptr);
+    pipeline->file = file;
+    g_object_set(pipeline->playbin, "flags", flags, "uri", (GST_SOURCE_PREFIX + uri).c_str(),
+                 nullptr);
     return gst_element_set_state(pipeline->playbin, GST_STATE_PAUSED);
 }
 
@@ -57,6 +79,7 @@ void gst_pipeline_close(gst_pipeline* pipeline) {
     if (pipeline->playbin != nullptr) {
         gst_element_set_state(pipeline->playbin, GST_STATE_READY);
     }
+    close_file(pipeline);
 }
 
 void gst_pipeline_dispose(gst_pipeline* pipeline) {
@@ -73,6 +96,7 @@ void gst_pipeline_dispose(gst_pipeline* pipeline) {
     if (pipeline->playbin != nullptr) {
         gst_object_unref(pipeline->playbin);
     }
+    close_file(pipeline);
     *pipeline = gst_pipeline{};
 }
 

@@ -13,6 +13,7 @@ struct gst_pipeline {
     GstBus* bus = nullptr;
     GstElement* audio_sink = nullptr;
     GstElement* video_sink = nullptr; /* null: built without */
+    int file = -1;                    /* owned: of a track whose source is not made yet */
 };
 
 /* What a pipeline is built from. */
@@ -25,11 +26,13 @@ struct gst_pipeline_plan {
     void* heard_data;
 };
 
-/* Builds a pipeline; false with the reason in *why and nothing built. */
+/* Builds a pipeline, which stays where it is; false with the reason in *why and nothing built. */
 bool gst_pipeline_build(gst_pipeline* pipeline, const gst_pipeline_plan& plan, std::string* why);
-/* Starts to open a track, to be paused at its beginning. */
-GstStateChangeReturn gst_pipeline_open(gst_pipeline* pipeline, const std::string& uri, bool video);
-/* Leaves the track; no message about it comes after this has returned. */
+/* Starts to open a track, to be paused at its beginning. Takes the descriptor of its file over; the
+ * URI says what it is called. */
+GstStateChangeReturn gst_pipeline_open(gst_pipeline* pipeline, int file, const std::string& uri,
+                                       bool video);
+/* Leaves the track: its file is closed, and no message about it comes any more. */
 void gst_pipeline_close(gst_pipeline* pipeline);
 /* Takes the pipeline down. Accepts one that is not built. */
 void gst_pipeline_dispose(gst_pipeline* pipeline);

@@ -89,6 +89,7 @@ static gst_player* make_player(const gst_player_config* config) noexcept {
     player->play_session = config->play_session;
     player->callback_data = config->callback_data;
     player->released = config->released;
+    player->open = config->open;
     player->log = config->log;
     player->group = config->group;
     player->update_interval = config->update_interval;
@@ -124,12 +125,14 @@ static void player_destroy(gst_player* player) noexcept {
     changed(player);
 }
 
-static int32_t player_attach(gst_player* player, const char* uri, int32_t type) noexcept {
+static int32_t player_attach(gst_player* player, const char* id, const char* uri,
+                             int32_t type) noexcept {
     if (uri == nullptr || uri[0] == '\0') {
         return -1;
     }
     vel_lock_guard hold(player->lock);
     try {
+        player->wish.id = id;
         player->wish.uri = uri;
     } catch (const std::bad_alloc&) {
         return -1;

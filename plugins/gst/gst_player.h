@@ -12,6 +12,8 @@
  * What follows from that:
  *   - No position and no end of a track begins after `attach` for the next one, `stop` or
  *     `destroy` was called; a callback that was already on its way is not called back.
+ *   - The file of a track is opened when the track begins, and closed with its end, so a source
+ *     that nobody plays can be unmounted.
  *   - A track that cannot be opened or decoded is found out by the worker: `attach` and `play`
  *     have answered 0 by then, and play_error_occurred says LYR_PLAY_ERROR_SKIP. When it is the
  *     output that cannot be had, no track can be played: LYR_PLAY_ERROR_FATAL.
@@ -28,7 +30,7 @@
 extern "C" {
 #endif
 
-#define GST_PLAYER_ABI 1
+#define GST_PLAYER_ABI 2
 
 /* The rates that can be played. */
 #define GST_PLAYER_RATE_LEAST 0.25F
@@ -44,6 +46,10 @@ typedef struct gst_player_config {
     /* [worker] Called once, as the last thing, when no callback can come any more: from now on
      * the memory of `play_session` may be used again. */
     void (*released)(void* play_session) LYR_NOEXCEPT;
+    /* [worker] Opens the plain file of an attached track for reading, without waiting for what is
+     * none. The caller owns the descriptor; -1 with the reason in *why, valid until the next
+     * call on this thread. No path goes to GStreamer: it might lead elsewhere by then. */
+    int32_t (*open)(void* play_session, const char* id, const char** why) LYR_NOEXCEPT;
     /* [any thread] Writes one line to the log. `level` as in the service's log, 3 or more. */
     void (*log)(int32_t level, const char* text) LYR_NOEXCEPT;
     const void* group;        /* whose player this is; see `shutdown` */
@@ -60,9 +66,11 @@ typedef struct gst_player_api {
     gst_player* (*create)(const gst_player_config* config)LYR_NOEXCEPT;
     /* Ends the player; the pointer is invalid from here on. Does not wait for the worker. */
     void (*destroy)(gst_player* player) LYR_NOEXCEPT;
-    /* Makes `uri` the one that `play` plays; an earlier one stops. `type` is LYR_NODE_AUDIO or
-     * LYR_NODE_VIDEO: of anything else than a video only the sound is played. */
-    int32_t (*attach)(gst_player* player, const char* uri, int32_t type) LYR_NOEXCEPT;
+    /* Makes a track the one that `play` plays; an earlier one stops. `id` is for `open`, `uri`
+     * ("file://...") what the file is called in the log; its ending is a hint. `type` is
+     * LYR_NODE_AUDIO or LYR_NODE_VIDEO: of anything else than a video only the sound is played. */
+    int32_t (*attach)(gst_player* player, const char* id, const char* uri, int32_t type)
+        LYR_NOEXCEPT;
     int32_t (*play)(gst_player* player) LYR_NOEXCEPT;
     int32_t (*pause)(gst_player* player) LYR_NOEXCEPT;
     /* Back to the beginning; the track stays attached. 0 also with nothing attached. */

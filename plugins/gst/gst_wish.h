@@ -24,6 +24,7 @@ struct gst_wish {
      * finds out about an earlier load is nobody's business any more. */
     uint64_t load = 0;
     std::string uri; /* empty: nothing attached */
+    std::string id;  /* what the file is opened by */
     bool video = false;
     gst_target target = gst_target::idle;
     int64_t seek = -1;        /* ms; -1: none since the load began */
@@ -38,6 +39,7 @@ struct gst_player {
     void* play_session = nullptr;
     void* callback_data = nullptr;
     void (*released)(void*) noexcept = nullptr;
+    int32_t (*open)(void*, const char*, const char**) noexcept = nullptr;
     void (*log)(int32_t, const char*) noexcept = nullptr;
     const void* group = nullptr;
     std::string audio_output;

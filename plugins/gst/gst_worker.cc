@@ -12,6 +12,7 @@
 #include <ctime>
 
 #include "gst_drive.h"
+#include "gst_library.h"
 
 struct gst_worker {
     gst_drive drive;
@@ -170,25 +171,12 @@ static bool wait(gst_worker* worker, gst_wish* wish) {
     return !player->wish.closed;
 }
 
-/* GStreamer starts with the first player, on its worker: reading the registry of its plug-ins may
- * take a while, and nobody waits for a worker. Returns why it does not start, or nothing. */
-static std::string initialise() {
-    static vel_mutex once;
-    vel_lock_guard hold(once);
-    GError* error = nullptr;
-    if (gst_is_initialized() != FALSE || gst_init_check(nullptr, nullptr, &error) != FALSE) {
-        return {};
-    }
-    std::string why = error != nullptr ? error->message : "GStreamer does not start";
-    g_clear_error(&error);
-    return why;
-}
-
 void gst_worker_serve(gst_player* player) noexcept {
     gst_worker worker;
     gst_wish wish;
+    gst_library_enter();
     worker.drive.player = player;
-    worker.drive.broken = initialise();
+    worker.drive.broken = gst_library_start();
     while (wait(&worker, &wish)) {
         if (wish.load != worker.drive.load) {
             gst_drive_adopt(&worker.drive, wish);

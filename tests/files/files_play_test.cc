@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "library.h"
@@ -48,6 +49,80 @@ static std::vector<host_event> play_list(const library& lib, const std::vector<s
     return host_now().events;
 }
 
+/* The first test: GStreamer reads its registry once in a process. The service's umask is 0. */
+TEST(files_play, others_may_write_nothing_that_playing_makes) {
+    const temporary_folder home;
+    const std::string registry = home.path + "/gstreamer-1.0";
+    library lib;
+    write_file(registry + "/planted.bin", "");
+    fs::permissions(registry, fs::perms::all);
+    setenv("XDG_CACHE_HOME", home.path.c_str(), 1); // NOLINT(concurrency-mt-unsafe): alone
+    const mode_t before = umask(0);
+    make_deck(&lib, "/a.wav", 100,
+              {{"audio_output", "wavenc ! filesink location=" + home.path + "/out.wav"}});
+    play_list(lib, {"/a.wav"});
+    umask(before);
+    EXPECT_FALSE(fs::exists(registry + "/planted.bin")) << "it may be a stranger's";
+    size_t made = 0;
+    for (const auto& each : fs::recursive_directory_iterator(home.path)) {
+        EXPECT_EQ(each.status().permissions() & (fs::perms::group_write | fs::perms::others_write),
+                  fs::perms::none)
+            << each.path();
+        ++made;
+    }
+    EXPECT_GE(made, 3U) << "the registry, its folder and the output";
+}
+
+/* Descriptors of this process that lead into a folder. */
+static int open_below(const std::string& folder) {
+    int count = 0;
+    for (const auto& each : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        count += fs::read_symlink(each.path(), gone).string().starts_with(folder + '/') ? 1 : 0;
+    }
+    return count;
+}
+
+/* A track is looked for again when it begins, and only a file of the source is one. */
+TEST(files_play, what_took_the_place_of_a_track_is_not_played) {
+    for (const bool pipe : {false, true}) {
+        const temporary_folder outside;
+        library lib;
+        make_deck(&lib, "/a.wav", 60000, {{"index", "0"}});
+        const std::string path = lib.folder.path + "/a.wav";
+        play(lib, "/a.wav");
+        EXPECT_EQ(open_below(lib.folder.path), 1);
+        ASSERT_EQ(attach(lib, "/a.wav"), 0);
+        host_forget();
+        fs::rename(path, outside.path + "/b.wav");
+        if (pipe) {
+            ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+        } else {
+            fs::create_symlink(outside.path + "/b.wav", path);
+        }
+        ASSERT_EQ(lib.api->play_api->play(lib.play), 0);
+        ASSERT_TRUE(host_wait([](const host_record& now) { return !now.events.empty(); }));
+        EXPECT_EQ(host_events(host_event::error, LYR_PLAY_ERROR_SKIP, LYR_PLAY_ERROR_SKIP), 1);
+        EXPECT_EQ(open_below(lib.folder.path), 0) << "nothing is held that is not played";
+        EXPECT_EQ(attach(lib, "/a.wav"), -1);
+    }
+}
+
+/* An APE tag, or the mark of one that says it has this size. */
+static std::string ape_tag(uint32_t size = 0) {
+    const auto number = [](uint32_t value) {
+        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    const std::string item =
+        number(300) + number(0) + std::string("Title", 6) + std::string(300, 'x');
+    const auto mark = [&](uint32_t flags) {
+        const uint32_t said = size != 0 ? size : static_cast<uint32_t>(item.size()) + 32;
+        return "APETAGEX" + number(2000) + number(said) + number(1) + number(flags) +
+               std::string(8, '\0');
+    };
+    return size != 0 ? mark(0xa0000000) : mark(0xa0000000) + item + mark(0x80000000);
+}
+
 TEST(files_play, plays_what_standard_encoders_write) {
     library lib;
     const temporary_folder output;
@@ -56,7 +131,8 @@ TEST(files_play, plays_what_standard_encoders_write) {
         double hertz; /* 0: it is no track */
     } const files[] = {
         {"/empty.flac", 0}, {"/1.flac", 440}, {"/2.ogg", 880}, {"/broken.mp3", 0},
-        {"/3.mp3", 1320},   {"/4.wav", 660},  {"/5.mkv", 990}, {"/sub/bad \xFF%#?.flac", 550}};
+        {"/3.mp3", 1320},   {"/4.wav", 660},  {"/5.mkv", 990}, {"/sub/bad \xFF%#?.flac", 550},
+        {"/6.mp3", 700},    {"/7.mp3", 750},  {"/lie.ape", 0}, {"/lie.mp3", 0}};
     std::vector<std::string> ids;
     std::vector<double> tones;
     for (const auto& file : files) {
@@ -68,6 +144,13 @@ TEST(files_play, plays_what_standard_encoders_write) {
     }
     add(lib, "/broken.mp3", std::string(20000, '\x5A'));
     add(lib, "/empty.flac", "");
+    add(lib, "/6.mp3", ape_tag() + ape_tag(1) + file_content(lib.folder.path + "/6.mp3"));
+    add(lib, "/7.mp3",
+        file_content(lib.folder.path + "/7.mp3") + ape_tag(0xfffffff0) + ape_tag() + "TAG" +
+            std::string(125, ' '));
+    for (const char* id : {"/lie.ape", "/lie.mp3"}) {
+        add(lib, id, "MAC " + std::string(200, '\xFF') + ape_tag(0xfffffff0));
+    }
     /* Each track to a file of its own, as fast as it can be decoded. */
     start_library(&lib, {{"audio_output", "audioconvert ! audioresample ! "
                                           "audio/x-raw,format=S16LE,rate=44100,channels=1 ! "
@@ -77,9 +160,9 @@ TEST(files_play, plays_what_standard_encoders_write) {
         EXPECT_EQ(event.session, lib.play);
         EXPECT_EQ(event.data, &lib.player);
     }
-    EXPECT_EQ(host_events(host_event::finished), 6) << "one end for each track";
-    EXPECT_EQ(host_events(host_event::error), 2) << "and one error for each that is none";
-    EXPECT_EQ(host_events(host_event::error, LYR_PLAY_ERROR_SKIP, LYR_PLAY_ERROR_SKIP), 2);
+    EXPECT_EQ(host_events(host_event::finished), 8) << "one end for each track";
+    EXPECT_EQ(host_events(host_event::error), 4) << "and one error for each that is none";
+    EXPECT_EQ(host_events(host_event::error, LYR_PLAY_ERROR_SKIP, LYR_PLAY_ERROR_SKIP), 4);
     std::map<int, std::vector<int16_t>> written;
     for (const auto& entry : fs::directory_iterator(output.path)) {
         written[std::stoi(entry.path().stem().string())] = read_wav(entry.path().string());
