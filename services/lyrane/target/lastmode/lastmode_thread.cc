@@ -111,6 +111,16 @@ static bool can_ask(const player* player, const mediasource* source) noexcept
                                 player->ms_sessions.items[position])) != 0;
 }
 
+/* Tracks that the plug-in left without the id of their source are of the one that was found: no
+ * client is shown them as another's. */
+static void set_source(player_state* state, const mediasource* source) noexcept {
+    for (int32_t i = 0; i < state->length; ++i) {
+        if (state->tracks[i].ms_id == 0) {
+            state->tracks[i].ms_id = source->id;
+        }
+    }
+}
+
 /* What came of bringing a session back; only with `taken` do the strings of the tracks belong to a
  * session now. */
 enum class outcome { too_early, failed, taken };
@@ -126,6 +136,7 @@ static outcome bring_back(player_state* state, const mediasource* source) noexce
                                       state->length) != 0) {
         return can_ask(player, source) ? outcome::failed : outcome::too_early;
     }
+    set_source(state, source);
     const bool taken = make_session(player, state, source);
     if (player->trksession != nullptr) {
         resume(player, state);
