@@ -246,6 +246,7 @@ TEST_F(Tool, DoctorFindsWhatIsWrong) {
         {"{\"plugins\": {\"/nowhere/x.so\": {}}}", "/nowhere/x.so: cannot open"},
         {"{\"plugins\": {\"libm.so.6\": {}}}", "so it is no plug-in"},
         {"{}", "there is no object \\\"plugins\\\""},
+        {R"({"player": {"lastmode_audio": {"keep_missing": "0"}}})", "set \\\"keep_missing\\\" to"},
     };
     for (const auto& row : rows) {
         std::ofstream(broken) << row.text;

@@ -1,6 +1,7 @@
 #include "doctor.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -100,6 +101,26 @@ finding look_at_player(const json& config) {
         }
     }
     return {verdict::good, "player settings", "complete"};
+}
+
+/* Where the service was started with -l, or is meant to be: whether sessions of media sources that
+ * are away are kept. */
+void look_at_lastmode(const json& config, std::vector<finding>* found) {
+    const json player =
+        config.is_object() ? config.value("player", json::object()) : json::object();
+    const bool is_set = player.is_object() && player.contains("lastmode_audio");
+    if (!is_set && access(resolved("/db/lyrane.db").c_str(), F_OK) != 0) {
+        return;
+    }
+    const json settings = is_set ? player["lastmode_audio"] : json::object();
+    const json keeps = settings.is_object() ? settings.value("keep_missing", json()) : json();
+    if (keeps.is_string() && std::atoi(keeps.get<std::string>().c_str()) != 0) {
+        found->push_back({verdict::good, "last mode", "keeps sessions of sources that are away"});
+    } else {
+        found->push_back({verdict::notice, "last mode",
+                          "with -l, what was played from a source that is away at a start is "
+                          "forgotten: set \"keep_missing\" to \"1\" in \"lastmode_audio\""});
+    }
 }
 
 /* In the child: whether the library can be loaded. Its own code runs at that, so it may do
@@ -244,6 +265,7 @@ std::vector<finding> doctor_look(const arguments& what) {
     found.push_back(configuration);
     if (config.has_value()) {
         found.push_back(look_at_player(*config));
+        look_at_lastmode(*config, &found);
         look_at_plugins(*config, &found);
     }
     found.push_back(look_at_root("runtime root", paths_runtime_root(), R_OK | X_OK));
