@@ -13,11 +13,15 @@ namespace {
 
 constexpr const char* SYSTEM_RUNTIME_ROOT = "/run/veloran";
 constexpr const char* SYSTEM_STATE_ROOT = "/var/lib/veloran";
+constexpr mode_t MASK = 022;
+constexpr mode_t MASK_MAX = 077;
 
 struct root_table {
     char runtime[PATH_MAX];
     char state[PATH_MAX];
     bool runtime_named; /* by $VELORAN_RUN */
+    mode_t mask;
+    const char* mask_refused;
 };
 root_table roots; /* constant once resolved */
 pthread_once_t roots_once = PTHREAD_ONCE_INIT;
@@ -114,9 +118,25 @@ void resolve_state_root() {
     }
 }
 
+/* A mask that takes the owner's own rights is none. */
+void resolve_mask() {
+    const char* text = variable("VELORAN_UMASK");
+    roots.mask = MASK;
+    if (text == nullptr) {
+        return;
+    }
+    const char* end = text + strlen(text);
+    mode_t value = 0;
+    const std::from_chars_result parsed = std::from_chars(text, end, value, 8);
+    const bool is_usable = parsed.ec == std::errc() && parsed.ptr == end && value <= MASK_MAX;
+    roots.mask = is_usable ? value : MASK;
+    roots.mask_refused = is_usable ? nullptr : text;
+}
+
 void resolve_roots() {
     resolve_runtime_root();
     resolve_state_root();
+    resolve_mask();
 }
 
 path_kind kind_of(const char* path) {
@@ -152,6 +172,16 @@ const char* paths_runtime_root(void) noexcept {
 const char* paths_state_root(void) noexcept {
     pthread_once(&roots_once, resolve_roots);
     return roots.state;
+}
+
+mode_t paths_mode(mode_t asked) noexcept {
+    pthread_once(&roots_once, resolve_roots);
+    return asked & ~roots.mask;
+}
+
+const char* paths_umask_refused(void) noexcept {
+    pthread_once(&roots_once, resolve_roots);
+    return roots.mask_refused;
 }
 
 int32_t paths_resolve(const char* path, char* buffer, size_t size) noexcept {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,7 +29,7 @@ constexpr mode_t STATE_ROOT_MODE = 0700;
 /* Opens the directory `name` below `parent`, after making it when it is missing. `*made` tells
  * which. -1 with errno set. */
 int open_or_make(int parent, const char* name, mode_t mode, int flags, bool* made) {
-    *made = mkdirat(parent, name, mode) == 0;
+    *made = mkdirat(parent, name, paths_mode(mode)) == 0;
     if (!*made && errno != EEXIST && errno != EROFS && errno != EACCES && errno != EPERM) {
         return -1;
     }
@@ -152,6 +153,11 @@ void paths_set_owner(uid_t uid, gid_t gid) noexcept {
     owner.set = geteuid() == 0;
     owner.uid = uid;
     owner.gid = gid;
+}
+
+uid_t paths_user(void) noexcept {
+    /* An identity that cannot be is not taken, and the present one is told. */
+    return owner.set ? owner.uid : static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));
 }
 
 int32_t paths_hand_over(int fd) noexcept {

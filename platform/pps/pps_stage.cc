@@ -5,12 +5,15 @@
 #include <charconv>
 #include <ctime>
 #include <memory>
+#include <string_view>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <veloran/lock.h>
+#include <veloran/paths.h>
 
 #include "pps_target.h"
 #include "pps_tree.h"
@@ -18,26 +21,39 @@
 namespace {
 
 constexpr const char* STAGE_NAME = ".stage";
-constexpr int32_t TRIES = 1000;             /* names taken by others before giving up */
+constexpr mode_t STAGE_MODE = 0700;
+constexpr int32_t TRIES = 16;               /* against names in use, or a stage that is replaced */
 constexpr time_t LEFTOVER_AGE_SECONDS = 60; /* far longer than any update takes */
 
 vel_mutex stage_lock;
 int32_t stage_fd VEL_GUARDED_BY(stage_lock) = -1;
 std::atomic<uint32_t> stage_sequence;
+std::atomic<uint64_t> stage_token; /* drawn before the first name is made */
 
 } // namespace
 
-/* "PID.NUMBER"; names of another process-id name space may be the same, so creation is exclusive
- * and tries the next number. */
-static void make_name(char* name) {
+/* Draws what the names of this process begin with. */
+static int32_t draw_token() {
+    uint64_t drawn = 0;
+    if (getrandom(&drawn, sizeof drawn, 0) != static_cast<ssize_t>(sizeof drawn)) {
+        return -1;
+    }
+    stage_token.store(drawn, std::memory_order_relaxed);
+    return 0;
+}
+
+/* "RANDOM.NUMBER", behind `prefix`. A forked process has the same, so creation is exclusive and
+ * tries the next number. */
+static void make_name(char* name, const char* prefix = "") {
     char* end = name + PPS_STAGE_NAME - 1;
-    char* at = std::to_chars(name, end, getpid()).ptr;
+    char* at = name + std::string_view(prefix).copy(name, PPS_STAGE_NAME / 4);
+    at = std::to_chars(at, end, stage_token.load(std::memory_order_relaxed), 36).ptr;
     *at++ = '.';
     at = std::to_chars(at, end, stage_sequence.fetch_add(1, std::memory_order_relaxed)).ptr;
     *at = '\0';
 }
 
-/* Removes what a process of this user left on the stage when it was killed. */
+/* Removes what a process left on the stage when it was killed. */
 static void sweep(int32_t stage) {
     const int32_t fd = openat(stage, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(fd < 0 ? nullptr : fdopendir(fd), closedir);
@@ -50,27 +66,62 @@ static void sweep(int32_t stage) {
         struct stat status;
         if (entry->d_name[0] != '.' &&
             fstatat(stage, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            status.st_uid == geteuid() && now - status.st_ctime > LEFTOVER_AGE_SECONDS) {
+            now - status.st_ctime > LEFTOVER_AGE_SECONDS) {
             pps_tree_remove_entry(stage, entry->d_name);
         }
     }
 }
 
-/* Opens the stage, which is made when it is missing. */
+/* Gives what was made in `place` to the user of the service. */
+static int32_t hand_over(int32_t place, const char* name) {
+    const vel_fd made(openat(place, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return made.value < 0 ? -1 : paths_hand_over(made.value);
+}
+
+/* Whether the stage is the user's alone. What others might do on the one of an earlier build, which
+ * was open to all, ends here. */
+static bool is_private(int32_t stage) {
+    struct stat status;
+    return fstat(stage, &status) == 0 && status.st_uid == paths_user() &&
+           ((status.st_mode & 0777) == STAGE_MODE || fchmod(stage, STAGE_MODE) == 0);
+}
+
+/* Renames what is in the way within its directory, which needs no right on it, and removes it as
+ * far as that can be done. */
+static int32_t set_aside(int32_t place, const char* name) {
+    char hidden[PPS_STAGE_NAME];
+    make_name(hidden, ".aside.");
+    if (renameat2(place, name, place, hidden, RENAME_NOREPLACE) != 0) {
+        return -1;
+    }
+    pps_tree_remove_entry(place, hidden);
+    return 0;
+}
+
+/* Opens the stage, which is made when it is missing, and made anew when it is not the user's. */
 static int32_t open_stage() {
     const vel_fd base(pps_target_open_base());
-    if (base.value < 0) {
+    if (base.value < 0 || draw_token() != 0) {
         return -1;
     }
-    const bool is_new = mkdirat(base.value, STAGE_NAME, 0700) == 0;
-    if (!is_new && errno != EEXIST) {
-        return -1;
+    for (int32_t i = 0; i < TRIES; ++i) {
+        const bool is_new = mkdirat(base.value, STAGE_NAME, STAGE_MODE) == 0;
+        if ((!is_new && errno != EEXIST) || (is_new && hand_over(base.value, STAGE_NAME) != 0)) {
+            return -1;
+        }
+        vel_fd stage(
+            openat(base.value, STAGE_NAME, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (stage.value >= 0 && is_private(stage.value)) {
+            return stage.release();
+        }
+        const bool is_strange =
+            stage.value >= 0 || errno == ENOTDIR || errno == ELOOP || errno == EACCES;
+        if (!is_strange || (set_aside(base.value, STAGE_NAME) != 0 && errno != ENOENT)) {
+            return -1;
+        }
     }
-    vel_fd stage(openat(base.value, STAGE_NAME, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (stage.value < 0 || (is_new && fchmod(stage.value, 01777) != 0)) {
-        return -1;
-    }
-    return stage.release();
+    errno = EBUSY;
+    return -1;
 }
 
 static bool is_removed(int32_t directory) {
@@ -100,12 +151,25 @@ int32_t pps_stage_open(void) noexcept {
 int32_t pps_stage_create(int32_t stage, char* name, uint32_t mode) noexcept {
     for (int32_t i = 0; i < TRIES; ++i) {
         make_name(name);
-        const int32_t fd =
-            openat(stage, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+        const int32_t fd = openat(stage, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                  paths_mode(mode));
         const bool is_again = fd < 0 && (errno == EEXIST || errno == EINTR ||
                                          (errno == ENOENT && pps_stage_open() >= 0));
         if (!is_again) {
             return fd;
+        }
+    }
+    return -1;
+}
+
+int32_t pps_stage_make_directory(int32_t stage, char* name, uint32_t mode) noexcept {
+    for (int32_t i = 0; i < TRIES; ++i) {
+        make_name(name);
+        if (mkdirat(stage, name, paths_mode(mode)) == 0) {
+            return hand_over(stage, name);
+        }
+        if (errno != EEXIST && (errno != ENOENT || pps_stage_open() < 0)) {
+            return -1;
         }
     }
     return -1;
@@ -117,15 +181,10 @@ int32_t pps_stage_take(int32_t place, const char* name) noexcept {
         return -1;
     }
     char aside[PPS_STAGE_NAME];
-    for (int32_t i = 0; i < TRIES; ++i) {
-        make_name(aside);
-        if (renameat2(place, name, stage, aside, RENAME_NOREPLACE) == 0) {
-            pps_tree_remove_entry(stage, aside);
-            return 0;
-        }
-        if (errno != EEXIST) {
-            return -1;
-        }
+    make_name(aside);
+    if (renameat2(place, name, stage, aside, RENAME_NOREPLACE) == 0) {
+        pps_tree_remove_entry(stage, aside);
+        return 0;
     }
-    return -1;
+    return errno == ENOENT ? -1 : set_aside(place, name);
 }

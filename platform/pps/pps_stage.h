@@ -1,7 +1,7 @@
-/* The stage: a directory beside the objects where new content is written before it is renamed into
- * place, and where directories end up that cannot be removed on the spot. Everybody may write to
- * it and nobody may touch another's files in it (sticky), so that it serves a service that gives
- * up its privileges, too. */
+/* The stage: a directory beside the objects where everything is made before it is renamed into
+ * place, and where what stands in the way of it ends up. It belongs to the user of the service
+ * alone (mode 0700), and its names come from the kernel's random numbers, so nobody else can be
+ * there first. */
 #ifndef VELORAN_PPS_STAGE_H
 #define VELORAN_PPS_STAGE_H
 
@@ -14,8 +14,11 @@ constexpr size_t PPS_STAGE_NAME = 48; /* bytes of a name on the stage */
 int32_t pps_stage_open(void) noexcept;
 /* A new file on the stage: its descriptor, its name in `name`. */
 int32_t pps_stage_create(int32_t stage, char* name, uint32_t mode) noexcept;
-/* Takes a file or directory out of `place` onto the stage, and removes it there with all it holds
- * as far as that can be done. 0 when the name in `place` is free. */
+/* A new directory on the stage, which belongs to the user of the service: 0, its name in `name`. */
+int32_t pps_stage_make_directory(int32_t stage, char* name, uint32_t mode) noexcept;
+/* Takes a file or directory out of `place`, and removes it with all it holds as far as that can be
+ * done. It goes onto the stage; a directory of somebody else that may not leave its parent stays
+ * there under a hidden name. 0 when the name in `place` is free. */
 int32_t pps_stage_take(int32_t place, const char* name) noexcept;
 
 #endif

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <veloran/lock.h>
+#include <veloran/paths.h>
 #include <veloran/pps.h>
 
 #include "pps_stage.h"
@@ -99,22 +100,68 @@ int32_t pps_tree_remove_entry(int32_t place, const char* name) noexcept {
     return remove_entry(place, name, 0);
 }
 
-int32_t pps_tree_make_directory(int32_t place, const char* name, uint32_t mode) noexcept {
+/* 1 when a name stands for a directory of the service's user, not reached through a link, else 0;
+ * -1 when it cannot be told. One of an earlier build, or of an open tree, loses the bits of the
+ * mask. */
+static int32_t is_own_directory(int32_t place, const char* name) {
+    struct stat status;
+    if (fstatat(place, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? 0 : -1;
+    }
+    if (!S_ISDIR(status.st_mode) || status.st_uid != paths_user()) {
+        return 0;
+    }
+    const mode_t present = status.st_mode & 07777;
+    if (paths_mode(present) == present) {
+        return 1;
+    }
+    const vel_fd directory(open_directory(place, name));
+    const bool is_narrowed = directory.value >= 0 && fstat(directory.value, &status) == 0 &&
+                             status.st_uid == paths_user() &&
+                             fchmod(directory.value, paths_mode(present)) == 0;
+    return is_narrowed ? 1 : -1;
+}
+
+/* Gives a directory of the stage its name. What is in its place and not the user's is set aside. */
+static int32_t put_in_place(int32_t stage, const char* staged, int32_t place, const char* name) {
     for (int32_t i = 0; i < TRIES; ++i) {
-        if (mkdirat(place, name, mode) == 0) {
+        if (renameat2(stage, staged, place, name, RENAME_NOREPLACE) == 0) {
             return 0;
         }
-        struct stat status;
         if (errno != EEXIST) {
             return -1;
         }
-        if (fstatat(place, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode)) {
-            break;
+        const int32_t is_own = is_own_directory(place, name);
+        if (is_own != 0) {
+            errno = is_own > 0 ? EEXIST : errno;
+            return -1;
         }
-        unlinkat(place, name, 0);
+        if (pps_stage_take(place, name) != 0 && errno != ENOENT) {
+            return -1;
+        }
     }
-    errno = EEXIST;
+    errno = EBUSY;
     return -1;
+}
+
+/* Makes a directory in an opened place, as pps_mkdir does. */
+static int32_t make_directory(int32_t place, const char* name, uint32_t mode) {
+    if (is_own_directory(place, name) > 0) { /* the usual case of a service that comes again */
+        errno = EEXIST;
+        return -1;
+    }
+    char staged[PPS_STAGE_NAME];
+    const int32_t stage = pps_stage_open();
+    if (stage < 0 || pps_stage_make_directory(stage, staged, mode) != 0) {
+        return -1;
+    }
+    const int32_t result = put_in_place(stage, staged, place, name);
+    if (result != 0) {
+        const int32_t error = errno;
+        unlinkat(stage, staged, AT_REMOVEDIR);
+        errno = error;
+    }
+    return result;
 }
 
 int32_t pps_mkdir(const char* path, uint32_t mode) noexcept {
@@ -123,7 +170,7 @@ int32_t pps_mkdir(const char* path, uint32_t mode) noexcept {
         return -1;
     }
     const vel_fd place(pps_target_open_to_write(target.directory));
-    return place.value < 0 ? -1 : pps_tree_make_directory(place.value, target.name, mode);
+    return place.value < 0 ? -1 : make_directory(place.value, target.name, mode);
 }
 
 int32_t pps_rmdir(const char* path) noexcept {
@@ -135,13 +182,16 @@ int32_t pps_rmdir(const char* path) noexcept {
     if (place.value < 0) {
         return errno == ENOENT ? 0 : -1;
     }
-    int32_t result = unlinkat(place.value, target.name, AT_REMOVEDIR);
-    if (result != 0 && errno == ENOTDIR) {
-        result = unlinkat(place.value, target.name, 0);
-    } else if (result != 0 && (errno == ENOTEMPTY || errno == EEXIST)) {
-        result = pps_stage_take(place.value, target.name);
+    if (unlinkat(place.value, target.name, AT_REMOVEDIR) == 0 || errno == ENOENT ||
+        pps_stage_take(place.value, target.name) == 0 || errno == ENOENT) {
+        return 0;
     }
-    return result != 0 && errno == ENOENT ? 0 : result;
+    const int32_t error = errno;
+    if (is_own_directory(place.value, target.name) == 0) {
+        return 0; /* somebody else's: ours has gone */
+    }
+    errno = error;
+    return -1;
 }
 
 int32_t pps_unlink(const char* path) noexcept {

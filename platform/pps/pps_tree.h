@@ -8,7 +8,4 @@
  * not be removed left in place; ENOENT when there is nothing. */
 int32_t pps_tree_remove_entry(int32_t place, const char* name) noexcept;
 
-/* Makes a directory in an opened place, as pps_mkdir does. */
-int32_t pps_tree_make_directory(int32_t place, const char* name, uint32_t mode) noexcept;
-
 #endif

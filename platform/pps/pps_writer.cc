@@ -88,16 +88,14 @@ static int32_t make_directories(const std::string& directory) {
 }
 
 /* Opens the directory by its path again, after it was found to be gone, and makes it when it is
- * missing. */
+ * missing, or when somebody else's has taken its place. */
 static int32_t reopen_place(pps_writer* writer) {
-    vel_fd fd(pps_target_open_to_write(writer->directory.c_str()));
-    if (fd.value < 0 && errno == ENOENT) {
-        if (make_directories(writer->directory) != 0) {
-            return -1;
-        }
-        fd.value = pps_target_open_to_write(writer->directory.c_str());
+    const std::string path = "/pps/" + writer->directory;
+    if (!writer->directory.empty() && pps_mkdir(path.c_str(), REMADE_MODE) != 0 &&
+        errno != EEXIST && (errno != ENOENT || make_directories(writer->directory) != 0)) {
+        return -1;
     }
-    pps_place* place = place_acquire(fd.release());
+    pps_place* place = place_acquire(pps_target_open_to_write(writer->directory.c_str()));
     if (place == nullptr) {
         return -1;
     }

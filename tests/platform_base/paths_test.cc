@@ -118,6 +118,28 @@ TEST(paths, only_whole_components_of_the_table_are_moved) {
               0);
 }
 
+/* What is no mask must not open the tree. */
+TEST(paths, modes_lose_the_mask_of_the_name_space) {
+    const struct {
+        const char* value;
+        mode_t mode; /* of the 0777 that was asked for */
+        bool refused;
+    } cases[] = {
+        {"", 0755, false},   {"0", 0777, false},   {"027", 0750, false},
+        {"77", 0700, false}, {"100", 0755, true},  {"089", 0755, true},
+        {"-1", 0755, true},  {"022 ", 0755, true}, {"open", 0755, true},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(status_of_child([&] {
+                      setenv("VELORAN_UMASK", c.value, 1);
+                      const bool right = paths_mode(0777) == c.mode && paths_mode(0600) == 0600;
+                      return right && (paths_umask_refused() != nullptr) == c.refused ? 0 : 1;
+                  }),
+                  0)
+            << c.value;
+    }
+}
+
 TEST(paths, a_root_longer_than_any_path_resolves_nothing) {
     EXPECT_EQ(status_of_child([] {
                   setenv("VELORAN_RUN", ("/" + std::string(PATH_MAX, 'x')).c_str(), 1);

@@ -30,13 +30,13 @@ struct pps_tree : ::testing::Test {
     }
 };
 
-TEST_F(pps_tree, makes_directories_with_their_mode) {
+TEST_F(pps_tree, makes_directories_with_their_mode_less_the_mask) {
     const mode_t mask = umask(0);
     EXPECT_EQ(pps_mkdir("/pps/services/made?nopersist", 0777), 0);
     umask(mask);
     struct stat status;
     ASSERT_EQ(lstat(real_path("/pps/services/made").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0777));
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0755));
     EXPECT_EQ(pps_mkdir("/pps/services/made", 0777), -1);
     EXPECT_EQ(errno, EEXIST);
     EXPECT_EQ(pps_mkdir("/pps/services/missing/below", 0777), -1);

@@ -20,7 +20,8 @@
 
 namespace {
 
-constexpr int32_t EVENT = 5; /* severity */
+constexpr int32_t EVENT = 5; /* severities */
+constexpr int32_t WARNING = 3;
 
 struct arguments {
     std::string schemas;
@@ -79,6 +80,9 @@ bool run(arguments* what, std::string* why) {
     }
     if (what->syslog) {
         slog_open("sqldbd");
+    }
+    if (paths_umask_refused() != nullptr) {
+        say(what, WARNING, "VELORAN_UMASK is no octal number up to 077; modes lose 022");
     }
     const sqldb_service_options options = {schemas_of(*what), say, what};
     sqldb_service* service = sqldb_service_start(&options);

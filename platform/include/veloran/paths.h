@@ -54,6 +54,19 @@ int32_t paths_hand_over(int fd) noexcept;
  * are made. 0, also when it stays as it is; -1 with errno set, ENOENT when there is none. */
 int32_t paths_hand_over_file(const char* real_path) noexcept;
 
+/* What the name space makes of a mode that is asked for there: it loses the bits of $VELORAN_UMASK,
+ * octal up to 077, 022 unless given, read once like the roots. With 022 nobody but the service's
+ * user changes what it publishes; 0 is for a system whose every process is trusted. For folders,
+ * objects and databases; not for sockets, whose mode is the door. */
+mode_t paths_mode(mode_t asked) noexcept;
+
+/* The value of $VELORAN_UMASK when it is no such number, and 022 holds; null when all is well. */
+const char* paths_umask_refused(void) noexcept;
+
+/* The user to whom belongs what this thread makes in the name space: the one of paths_set_owner,
+ * else the one of the thread's file identity. */
+uid_t paths_user(void) noexcept;
+
 /* The roots, without a slash at the end; empty when the variable's value is longer than any path
  * may be, and then nothing below it resolves. */
 const char* paths_runtime_root(void) noexcept;

@@ -54,12 +54,14 @@ struct pps_line {
 
 extern "C" {
 
-/* Makes a directory with this mode (the umask applies). EEXIST when there is one; a file or a link
- * in its place is removed first. */
+/* Makes a directory with this mode, less the masks of the name space (paths_mode) and of the
+ * process. EEXIST when there is one of the service's user (paths_user), which loses the bits of the
+ * mask. Anything else in its place is set aside and removed as far as that can be done; -1 where
+ * even that fails. */
 int32_t pps_mkdir(const char* path, uint32_t mode) noexcept;
-/* Removes a directory with all it holds, without following links; one that is gone already is no
- * error. Other users' directories inside it that cannot be emptied are set aside, so that the name
- * is free in any case. */
+/* Removes a directory with all it holds, without following links; one that is gone already, or in
+ * whose place is somebody else's that cannot be moved, is no error. Other users' directories inside
+ * it that cannot be emptied are set aside. */
 int32_t pps_rmdir(const char* path) noexcept;
 /* Removes an object. ENOENT when there is none. */
 int32_t pps_unlink(const char* path) noexcept;
@@ -70,8 +72,8 @@ int32_t pps_clear_tree(const char* path) noexcept;
 
 /* Opens an object, or ".all" of a directory. The object belongs to the caller. `flags`:
  *   O_RDONLY             read or watch it; ENOENT when it is missing
- *   O_WRONLY             update it; with O_CREAT it is made when missing (`mode`; the umask
- *                        applies); with O_TRUNC it starts anew, without content, whatever stood
+ *   O_WRONLY             update it; with O_CREAT it is made when missing (`mode`, less the
+ *                        same masks); with O_TRUNC it starts anew, without content, whatever stood
  *                        in its place
  * A writer keeps the merged content itself: an object has one writer at a time, and the content of
  * another's update in between is replaced by the next own update. A writer holds one descriptor,

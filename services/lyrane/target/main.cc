@@ -98,6 +98,10 @@ void claim_name() {
     if (mmcontrol.user != nullptr) {
         paths_set_owner(mmcontrol.uid, mmcontrol.gid);
     }
+    if (paths_umask_refused() != nullptr) {
+        msglog(3, "VELORAN_UMASK=%s is no octal number up to 077; modes lose 022",
+               paths_umask_refused());
+    }
     if (paths_make_roots(failed, sizeof failed) != 0) {
         msglog(2, "cannot use the directory \"%s\" (%s)", failed, msglog_error_text(errno));
     }

@@ -41,7 +41,8 @@ void dump_minitrk(const char* mn_id, int32_t count, const medianode* nodes,
     (void)paths_make_parents(real_path);
     /* The id came from a client, and others may write to the folder: no link is followed. */
     const int fd =
-        open(real_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+        open(real_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+             paths_mode(0644));
     FILE* file = fd >= 0 ? fdopen(fd, "w") : nullptr;
     if (file == nullptr) {
         if (fd >= 0) {
