@@ -25,7 +25,7 @@
  *                            PATH/t0 ... in each folder; generated when asked for, never held).
  *                            NAME: empty is the last part of the path, "-" null. URL: empty is
  *                            "fake:PATH", "-" null. COUNT: empty is the number of children.
- *                            \xHH gives any byte.
+ *                            \xHH gives any byte. A node with several lines is a child as often.
  *   meta ID [title= artwork= artist= album= genre= year= extra= duration= width= height=
  *        disc= track=]       Metadata of a node. Without it a leaf has its name as title and a
  *                            duration of 180000 ms, everything else has none.

@@ -129,7 +129,13 @@ bool parse_line(tree& target, const std::string& line) {
     if (field[0].empty() || field[0][0] != '/') {
         return false;
     }
-    tree_node& node = target.nodes[node_at(target, words_unescape(field[0]))];
+    const std::string id = words_unescape(field[0]);
+    const size_t position = node_at(target, id);
+    tree_node& node = target.nodes[position];
+    if (node.written) {
+        target.nodes[target.by_id.at(tree_parent(id))].children.push_back(position);
+    }
+    node.written = true;
     set_text(node.item.name, field[2]);
     set_text(node.item.url, field[3]);
     if (!field[4].empty()) {

@@ -20,6 +20,7 @@ struct tree_item {
 struct tree_node {
     tree_item item;
     bool count_given = false;
+    bool written = false; /* has a line of its own */
     std::vector<size_t> children;
     /* Generated below this node. */
     int32_t tracks = 0;

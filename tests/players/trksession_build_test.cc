@@ -47,6 +47,8 @@ const build_case builds[] = {
      "/1 /x /2", 0},
     {"an empty first folder ends it", "/E|F\n/F|F\n/F/1|A", 0, -1, -1, "", 0},
     {"the largest start", "/|tracks:3", INT_MAX, -1, -1, "", 0},
+    {"ids that stand several times, also in a row",
+     "/a|A\n/b|A\n/a|A\n/c|A\n/c|A\n/c|A\n/c|A\n/a|A", 2, -1, -1, "/a /b /a /c /c /c /c /a", 2},
     {"a child that is neither", "/x|7\n/1|A", 0, -1, -1, "", 0},
 };
 

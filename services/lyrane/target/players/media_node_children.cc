@@ -9,20 +9,20 @@
 #include "msglog.h"
 #include "plugin_call.h"
 
+/* So many equal pages in a row: the plug-in does not look at the offset, and would go on like that
+ * for ever. Fewer are a list in which tracks stand several times. */
+static constexpr int32_t EQUAL_PAGES = 16;
+
 /* What has been gathered. `offset` counts what the plug-in delivered, `count` what was kept. */
 struct listing {
     medianode* nodes;
     int32_t count;
     int32_t capacity;
     int32_t offset;
-    char* first_id; /* of the last page; owned */
+    int32_t page_at;     /* where the last page begins in `nodes` */
+    int32_t page_count;  /* records that it was delivered with */
+    int32_t equal_pages; /* the last one included */
 };
-
-static void listing_free(listing* list) noexcept {
-    free_medianodes(&list->nodes, list->count);
-    free(list->first_id);
-    list->first_id = nullptr;
-}
 
 static void listing_reserve(listing* list, int32_t more) noexcept {
     const int64_t needed = static_cast<int64_t>(list->count) + more;
@@ -45,6 +45,8 @@ static void listing_reserve(listing* list, int32_t more) noexcept {
 static void listing_append(listing* list, medianode* page, int32_t count,
                            const char* mn_id) noexcept {
     listing_reserve(list, count);
+    list->page_at = list->count;
+    list->page_count = count;
     for (int32_t i = 0; i < count; ++i) {
         if (page[i].id != nullptr) {
             list->nodes[list->count] = page[i];
@@ -58,17 +60,34 @@ static void listing_append(listing* list, medianode* page, int32_t count,
     free(page);
 }
 
-/* True when a page begins as the one before it did: the plug-in does not look at the offset, and
- * would go on like that for ever. */
-static bool listing_repeats(listing* list, const medianode* page, const char* mn_id) noexcept {
-    const char* first = page[0].id != nullptr ? page[0].id : "";
-    if (list->first_id != nullptr && strcmp(list->first_id, first) == 0) {
-        msglog(3, "Plug-in delivers the same children of %s again and again", mn_id);
-        return true;
+/* Whether a page has the ids of the one before. */
+static bool listing_equal(const listing* list, const medianode* page, int32_t count) noexcept {
+    if (count != list->page_count) {
+        return false;
     }
-    free(list->first_id);
-    list->first_id = strdup(first);
-    return false;
+    int32_t at = list->page_at;
+    for (int32_t i = 0; i < count; ++i) {
+        if (page[i].id != nullptr &&
+            (at == list->count || strcmp(list->nodes[at++].id, page[i].id) != 0)) {
+            return false;
+        }
+    }
+    return at == list->count;
+}
+
+/* True when the listing has no end; of the equal pages the first one stays. */
+static bool listing_endless(listing* list, const medianode* page, int32_t count,
+                            const char* mn_id) noexcept {
+    list->equal_pages = listing_equal(list, page, count) ? list->equal_pages + 1 : 1;
+    if (list->equal_pages < EQUAL_PAGES) {
+        return false;
+    }
+    msglog(3, "Plug-in delivers the same children of %s again and again", mn_id);
+    const int32_t surplus = (EQUAL_PAGES - 2) * (list->count - list->page_at);
+    for (int32_t i = 0; i < surplus; ++i) {
+        free_medianode_contents(&list->nodes[--list->count]);
+    }
+    return true;
 }
 
 int32_t media_node_children(const mediasource_session* session, const char* mn_id, int32_t* limit,
@@ -85,19 +104,18 @@ int32_t media_node_children(const mediasource_session* session, const char* mn_i
                 msglog(3, "Browsing %s failed.", mn_id);
             }
             free_medianodes(&page, page != nullptr ? count : 0);
-            listing_free(&list);
+            free_medianodes(&list.nodes, list.count);
             return -1;
         }
         if (count == 0) {
             break;
         }
-        if (listing_repeats(&list, page, mn_id)) {
+        if (listing_endless(&list, page, count, mn_id)) {
             free_medianodes(&page, count);
             break;
         }
         listing_append(&list, page, count, mn_id);
     }
-    free(list.first_id);
     *nodes = list.nodes;
     *limit = list.count;
     return 0;

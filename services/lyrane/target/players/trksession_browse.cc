@@ -5,8 +5,9 @@
  * the index is 0. The walk keeps its own stack: trees come from devices, and a device may be deep
  * or contain itself.
  *
- * Tracks that the first step has imported are met again here. They are known by their ids and not
- * by their number, so that a tree that changed in between loses nothing and gives nothing twice. */
+ * Tracks that the first step has imported are met again here. They are known by their ids, each as
+ * often as the first step has it, and not by their number, so that a tree that changed in between
+ * loses nothing and gives nothing twice. */
 #include "trksession_build.h"
 
 #include <algorithm>
@@ -35,10 +36,10 @@ struct folder {
     bool first_done;
 };
 
-/* An id of the first step, to be skipped once. */
+/* An id of the first step, and how often it is still to be skipped. */
 struct held_id {
     const char* id;
-    bool met;
+    int32_t left;
 };
 
 struct walk {
@@ -48,7 +49,7 @@ struct walk {
     int32_t* count;
     int32_t stop_count;
     int32_t* ignore_count;
-    held_id* held; /* owned; sorted by id */
+    held_id* held; /* owned; sorted by id, each once */
     int32_t held_count;
     folder* path; /* owned; a stack */
     int32_t path_count;
@@ -82,26 +83,31 @@ static void hold_ids(walk* w, trksession* session) noexcept {
     }
     for (int32_t i = 0; i < n; ++i) {
         w->held[i].id = session->tracks[i].id; /* stays until destruction, which joins us */
+        w->held[i].left = 1;
     }
-    w->held_count = n;
     std::sort(w->held, w->held + n, by_id);
+    for (int32_t i = 0; i < n; ++i) {
+        if (w->held_count > 0 && strcmp(w->held[w->held_count - 1].id, w->held[i].id) == 0) {
+            ++w->held[w->held_count - 1].left;
+        } else {
+            w->held[w->held_count++] = w->held[i];
+        }
+    }
 }
 
-/* True for a track of the first step that is met for the first time. */
+/* True for a track that the first step has, as often as it has it. */
 static bool skip_held(walk* w, const char* id) noexcept {
     if (*w->ignore_count <= 0) {
         return false;
     }
-    const held_id key = {id, false};
-    for (held_id* at = std::lower_bound(w->held, w->held + w->held_count, key, by_id);
-         at != w->held + w->held_count && strcmp(at->id, id) == 0; ++at) {
-        if (!at->met) {
-            at->met = true;
-            --*w->ignore_count;
-            return true;
-        }
+    held_id* end = w->held + w->held_count;
+    held_id* at = std::lower_bound(w->held, end, held_id{id, 0}, by_id);
+    if (at == end || strcmp(at->id, id) != 0 || at->left == 0) {
+        return false;
     }
-    return false;
+    --at->left;
+    --*w->ignore_count;
+    return true;
 }
 
 static bool enough(const walk* w) noexcept {
