@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -162,6 +163,12 @@ int32_t join(const char* root, const char* path, char* buffer, size_t size) {
     return static_cast<int32_t>(root_length + path_length);
 }
 
+bool is_own_directory(const char* path) {
+    struct stat status;
+    return lstat(path, &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
+           (status.st_mode & S_IWOTH) == 0;
+}
+
 } // namespace
 
 const char* paths_runtime_root(void) noexcept {
@@ -199,12 +206,15 @@ int32_t paths_resolve(const char* path, char* buffer, size_t size) noexcept {
 
 int32_t paths_resolve_existing(const char* path, char* buffer, size_t size) noexcept {
     const int32_t own = paths_resolve(path, buffer, size);
-    if (own < 0 || kind_of(path) != path_kind::runtime || roots.runtime_named ||
-        access(buffer, F_OK) == 0) {
+    if (own < 0 || kind_of(path) != path_kind::runtime || roots.runtime_named) {
+        return own;
+    }
+    const bool is_trusted = is_own_directory(roots.runtime);
+    if (is_trusted && access(buffer, F_OK) == 0) {
         return own;
     }
     const int32_t common = join(SYSTEM_RUNTIME_ROOT, path, buffer, size);
-    if (common >= 0 && access(buffer, F_OK) == 0) {
+    if (!is_trusted || (common >= 0 && access(buffer, F_OK) == 0)) {
         return common;
     }
     return paths_resolve(path, buffer, size);

@@ -140,6 +140,42 @@ TEST(paths, modes_lose_the_mask_of_the_name_space) {
     }
 }
 
+/* Somebody makes the place first where another user's clients look for the service. */
+TEST(paths, clients_trust_no_root_of_somebody_else) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    constexpr uid_t USER = 12345;
+    const scratch base;
+    fs::permissions(base.path, fs::perms{0755});
+    const std::string own = base.path + "/veloran";
+    const auto chosen = [&] {
+        return status_of_child([&] {
+            clearenv();
+            setenv("XDG_RUNTIME_DIR", base.path.c_str(), 1);
+            char real[PATH_MAX] = "";
+            if (setresuid(USER, USER, USER) != 0 ||
+                paths_resolve_existing("/sys/csm/x", real, sizeof real) < 0) {
+                return 2;
+            }
+            return real == own + "/sys/csm/x"                      ? 1
+                   : real == std::string("/run/veloran/sys/csm/x") ? 0
+                                                                   : 3;
+        });
+    };
+    EXPECT_EQ(chosen(), 0) << "no root";
+    fs::create_directories(own + "/sys/csm/x");
+    EXPECT_EQ(chosen(), 0) << "a stranger's";
+    ASSERT_EQ(chown(own.c_str(), USER, USER), 0);
+    EXPECT_EQ(chosen(), 1);
+    fs::permissions(own, fs::perms::all);
+    EXPECT_EQ(chosen(), 0) << "open to all";
+    fs::permissions(own, fs::perms{0755});
+    fs::rename(own, base.path + "/behind");
+    fs::create_symlink(base.path + "/behind", own);
+    EXPECT_EQ(chosen(), 0) << "a link";
+}
+
 TEST(paths, a_root_longer_than_any_path_resolves_nothing) {
     EXPECT_EQ(status_of_child([] {
                   setenv("VELORAN_RUN", ("/" + std::string(PATH_MAX, 'x')).c_str(), 1);

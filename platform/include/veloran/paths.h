@@ -23,8 +23,10 @@ extern "C" {
 int32_t paths_resolve(const char* path, char* buffer, size_t size) noexcept;
 
 /* The same for a client that looks for something a service made: the path under the own runtime
- * root when that exists, else the one under /run/veloran when that exists, else the former. With
- * $VELORAN_RUN set only the own root counts: whoever names a root means that one. */
+ * root when that is a directory of the effective user's, no link, in which not everybody may write,
+ * and the path exists there or nowhere; else the one under /run/veloran, so that nobody can put a
+ * service of his own before it. With $VELORAN_RUN set only the own root counts: whoever names a root
+ * means that one. */
 int32_t paths_resolve_existing(const char* path, char* buffer, size_t size) noexcept;
 
 /* Makes the runtime root (mode 0755) and the state root (mode 0700) with their parents. Refuses a
