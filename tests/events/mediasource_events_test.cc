@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -110,6 +111,63 @@ TEST_F(mediasource_events, pass_by_a_call_that_does_not_return) {
     EXPECT_EQ(rig_join(rig, ticket), 0);
     caller.join();
     EXPECT_EQ(rig_logged(rig, named), 1);
+}
+
+/* Whoever asks a source something holds a player; another source's event waits for that player and
+ * holds the events; and the source that goes must end what both wait for. */
+TEST_F(mediasource_events, end_what_hangs_on_a_source_that_goes) {
+    const int32_t other = rig_source(rig, "other", "");
+    int32_t source = -1;
+    const struct {
+        const char* entry;
+        std::function<int32_t(player*)> call;
+    } cases[] = {
+        {"browse",
+         [&source](player* player) {
+             int32_t count = -1;
+             medianode* nodes = nullptr;
+             return mediasource_browse(&mmcontrol, player, source, "/", 0, &count, &nodes);
+         }},
+        {"metadata",
+         [&source](player* player) {
+             metadata* data = nullptr;
+             return mediasource_get_metadata(&mmcontrol, player, source, "/t0", &data);
+         }},
+        {"extended",
+         [&source](player* player) {
+             const char* const keys[] = {"codec", nullptr};
+             char* values[] = {nullptr};
+             return mediasource_get_extended_metadata(&mmcontrol, player, source, "/t0", keys,
+                                                      values);
+         }},
+        {"update",
+         [&source](player* player) {
+             medianode node = {};
+             return mediasource_update_medianodes(&mmcontrol, player, source, &node, 1);
+         }},
+    };
+    player* player = player_open(&mmcontrol, "asking");
+    int32_t status = 1;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.entry);
+        source = rig_source(rig, "hanging", "/|tracks:3");
+        fake_do(rig.fake, "rule %s block=hang", c.entry);
+        std::thread asking([&] {
+            vel_lock_guard guard(player->lock);
+            EXPECT_EQ(c.call(player), -1);
+        });
+        fake_do(rig.fake, "blocked hang");
+        ++status;
+        const std::string waiting =
+            rig_event(rig, "status uid=other thread=1 value=" + std::to_string(status));
+        while (mediasource_status(mediasource_by_id(&mmcontrol, other)) != status) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(fake_number(rig.fake, "event disconnected uid=hanging"), 0);
+        fake_do(rig.fake, "release hang"); /* if it did not */
+        asking.join();
+        EXPECT_EQ(rig_join(rig, waiting), 0);
+    }
 }
 
 /* As for the list of sources, which is packed under this lock alone. */

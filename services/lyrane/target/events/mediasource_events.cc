@@ -40,12 +40,11 @@ static char* copy_text(const char* text) noexcept {
     return copy;
 }
 
-/* Takes a player's lock although a request that browses a lost source may hold it: as long as it
- * does not come free, what is browsed is cancelled again, since a cancel that comes just before the
- * plug-in is reached finds nothing to end. */
-static void lock_against_browsing(player* player, int32_t ms_id) noexcept
-    VEL_ACQUIRE(player->lock) {
-    while (!vel_mutex_lock_until(&player->lock, vel_deadline(CANCEL_AGAIN_MS))) {
+/* Takes a lock although a call that asks a lost source for something may keep it from being free:
+ * as long as it does not come free, what is asked is cancelled again, since a cancel that comes
+ * just before the plug-in is reached finds nothing to end. */
+static void lock_against_browsing(vel_mutex* lock, int32_t ms_id) noexcept VEL_ACQUIRE(lock) {
+    while (!vel_mutex_lock_until(lock, vel_deadline(CANCEL_AGAIN_MS))) {
         plugin_browsing_cancel(ms_id);
     }
 }
@@ -59,7 +58,7 @@ static void for_each_player(mediasource* source, int32_t type,
         if (mediasource_active(source) != 0) {
             vel_mutex_lock(&players[i]->lock);
         } else {
-            lock_against_browsing(players[i], source->id);
+            lock_against_browsing(&players[i]->lock, source->id);
         }
         if (players[i]->closed == 0) {
             act(players[i], source, type);
@@ -91,9 +90,9 @@ static void take_away(player* player, mediasource* source, int32_t type) noexcep
     }
 }
 
-/* Ends what is being browsed on a source, ahead of the player locks: one of them may be held by a
- * request that waits for the source to answer. The sessions being built are told first, so that
- * none of them asks for another page. */
+/* Ends what a source is being asked for, ahead of the locks: one of them may be held by a request
+ * that waits for the source to answer, or by who waits for that request. The sessions being built
+ * are told first, so that none of them asks for another page. */
 static void cancel_browsing(const mediasource* source) noexcept {
     int32_t count = 0;
     player** players = players_pin_all(&mmcontrol, &count);
@@ -214,19 +213,20 @@ int32_t lyrane_internal_mediasource_disconnected(int32_t ms_id) noexcept {
     if (from_inside_a_call("media source disconnected")) {
         return -1;
     }
-    char name[MSGLOG_LINE_SIZE]; /* a later event may change the source's own */
-    {
-        vel_lock_guard guard(mmcontrol.mediasources_lock);
-        mediasource* source = source_of(ms_id);
-        if (source == nullptr) {
-            return -1;
-        }
-        /* Inactive first: a player that is opened from now on cannot build on it any more. */
-        set_disconnected(source);
-        cancel_browsing(source);
-        for_each_player(source, MEDIASOURCE_DISCONNECTED, take_away);
-        snprintf(name, sizeof name, "%s", shown_name(source->name));
+    mediasource* source = source_of(ms_id);
+    if (source == nullptr) {
+        return -1;
     }
+    /* Another event may hold the lock and wait for a player that asks this source something. */
+    cancel_browsing(source);
+    lock_against_browsing(&mmcontrol.mediasources_lock, ms_id);
+    /* Inactive first: a player that is opened from now on cannot build on it any more. */
+    set_disconnected(source);
+    cancel_browsing(source);
+    for_each_player(source, MEDIASOURCE_DISCONNECTED, take_away);
+    char name[MSGLOG_LINE_SIZE]; /* a later event may change the source's own */
+    snprintf(name, sizeof name, "%s", shown_name(source->name));
+    vel_mutex_unlock(&mmcontrol.mediasources_lock);
     msglog(7, "media source disconnected: %s\tid: %d", name, ms_id);
     return 0;
 }

@@ -1,4 +1,5 @@
-/* The browse and search calls in progress, so that a source that has gone can end them.
+/* The calls in progress that ask a source for something (listings, metadata, saved nodes brought up
+ * to date), so that a source that has gone can end them.
  *
  * Such a call holds its player's lock, or runs on a build thread; a disconnection that needs the
  * same lock would wait for a device that no longer answers. */

@@ -76,6 +76,21 @@ static int32_t call_browse(const mediasource_session* session, const char* name,
                 session->browse_session, values...);
 }
 
+/* A call that asks the source for something: a source that goes can end it. */
+template <typename... Parameters>
+static int32_t ask(const mediasource_session* session, const char* name,
+                   int32_t (*lyr_browse_api::*entry)(void*, Parameters...) noexcept,
+                   std::type_identity_t<Parameters>... values) noexcept {
+    if (!plugin_call_can_browse(session)) {
+        return missing();
+    }
+    browse_in_progress progress = {session, nullptr, 0, 0};
+    plugin_browsing_enter(&progress);
+    const int32_t result = call_browse(session, name, entry, values...);
+    plugin_browsing_leave(&progress);
+    return result;
+}
+
 void* plugin_call_play_create(const lyr_play_api* api, const mediasource_session* session,
                               void* data) noexcept {
     return api == nullptr || api->create == nullptr
@@ -177,51 +192,39 @@ static int32_t checked_listing(int32_t result, const char* entry, int32_t asked,
     return 0;
 }
 
-/* Around a call that makes a listing: a source that goes can end it, and what came is checked. */
-template <typename Call>
-static int32_t listing(const mediasource_session* session, const char* name, int32_t* count,
-                       medianode** nodes, Call make) noexcept {
-    *nodes = nullptr;
-    const int32_t asked = *count;
-    browse_in_progress progress = {session, nullptr, 0, 0};
-    plugin_browsing_enter(&progress);
-    const int32_t result = make();
-    plugin_browsing_leave(&progress);
-    return checked_listing(result, name, asked, count, nodes);
-}
-
 int32_t plugin_call_browse(const mediasource_session* session, const char* node_id, int32_t offset,
                            int32_t* count, medianode** nodes) noexcept {
-    return listing(session, "browse", count, nodes, [=] {
-        return call_browse(session, "browse", &lyr_browse_api::browse, node_id, offset, count,
-                           nodes);
-    });
+    *nodes = nullptr;
+    const int32_t asked = *count;
+    const int32_t result =
+        ask(session, "browse", &lyr_browse_api::browse, node_id, offset, count, nodes);
+    return checked_listing(result, "browse", asked, count, nodes);
 }
 
 int32_t plugin_call_search(const mediasource_session* session, const char* filter, const char* key,
                            int32_t offset, int32_t* count, medianode** nodes) noexcept {
-    return listing(session, "search", count, nodes, [=] {
-        return call_browse(session, "search", &lyr_browse_api::search, filter, key, offset, count,
-                           nodes);
-    });
+    *nodes = nullptr;
+    const int32_t asked = *count;
+    const int32_t result =
+        ask(session, "search", &lyr_browse_api::search, filter, key, offset, count, nodes);
+    return checked_listing(result, "search", asked, count, nodes);
 }
 
 int32_t plugin_call_get_metadata(const mediasource_session* session, const char* node_id,
                                  metadata** data) noexcept {
     *data = nullptr;
-    return call_browse(session, "get_metadata", &lyr_browse_api::get_metadata, node_id, data);
+    return ask(session, "get_metadata", &lyr_browse_api::get_metadata, node_id, data);
 }
 
 int32_t plugin_call_get_extended_metadata(const mediasource_session* session, const char* node_id,
                                           const char* const* keys, char** values) noexcept {
-    return call_browse(session, "get_extended_metadata", &lyr_browse_api::get_extended_metadata,
-                       node_id, keys, values);
+    return ask(session, "get_extended_metadata", &lyr_browse_api::get_extended_metadata, node_id,
+               keys, values);
 }
 
 int32_t plugin_call_update_medianodes(const mediasource_session* session, int32_t count,
                                       medianode* nodes) noexcept {
-    return call_browse(session, "update_medianodes", &lyr_browse_api::update_medianodes, count,
-                       nodes);
+    return ask(session, "update_medianodes", &lyr_browse_api::update_medianodes, count, nodes);
 }
 
 void plugin_call_cancel_browse(const mediasource_session* session) noexcept {

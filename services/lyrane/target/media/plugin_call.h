@@ -6,7 +6,7 @@
  *
  * All functions return what the entry returned; -1 with errno ENOTSUP when half, handle or entry is
  * missing. The caller holds the player lock, or is the build thread of the session (browse and
- * get_metadata only); a browse in progress is cancelled without any. */
+ * get_metadata only); a call in progress is cancelled without any. */
 #ifndef LYRANE_PLUGIN_CALL_H
 #define LYRANE_PLUGIN_CALL_H
 
