@@ -1,13 +1,18 @@
 #include <veloran/process.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <stdio_ext.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -39,6 +44,25 @@ int32_t redirect_standard_descriptors() {
         close(null);
     }
     return result;
+}
+
+/* A pipe that is ready takes PIPE_BUF bytes at once. */
+bool is_ready(int fd) {
+    pollfd ready = {fd, POLLOUT, 0};
+    return poll(&ready, 1, 0) == 1;
+}
+
+mode_t type_of(int fd) {
+    struct stat status = {};
+    return fstat(fd, &status) == 0 ? status.st_mode & S_IFMT : 0;
+}
+
+/* Another writer may fill the pipe after it was found ready; older kernels do not know the flag for
+ * pipes. */
+ssize_t write_to_pipe(int fd, const void* data, size_t length) {
+    const iovec part = {const_cast<void*>(data), length};
+    const ssize_t written = pwritev2(fd, &part, 1, -1, RWF_NOWAIT);
+    return written < 0 && errno == EOPNOTSUPP ? write(fd, data, length) : written;
 }
 
 } // namespace
@@ -85,8 +109,36 @@ int32_t process_fill_standard_descriptors(void) noexcept {
     }
 }
 
+ssize_t process_write_now(int32_t fd, const void* data, size_t length) noexcept {
+    length = length < PIPE_BUF ? length : PIPE_BUF;
+    if (!is_ready(fd)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const mode_t type = type_of(fd);
+    ssize_t written = 0;
+    do {
+        written = type == S_IFSOCK  ? send(fd, data, length, MSG_DONTWAIT | MSG_NOSIGNAL)
+                  : type == S_IFIFO ? write_to_pipe(fd, data, length)
+                                    : write(fd, data, length);
+    } while (written < 0 && errno == EINTR);
+    return written;
+}
+
+void process_flush_output(void) noexcept {
+    if (ftrylockfile(stdout) != 0) {
+        return;
+    }
+    const size_t pending = __fpending(stdout);
+    const int fd = fileno(stdout);
+    if (pending > 0 && (type_of(fd) == S_IFREG || (pending <= PIPE_BUF && is_ready(fd)))) {
+        fflush_unlocked(stdout);
+    }
+    funlockfile(stdout);
+}
+
 void process_end(int32_t status) noexcept {
-    fflush(stdout);
+    process_flush_output();
     _exit(status);
 }
 

@@ -13,6 +13,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <veloran/escape.h>
+
 namespace {
 
 constexpr const char* SYSTEM_LOGGER = "/dev/log";
@@ -25,6 +27,7 @@ constexpr size_t TAG_SIZE = 64;
 enum sink_state : int { closed, opening, open_file, open_socket };
 std::atomic<int> state{closed};
 std::atomic<uint64_t> dropped{0};
+std::atomic<bool> torn{false}; /* the file ends inside a line: its disk was full */
 int sink_fd = -1;
 sockaddr_un address;
 char tag[TAG_SIZE] = "";
@@ -91,7 +94,10 @@ bool send_datagram(int32_t severity, const char* text, size_t text_length) {
     length = append(header, length, sizeof header, "[", 1);
     length = append_number(header, length, sizeof header, getpid());
     length = append(header, length, sizeof header, "]: ", 3);
-    iovec parts[] = {{header, length}, {const_cast<char*>(text), text_length}};
+    char shown[SLOG_TEXT_MAX];
+    const size_t shown_length =
+        escape_text(shown, sizeof shown, text, text_length, ESCAPE_KEEP_BYTES | ESCAPE_KEEP_LINES);
+    iovec parts[] = {{header, length}, {shown, shown_length}};
     msghdr message = {};
     message.msg_name = &address;
     message.msg_namelen = sizeof address;
@@ -100,22 +106,23 @@ bool send_datagram(int32_t severity, const char* text, size_t text_length) {
     return sendmsg(sink_fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
+/* A line behind one that the disk had no room for begins on a line of its own. */
 bool write_line(int32_t severity, const char* text, size_t text_length) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    char line[4 * SLOG_TEXT_MAX + 16];
-    size_t length = append_number(line, 0, sizeof line, severity);
+    char line[SLOG_TEXT_MAX + 16];
+    const bool mend = torn.exchange(false, std::memory_order_relaxed);
+    size_t length = append(line, 0, sizeof line, "\n", mend ? 1 : 0);
+    length = append_number(line, length, sizeof line, severity);
     line[length++] = ' ';
-    for (size_t i = 0; i < text_length; i++) {
-        const unsigned char byte = static_cast<unsigned char>(text[i]);
-        if (byte >= 0x20 && byte != 0x7F) {
-            line[length++] = text[i];
-        } else {
-            const char escaped[] = {'\\', 'x', hex[byte >> 4], hex[byte & 15]};
-            length = append(line, length, sizeof line, escaped, sizeof escaped);
-        }
-    }
+    length += escape_text(line + length, SLOG_TEXT_MAX, text, text_length, ESCAPE_KEEP_BYTES);
     line[length++] = '\n';
-    return write(sink_fd, line, length) == static_cast<ssize_t>(length);
+    const ssize_t written = write(sink_fd, line, length);
+    if (written == static_cast<ssize_t>(length)) {
+        return true;
+    }
+    if (written > 0 || mend) {
+        torn.store(true, std::memory_order_relaxed);
+    }
+    return false;
 }
 
 } // namespace
@@ -148,9 +155,8 @@ int32_t slogb(int32_t, int32_t severity, const char* text, size_t length) noexce
         now = open_sink();
         state.store(now, std::memory_order_release);
     }
-    const size_t taken = length < SLOG_TEXT_MAX ? length : SLOG_TEXT_MAX;
-    const bool written = (now == open_file && write_line(severity, text, taken)) ||
-                         (now == open_socket && send_datagram(severity, text, taken));
+    const bool written = (now == open_file && write_line(severity, text, length)) ||
+                         (now == open_socket && send_datagram(severity, text, length));
     if (!written) {
         dropped.fetch_add(1, std::memory_order_relaxed);
     }

@@ -38,7 +38,10 @@
  *   device on|off            Device mode: a session walks the tracks of the attached node's folder
  *                            on next and previous, and reports track changes and states.
  *   null ENTRY | restore ENTRY  Takes an entry out of its table, or a table (play_api, browse_api).
- *   reset                    Drops rules, log, counters, violations; opens every gate.
+ *   print TEXT               Leaves a text in the buffer of the standard output, and keeps the
+ * stream for the connection's thread. expose                   Lets SIGTERM into the connection's
+ * thread, whose id is the answer. reset                    Drops rules, log, counters, violations;
+ * opens every gate.
  *
  * Behaviour of entries. Names: init detection cleanup play.create play.destroy attach play pause
  * stop rate seek next previous shuffle repeat browse.create browse.destroy browse search metadata

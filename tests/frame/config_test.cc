@@ -180,19 +180,19 @@ TEST(config, broken_json_is_shown_whole_and_its_place_in_the_file_told) {
         const char* place;  /* of the file, not of the text without comments */
         std::string logged; /* of the text */
     } cases[] = {
-        {"# one\n\n  {\n    \"a\" 1}\n", ":4:9: ", "{\\x0A\"a\" 1}\\x0A"},
-        {"{ # remark\n}\n", ":1:3: ", "{ # remark\\x0A}\\x0A"},
+        {"# one\n\n  {\n    \"a\" 1}\n", ":4:9: ", "{\\n\"a\" 1}\\n"},
+        {"{ # remark\n}\n", ":1:3: ", "{ # remark\\n}\\n"},
         {"# nothing\n", nullptr, ""},
         {"{\"a\":\"\xff\"}", ":1:7: ", "{\"a\":\"\xff\"}"},
-        {"\n{}\n" + long_line + "  x", ":3:2050: ", "{}\\x0Ax"},
+        {"\n{}\n" + long_line + "  x", ":3:2050: ", "{}\\nx"},
     };
     for (const auto& c : cases) {
         const std::string path = scratch_file("cfg", c.text);
         const child_outcome outcome = load_in_child(path);
         EXPECT_EQ(outcome.exit_status, 1) << c.text;
         const std::string fatal = fatal_line(outcome);
-        EXPECT_EQ(fatal.rfind("2 pps decoder parse json failed: 2\\x0A", 0), 0u) << fatal;
-        EXPECT_EQ(fatal.substr(fatal.find("\\x0A") + 4), c.logged + "\n");
+        EXPECT_EQ(fatal.rfind("2 pps decoder parse json failed: 2\\n", 0), 0u) << fatal;
+        EXPECT_EQ(fatal.substr(fatal.find("\\n") + 2), c.logged + "\n");
         if (c.place != nullptr) {
             EXPECT_EQ(outcome.log.rfind("3 " + path + c.place, 0), 0u) << outcome.log;
         }

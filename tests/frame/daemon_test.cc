@@ -51,7 +51,7 @@ TEST(start, errors_end_it_with_their_line) {
     } cases[] = {
         {{"-c", none}, "/run", 1, "2 lyrane: Cannot load configuration file\n"},
         {{"-v", "-c", none}, "/run", 1, ""},
-        {{"-c", broken}, "/run", 1, "2 lyrane: pps decoder parse json failed: 2\\x0A{\n"},
+        {{"-c", broken}, "/run", 1, "2 lyrane: pps decoder parse json failed: 2\\n{\n"},
         {{"-s", "a/b", "-c", broken}, "/run", 128 + SIGABRT, "(Invalid argument)\n"},
         {{}, "/log/run", 1, "/log/run\" (Not a directory)\n"}, /* below a file */
     };

@@ -11,7 +11,7 @@
 namespace {
 
 constexpr const char* TREE = "/none|F\n/album/a|A|First\n/album/b|A|Second\n/album/c|A|Third\n"
-                             "/many|tracks:1201\n/odd\\xff|A|r\\xe9\\x1b[2J\n";
+                             "/many|tracks:1201\n/odd\\xff|A|r\\xe9\\x1b[2J\\xe2\\x80\\xae\n";
 
 std::vector<std::string> words(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {LYRACTL_EXECUTABLE};
@@ -104,9 +104,9 @@ TEST_F(Tool, ListsAndBrowses) {
     fake_do(rig.disk, "rule browse page=100");
     EXPECT_EQ(lines_of(good({"browse", "0", "/many"})), 1202u);
     EXPECT_EQ(lines_of(good({"browse", "0", "many", "--limit", "650"})), 651u);
-    says({"browse"}, "r\\xe9\\x1b[2J  audio");
+    says({"browse"}, "r\\xe9\\x1b[2J\\u{202e}  audio");
     says({"browse", "--json"},
-         "{\"id\":\"/odd\uFFFD\",\"name\":\"r\uFFFD\\u001b[2J\",\"type\":\"audio\"");
+         "{\"id\":\"/odd\uFFFD\",\"name\":\"r\uFFFD\\u001b[2J\\u202e\",\"type\":\"audio\"");
     /* The player that it browsed with is gone. */
     complains({"state"}, "there is no player;");
 }

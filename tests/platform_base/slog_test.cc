@@ -12,6 +12,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -68,25 +69,43 @@ TEST_F(slog_test, a_file_gets_one_line_a_message_whatever_the_text_holds) {
     open_as("file:" + folder + "/log");
     EXPECT_EQ(say(4, "plain"), 0);
     slog_close(); /* it opens again on demand */
-    EXPECT_EQ(say(2, "forged\n2 line\x1b[0m\x7f\xff 100%s"), 0);
+    EXPECT_EQ(say(2, "forged\n2 line\x1b[0m\x7f\x9b\u0085\u202e\u00e9\xff 100%s"), 0);
     EXPECT_EQ(say(7, std::string(SLOG_TEXT_MAX + 1, '\n')), 0);
     std::string cut;
-    for (size_t i = 0; i < SLOG_TEXT_MAX; i++) {
-        cut += "\\x0A";
+    for (size_t i = 0; i < SLOG_TEXT_MAX / 2; i++) {
+        cut += "\\n";
     }
-    EXPECT_EQ(content(), "4 plain\n2 forged\\x0A2 line\\x1B[0m\\x7F\xff 100%s\n7 " + cut + "\n");
+    EXPECT_EQ(content(), "4 plain\n2 forged\\n2 line\\x1b[0m\\x7f\\x9b\\u{85}\\u{202e}\u00e9\xff"
+                         " 100%s\n7 " +
+                             cut + "\n");
     struct stat status = {};
     ASSERT_EQ(stat((folder + "/log").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0137, 0u);
 }
 
+TEST_F(slog_test, a_line_behind_one_that_a_full_disk_cut_off_begins_anew) {
+    open_as("file:" + folder + "/log");
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const auto earlier = signal(SIGXFSZ, SIG_IGN);
+    const rlimit full = {4, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(say(4, "first"), -1);
+    EXPECT_EQ(say(4, "second"), -1);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    signal(SIGXFSZ, earlier);
+    EXPECT_EQ(say(4, "third"), 0);
+    EXPECT_EQ(say(4, "fourth"), 0);
+    EXPECT_EQ(content(), "4 fi\n4 third\n4 fourth\n");
+}
+
 TEST_F(slog_test, the_logger_gets_its_own_severities) {
     const int fd = logger_socket();
     open_as("unix:" + folder + "/log");
-    const std::string front = ">tester[" + std::to_string(getpid()) + "]: tester: a\nb";
+    const std::string front = ">tester[" + std::to_string(getpid()) + "]: tester: a\nb\\x1b";
     const int expected[] = {2, 2, 3, 4, 5, 6, 7, 7, 7};
     for (int32_t severity = 0; severity < 9; severity++) {
-        EXPECT_EQ(say(severity, "tester: a\nb"), 0);
+        EXPECT_EQ(say(severity, "tester: a\nb\x1b"), 0);
         EXPECT_EQ(receive(fd), "<" + std::to_string(24 + expected[severity]) + front);
     }
     close(fd);

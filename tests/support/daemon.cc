@@ -116,7 +116,7 @@ std::vector<std::string> environment_of(const test_daemon& daemon) {
 [[noreturn]] void become(const test_daemon& daemon, char** arguments, char** variables,
                          int errors) {
     dup2(errors, STDERR_FILENO);
-    dup2(errors, STDOUT_FILENO);
+    dup2(daemon.standard_output >= 0 ? daemon.standard_output : errors, STDOUT_FILENO);
     if (daemon.descriptor_limit > 0) {
         const rlimit limit = {static_cast<rlim_t>(daemon.descriptor_limit),
                               static_cast<rlim_t>(daemon.descriptor_limit)};

@@ -1,6 +1,8 @@
 /* Clients that do what clients must not: it costs them, and nobody else. */
 #include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -55,6 +57,13 @@ TEST(Hostile, RequestsThatLieAreRefused) {
         EXPECT_EQ(request_send(bad, request_name(LYR_MSG_OPEN, "abc", length)).result, -1)
             << int{length};
     }
+    /* A name that would make a line of its own on the standard error. */
+    daemon_signal(rig.daemon, SIGUSR1);
+    ASSERT_TRUE(daemon_await_log(rig.daemon, "verbosity now 5"));
+    EXPECT_EQ(request_open(bad, "x\nlyrane: NOTICE: forged\x1b[2J"), -1);
+    std::ostringstream errors;
+    errors << std::ifstream(rig.daemon.root + "/err").rdbuf();
+    EXPECT_NE(errors.str().find("Player x\\nlyrane: NOTICE: forged\\x1b[2J\n"), std::string::npos);
     expect_served(rig);
     request_disconnect(bad);
     rig_end(rig);

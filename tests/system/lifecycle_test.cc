@@ -3,7 +3,10 @@
 #include <filesystem>
 #include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "rig.h"
 
@@ -121,6 +124,34 @@ TEST(Lifecycle, EndsInTheMiddleOfPlaying) {
         EXPECT_EQ(log.find("lyrane terminating"), log.rfind("lyrane terminating"));
         rig_end(rig);
     }
+}
+
+/* A plug-in keeps the standard output, which nobody reads, and does not block the signal. The end
+ * is in order all the same. */
+TEST(Lifecycle, EndsBesideAPluginThatTakesOutputAndSignals) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(fcntl(ends[1], F_SETPIPE_SZ, 4096), 4096);
+    ASSERT_EQ(write(ends[1], std::string(4096, 'x').data(), 4096), 4096);
+    rig rig;
+    daemon_prepare(rig.daemon);
+    rig.daemon.standard_output = ends[1];
+    rig.daemon.options = {"-l"};
+    rig.daemon.plugins = {{"disk", "source disk\ntree\n /album|tracks:3", {}}};
+    ASSERT_TRUE(rig_run(rig));
+    rig_session(rig, "radio", "/album", 3);
+    EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+    fake_do(rig.disk, "print text");
+    const auto thread = static_cast<pid_t>(fake_number(rig.disk, "expose"));
+    syscall(SYS_tgkill, rig.daemon.pid, thread, SIGTERM);
+    EXPECT_EQ(daemon_wait(rig.daemon), 0);
+    EXPECT_NE(daemon_log(rig.daemon).find("lyrane terminated"), std::string::npos);
+    rig_hang_up(rig);
+    ASSERT_TRUE(rig_run(rig));
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "radio", "trksession", "length", ":n:3"));
+    rig_end(rig);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 /* Played by another plug-in than the one its source comes from, one player is held by an event; the

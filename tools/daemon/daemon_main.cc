@@ -6,6 +6,8 @@
 
 #include <veloran/process.h>
 
+#include "text.h"
+
 namespace {
 constexpr int STATUS_FAILED = 1;
 constexpr int STATUS_USAGE = 2;
@@ -31,6 +33,6 @@ int daemon_main(int argc, char** argv, const char* name, const char* about,
     } catch (const std::exception& failure) {
         why = failure.what();
     }
-    std::cerr << name << ": " << why << std::endl;
+    std::cerr << name << ": " << text_printable(why) << std::endl;
     return STATUS_FAILED;
 }

@@ -231,7 +231,7 @@ int run(const CLI::App& app, arguments& what) {
         if (why.empty()) {
             why = "the output cannot be written";
         }
-        std::cerr << "lyractl: " << why << std::endl;
+        std::cerr << "lyractl: " << text_printable(why) << std::endl;
         return STATUS_FAILED;
     }
     return STATUS_USAGE;
@@ -251,7 +251,7 @@ int main(int argc, char** argv) {
         }
         return run(app, what);
     } catch (const std::exception& failure) {
-        std::cerr << "lyractl: " << failure.what() << std::endl;
+        std::cerr << "lyractl: " << text_printable(failure.what()) << std::endl;
         return STATUS_FAILED;
     }
 }

@@ -45,7 +45,7 @@ bool output_text(const std::string& text) {
 
 bool output_json(const nlohmann::ordered_json& document) {
     using handler = nlohmann::ordered_json::error_handler_t;
-    return output_text(document.dump(-1, ' ', false, handler::replace) + "\n");
+    return output_text(text_json(document.dump(-1, ' ', false, handler::replace)) + "\n");
 }
 
 bool output_list(const std::vector<std::pair<std::string, std::string>>& entries) {

@@ -12,7 +12,8 @@
 /* Writes text to the standard output, at once. False when it cannot be written. */
 bool output_text(const std::string& text);
 
-/* One JSON document in one line; bytes that are no UTF-8 become U+FFFD. */
+/* One JSON document in one line; bytes that are no UTF-8 become U+FFFD, and what acts on a terminal
+ * is written as \uNNNN. */
 bool output_json(const nlohmann::ordered_json& document);
 
 /* Names and values below each other; entries without a value are left out. */

@@ -2,91 +2,25 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 
 #include <clocale>
 #include <cwchar>
 #include <wchar.h>
 
+#include <veloran/escape.h>
+
 namespace {
 
-constexpr char32_t INVALID = 0xFFFFFFFF;
 constexpr std::string_view ELLIPSIS = "\u2026";
 
-struct decoded {
-    char32_t code; /* INVALID: one byte that is no UTF-8 */
-    size_t length;
-};
-
-char32_t least_code(size_t length) {
-    return length == 2 ? 0x80 : length == 3 ? 0x800 : 0x10000;
-}
-
-/* The first character; only the shortest form of a character that exists is accepted. */
-decoded decode(std::string_view bytes) {
-    const auto first = static_cast<unsigned char>(bytes[0]);
-    if (first < 0x80) {
-        return {first, 1};
-    }
-    const size_t length = first >= 0xF0 && first < 0xF8 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || bytes.size() < length) {
-        return {INVALID, 1};
-    }
-    char32_t code = first & (0x7FU >> length);
-    for (size_t i = 1; i < length; i++) {
-        const auto next = static_cast<unsigned char>(bytes[i]);
-        if ((next & 0xC0) != 0x80) {
-            return {INVALID, 1};
-        }
-        code = (code << 6) | (next & 0x3FU);
-    }
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    if (code < least_code(length) || code > 0x10FFFF || surrogate) {
-        return {INVALID, 1};
-    }
-    return {code, length};
-}
-
-/* Controls, line and paragraph separators, and marks that turn the reading direction. */
-bool must_escape(char32_t code) {
-    return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x061C ||
-           (code >= 0x200E && code <= 0x200F) || (code >= 0x2028 && code <= 0x202E) ||
-           (code >= 0x2066 && code <= 0x2069) || code == 0xFEFF;
-}
-
-void append_hex(std::string& out, const char* opening, uint32_t value, const char* closing) {
-    char digits[8];
-    const auto end = std::to_chars(digits, digits + sizeof digits, value, 16).ptr;
-    out += opening;
-    if (end - digits < 2) {
-        out += '0';
-    }
-    out.append(digits, end);
-    out += closing;
-}
-
-void append_escaped(std::string& out, char32_t code) {
-    switch (code) {
-    case '\n':
-        out += "\\n";
-        break;
-    case '\r':
-        out += "\\r";
-        break;
-    case '\t':
-        out += "\\t";
-        break;
-    default:
-        if (code < 0x80) {
-            append_hex(out, "\\x", code, "");
-        } else {
-            append_hex(out, "\\u{", code, "}");
-        }
-    }
+escape_character decode(std::string_view bytes) {
+    return escape_first(bytes.data(), bytes.size());
 }
 
 /* Columns of one character. The table is the C library's for its own UTF-8 locale, so that the
  * answer is the same whatever the user's locale is. */
-int32_t code_width(char32_t code) {
+int32_t code_width(uint32_t code) {
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     if (code < 0x80 || utf8 == nullptr) {
         return 1;
@@ -109,18 +43,25 @@ std::string number_text(int64_t value, size_t digits) {
 } // namespace
 
 std::string text_printable(std::string_view bytes) {
+    std::string out(ESCAPE_GROWTH * bytes.size(), '\0');
+    out.resize(escape_text(out.data(), out.size(), bytes.data(), bytes.size(), 0));
+    return out;
+}
+
+/* Characters outside ASCII stand in texts only, where they may be written as numbers. Those that
+ * need it have four digits. */
+std::string text_json(std::string_view document) {
     std::string out;
-    out.reserve(bytes.size());
-    while (!bytes.empty()) {
-        const decoded character = decode(bytes);
-        if (character.code == INVALID) {
-            append_hex(out, "\\x", static_cast<unsigned char>(bytes[0]), "");
-        } else if (must_escape(character.code)) {
-            append_escaped(out, character.code);
+    while (!document.empty()) {
+        const escape_character next = decode(document);
+        if (escape_needed(next.code)) {
+            char number[8];
+            std::snprintf(number, sizeof number, "\\u%04x", next.code & 0xFFFFU);
+            out += number;
         } else {
-            out.append(bytes.substr(0, character.length));
+            out += document.substr(0, next.length);
         }
-        bytes.remove_prefix(character.length);
+        document.remove_prefix(next.length);
     }
     return out;
 }
@@ -128,7 +69,7 @@ std::string text_printable(std::string_view bytes) {
 int32_t text_width(std::string_view printable) {
     int32_t width = 0;
     while (!printable.empty()) {
-        const decoded character = decode(printable);
+        const escape_character character = decode(printable);
         width += code_width(character.code);
         printable.remove_prefix(character.length);
     }
@@ -145,7 +86,7 @@ std::string text_cut(std::string_view printable, int32_t width) {
     size_t kept = 0;
     int32_t used = 1; /* the ellipsis */
     while (kept < printable.size()) {
-        const decoded character = decode(printable.substr(kept));
+        const escape_character character = decode(printable.substr(kept));
         used += code_width(character.code);
         if (used > width) {
             break;

@@ -13,6 +13,9 @@
 /* The text with control and direction characters escaped. */
 std::string text_printable(std::string_view bytes);
 
+/* A JSON document of one line, in UTF-8, with the same characters written as \uNNNN. */
+std::string text_json(std::string_view document);
+
 /* Columns that printable text takes on a terminal. */
 int32_t text_width(std::string_view printable);
 

@@ -25,7 +25,7 @@ using nlohmann::json;
 constexpr int ANSWER_LIMIT = 10000; /* ms */
 
 std::string dump(const json& document) {
-    return document.dump(-1, ' ', false, json::error_handler_t::replace);
+    return text_json(document.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 bool fail(std::string* why, const std::string& what) {

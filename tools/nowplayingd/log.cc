@@ -4,9 +4,9 @@
 #include <climits>
 #include <ctime>
 
-#include <poll.h>
 #include <unistd.h>
 
+#include <veloran/process.h>
 #include <veloran/slog.h>
 
 #include "text.h"
@@ -27,7 +27,7 @@ time_t clock_seconds() {
 }
 
 /* False when nobody reads the standard error: all players wait for the arbiter, so it waits for
- * nobody. There is room for PIPE_BUF bytes when a pipe says that there is some. */
+ * nobody. */
 bool put(int32_t severity, const std::string& text) {
     if (to_system) {
         (void)slogb(0, severity, text.data(), text.size());
@@ -36,8 +36,7 @@ bool put(int32_t severity, const std::string& text) {
     std::string line = "nowplayingd: " + text;
     line.resize(std::min<size_t>(line.size(), PIPE_BUF - 1));
     line += '\n';
-    pollfd standard_error = {STDERR_FILENO, POLLOUT, 0};
-    return poll(&standard_error, 1, 0) == 1 && write(STDERR_FILENO, line.data(), line.size()) > 0;
+    return process_write_now(STDERR_FILENO, line.data(), line.size()) > 0;
 }
 
 } // namespace

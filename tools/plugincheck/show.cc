@@ -54,7 +54,7 @@ void show_json(const std::string& library, const std::vector<check_result>& chec
                                       {"text", check.text},
                                       {"rule", check_rule(check.id)}});
     }
-    std::cout << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+    std::cout << text_json(document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))
               << std::endl;
 }
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <veloran/paths.h>
+#include <veloran/process.h>
 #include <veloran/slog.h>
 #include <veloran/sqldb.h>
 
@@ -36,7 +37,7 @@ void say(void* user, int32_t severity, const char* text) noexcept {
     }
     try {
         const std::string line = "sqldbd: " + text_printable(text) + "\n";
-        (void)!write(STDERR_FILENO, line.data(), line.size());
+        (void)process_write_now(STDERR_FILENO, line.data(), line.size());
     } catch (const std::exception&) {
         /* No memory for this line. */
     }

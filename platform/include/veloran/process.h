@@ -4,10 +4,12 @@
 #ifndef VELORAN_PROCESS_H
 #define VELORAN_PROCESS_H
 
+#include <csignal>
+#include <cstddef>
 #include <cstdint>
 
-#include <csignal>
 #include <pthread.h>
+#include <sys/types.h>
 
 /* Flags of procmgr_daemon. */
 constexpr uint32_t PROCMGR_DAEMON_NOCHDIR = 0x1;   /* keep the working directory */
@@ -50,8 +52,17 @@ int32_t process_thread_start(const char* name, int32_t detached, void* (*body)(v
 void process_block_termination(sigset_t* earlier) noexcept;
 void process_restore_signals(const sigset_t* earlier) noexcept;
 
-/* Ends the process at once with a status: flushes the standard output, runs no handler and no
- * destructor, so that it is safe with other threads alive and locks held. */
+/* Writes to a descriptor that others may share, without waiting for a reader and without changing
+ * its flags; at most PIPE_BUF bytes. Returns the bytes written, or -1 with errno set (EAGAIN: it
+ * would have waited). [any thread], callable from a signal handler */
+ssize_t process_write_now(int32_t fd, const void* data, size_t length) noexcept;
+
+/* Flushes the standard output unless that would wait: for a thread that holds the stream, for a
+ * reader, or, but into a file, with more than PIPE_BUF bytes buffered. [any thread] */
+void process_flush_output(void) noexcept;
+
+/* Ends the process at once with a status: flushes the standard output as above, runs no handler and
+ * no destructor, so that it is safe with other threads alive and locks held. */
 [[noreturn]] void process_end(int32_t status) noexcept;
 
 /* Kernel id of the calling thread. */

@@ -10,6 +10,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <veloran/process.h>
+
 #include "msglog.h"
 #include "plugin_watch.h"
 
@@ -33,8 +35,8 @@ constexpr size_t STACK_SIZE = 65536;
 
 /* Also on the standard error: it is there when the system log is not. */
 void say(const char* line) {
-    (void)!write(STDERR_FILENO, line, strlen(line));
-    (void)!write(STDERR_FILENO, "\n", 1);
+    (void)process_write_now(STDERR_FILENO, line, strlen(line));
+    (void)process_write_now(STDERR_FILENO, "\n", 1);
     msglog_direct(SEVERITY, line);
 }
 

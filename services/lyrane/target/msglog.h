@@ -14,6 +14,7 @@ constexpr int32_t MSGLOG_CODE = 111159056;
 
 constexpr int32_t MSGLOG_LINE_SIZE = 1024; /* bytes of a line, its NUL included */
 constexpr int32_t MSGLOG_LEVEL_MAX = 7;
+constexpr int64_t MSGLOG_NO_CLIENT = -1;
 
 extern "C" {
 
@@ -26,11 +27,22 @@ void msglog_set_level(int32_t level) noexcept;
 /* 1: no echo to the standard error. Set before the first thread starts. */
 extern int32_t background;
 
-/* Writes one line: program name, ": ", text; cut to MSGLOG_LINE_SIZE - 1 bytes. Flushes the
- * standard output first, always. errno is left as it was. [any thread], any lock may be held.
- * Returns the logger's result. */
+/* Writes one line: program name, ": ", text; cut to MSGLOG_LINE_SIZE - 1 bytes, and then escaped
+ * (see <veloran/escape.h>). A format with a line feed before its end makes a text of several lines,
+ * whose line feeds all stay: no argument of such a format comes from outside.
+ *
+ * Of one user's requests, and of any other thread, MSGLOG_LINES_MAX lines a second are written; a
+ * line tells how many were left out. Levels 1 and 2 are always written.
+ *
+ * Flushes the standard output first, always, unless that would wait. Waits for nobody; only the
+ * echo of levels 1 and 2 gives a reader a second. errno is left as it was. [any thread], any lock
+ * may be held. Returns the logger's result. */
 int32_t msglog(int32_t level, const char* format, ...) noexcept
     __attribute__((format(printf, 2, 3)));
+
+/* The lines of the calling thread belong to requests of this user from now on, until
+ * MSGLOG_NO_CLIENT is set. errno is left as it was. */
+void msglog_set_client(int64_t user) noexcept;
 
 /* Writes text straight to the system log: no filter, no echo. Callable from a signal handler. */
 void msglog_direct(int32_t severity, const char* text) noexcept;

@@ -10,6 +10,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <veloran/process.h>
+
 #include "control.h"
 #include "msglog.h"
 #include "msgserver.h"
@@ -20,6 +22,7 @@ namespace {
 constexpr int32_t SEVERITY_WARNING = 3;
 constexpr int32_t SEVERITY_NOTICE = 4;
 constexpr int32_t SEVERITY_INFO = 5;
+constexpr int TERMINATION[] = {SIGINT, SIGTERM, SIGQUIT};
 
 /* Writes "program" + text + number (unless negative) without any formatting function: those take
  * locks and allocate. */
@@ -41,9 +44,9 @@ int32_t next_level(int32_t level) {
 sigset_t termination_signals() {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGQUIT);
+    for (const int number : TERMINATION) {
+        sigaddset(&set, number);
+    }
     return set;
 }
 
@@ -54,6 +57,8 @@ int64_t now_ms() {
 }
 
 std::atomic<bool> loop_ended;
+std::atomic<pid_t> catcher;        /* kernel id of the signal thread */
+std::atomic<pid_t> process;        /* that it belongs to */
 void (*last_words)(void) noexcept; /* set before the signal thread starts */
 
 /* How long the main thread has been hanging, of the time since the end began. */
@@ -97,6 +102,31 @@ int wait_for_signal(const sigset_t* set, int64_t began) {
     abort(); /* never reached */
 }
 
+/* A library may have let the termination signals into a thread of its own. In a child that it
+ * forked they keep their default effect. */
+void forward(int number) {
+    const int saved = errno;
+    if (getpid() == process) {
+        syscall(SYS_tgkill, process.load(), catcher.load(), number);
+    } else {
+        signal(number, SIG_DFL);
+        raise(number);
+    }
+    errno = saved;
+}
+
+void forward_termination() {
+    process = getpid();
+    catcher = process_thread_id();
+    struct sigaction action = {};
+    action.sa_handler = forward;
+    action.sa_flags = SA_RESTART | SA_ONSTACK;
+    sigemptyset(&action.sa_mask);
+    for (const int number : TERMINATION) {
+        sigaction(number, &action, nullptr);
+    }
+}
+
 [[noreturn]] void cut_short(int64_t began) {
     log_line(SEVERITY_WARNING, ": WARNING: the end takes too long, cut short", -1);
     if (last_words != nullptr) {
@@ -134,6 +164,7 @@ void signals_set_last_words(void (*say)(void) noexcept) noexcept {
 
 void* signal_thread(void*) noexcept {
     const sigset_t set = termination_signals();
+    forward_termination();
     int64_t began = 0; /* the end */
     for (;;) {
         const int signal = wait_for_signal(&set, began);
@@ -166,6 +197,7 @@ void signals_loop_ended(void) noexcept {
 
 void signals_prepare(void) noexcept {
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN); /* a file that may not grow is an error like a full disk */
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGUSR1);

@@ -11,11 +11,12 @@ extern "C" {
  * async-signal-safe; any number of threads may run it at once. */
 void verbosity_handler(int signal) noexcept;
 
-/* Body of the signal thread; its argument is ignored. The first termination signal stops the
- * message server of the control block, later ones are only logged. An end that then takes longer
- * than SIGNALS_END_LIMIT, or whose main thread hangs, is cut short with exit status 1. The main
- * thread hangs when it does not come out of its loop, or of one call into a plug-in, for
- * SIGNALS_HANG_LIMIT. Null when it cannot go on. */
+/* Body of the signal thread; its argument is ignored. It takes the termination signals of all
+ * threads, also of one that does not block them. The first one stops the message server of the
+ * control block, later ones are only logged. An end that then takes longer than SIGNALS_END_LIMIT,
+ * or whose main thread hangs, is cut short with exit status 1. The main thread hangs when it does
+ * not come out of its loop, or of one call into a plug-in, for SIGNALS_HANG_LIMIT. Null when it
+ * cannot go on. */
 void* signal_thread(void* ignored) noexcept;
 }
 
@@ -26,7 +27,8 @@ constexpr int32_t SIGNALS_HANG_LIMIT = 4; /* s, of those after the first termina
  * SIGNALS_END_LIMIT. Set before the signal thread starts, called by it. [main] */
 void signals_set_last_words(void (*say)(void) noexcept) noexcept;
 
-/* First thing in the process: SIGPIPE becomes harmless, SIGUSR1 waits for its handler. */
+/* First thing in the process: SIGPIPE and SIGXFSZ become harmless, SIGUSR1 waits for its handler.
+ */
 void signals_prepare(void) noexcept;
 
 /* The loop of the message server has ended. [main] */

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "msglog.h"
 #include "msgserver_requests.h"
 #include "reply.h"
 
@@ -73,6 +74,30 @@ service* lookup_by_name(msgserver* server, const char* name, recv_context* conte
     return nullptr;
 }
 
+void dispatch(msgserver* server, recv_context* context) {
+    if (context->rcvid == 0) {
+        if (context->info.pulse == MESSAGE_PULSE_DISCONNECT && context->info.user != nullptr) {
+            msgserver_client_gone(server, context);
+        }
+        return;
+    }
+    if (!is_transport_message(context)) {
+        (void)message_error(server->dispatch, context->rcvid, ENOSYS);
+        return;
+    }
+    if (header_of(context)->type == CSM_OPEN) {
+        msgserver_open(server, context);
+        return;
+    }
+    osb* connection = hold_connection(server, context);
+    if (connection == nullptr) {
+        (void)message_error(server->dispatch, context->rcvid, ENOENT);
+        return;
+    }
+    serve(connection, context);
+    _msgserver_lock_then_decr_inuse_and_release_osb_if_closed(connection);
+}
+
 } // namespace
 
 extern "C" {
@@ -92,27 +117,10 @@ int32_t msgserver_dispatch(msgserver* server) noexcept {
     if (context == nullptr || context->rcvid == -1) {
         return -1;
     }
-    if (context->rcvid == 0) {
-        if (context->info.pulse == MESSAGE_PULSE_DISCONNECT && context->info.user != nullptr) {
-            msgserver_client_gone(server, context);
-        }
-        return 0;
-    }
-    if (!is_transport_message(context)) {
-        (void)message_error(server->dispatch, context->rcvid, ENOSYS);
-        return 0;
-    }
-    if (header_of(context)->type == CSM_OPEN) {
-        msgserver_open(server, context);
-        return 0;
-    }
-    osb* connection = hold_connection(server, context);
-    if (connection == nullptr) {
-        (void)message_error(server->dispatch, context->rcvid, ENOENT);
-        return 0;
-    }
-    serve(connection, context);
-    _msgserver_lock_then_decr_inuse_and_release_osb_if_closed(connection);
+    const bool is_client = context->info.pulse != MESSAGE_PULSE_WAKE;
+    msglog_set_client(is_client ? int64_t{context->info.uid} : MSGLOG_NO_CLIENT);
+    dispatch(server, context);
+    msglog_set_client(MSGLOG_NO_CLIENT);
     return 0;
 }
 }
