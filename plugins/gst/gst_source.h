@@ -15,8 +15,8 @@
 bool gst_source_register();
 
 /* Hands the descriptor of a plain file over to an element that was made for such a URI; the element
- * closes it in the state NULL. False, with nothing taken, for another element. [the thread that makes
- * the element, before it starts] */
+ * closes it in the state NULL. False, with nothing taken, for another element. [the thread that
+ * makes the element, before it starts] */
 bool gst_source_give(GstElement* element, int fd);
 
 #endif
