@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <lyrane/client.h>
+#include <lyrane/packed.h>
 #include <veloran/handover.h>
 
 #include "daemon.h"
@@ -307,6 +308,9 @@ TEST(protocol_records, are_read_by_the_layouts) {
               std::tuple(10000, 640, 480, 2, 9));
     EXPECT_EQ(joined({b->title, b->artwork, b->artist, b->album, b->genre, b->year, b->extra}),
               "t null r null gg y x ");
+    const metadata data = {b->title, 0, nullptr, b->artist, nullptr, b->genre,
+                           b->year,  0, 0,       0,         0,       b->extra};
+    EXPECT_EQ(compute_metadata_size(&data, 1), static_cast<int32_t>(tags.size()));
     free_lyr_ms_node_metadata(&b);
 }
 
