@@ -3,12 +3,14 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "mediasource_events.h"
 #include "player_commands.h"
 #include "player_pin.h"
 #include "player_registry.h"
 #include "player_rig.h"
+#include "plugin_watch.h"
 #include "trksession_hold.h"
 
 namespace {
@@ -17,6 +19,26 @@ using player_registry = player_test;
 
 bool is_published(const player_rig& rig, const std::string& name) {
     return std::filesystem::exists(rig.root + "/run/pps/services/lyrane/" + name);
+}
+
+/* A library in which a thread still is must not be unloaded, however many calls there are. */
+TEST_F(player_registry, knows_each_of_many_calls_into_plug_ins) {
+    static constexpr char QUIET[] = "quiet";
+    static constexpr char BUSY[] = "busy";
+    std::vector<watch_slot*> calls;
+    for (int i = 0; i < 200; ++i) {
+        calls.push_back(plugin_watch_enter({QUIET, nullptr, "play", -1}));
+    }
+    calls.push_back(plugin_watch_enter({BUSY, nullptr, "play", -1}));
+    EXPECT_EQ(plugin_watch_inside(BUSY), 1);
+    plugin_watch_leave(calls.back());
+    calls.pop_back();
+    EXPECT_EQ(plugin_watch_inside(BUSY), 0);
+    EXPECT_EQ(plugin_watch_inside(QUIET), 1);
+    for (watch_slot* call : calls) {
+        plugin_watch_leave(call);
+    }
+    EXPECT_EQ(plugin_watch_inside(QUIET), 0);
 }
 
 TEST_F(player_registry, shares_a_player_among_32_clients) {

@@ -12,15 +12,15 @@
 static thread_local int32_t call_depth;
 
 /* What stands around every call: the mark of the thread, and the watch. */
-static int32_t enter(const char* plugin, const char* entry,
-                     const mediasource_session* session) noexcept {
+static watch_slot* enter(const char* plugin, const char* entry,
+                         const mediasource_session* session) noexcept {
     ++call_depth;
     return plugin_watch_enter(
         {plugin, session->player->name, entry, session->ms_id, session->plugin_name});
 }
 
-static void leave(int32_t ticket) noexcept {
-    plugin_watch_leave(ticket);
+static void leave(watch_slot* slot) noexcept {
+    plugin_watch_leave(slot);
     --call_depth;
 }
 
@@ -47,9 +47,9 @@ template <typename... Parameters, typename Result>
 static Result call(const mediasource_session* session, const char* plugin, const char* name,
                    Result (*entry)(Parameters...) noexcept,
                    std::type_identity_t<Parameters>... values) noexcept {
-    const int32_t ticket = enter(plugin, name, session);
+    watch_slot* slot = enter(plugin, name, session);
     const Result result = entry(values...);
-    leave(ticket);
+    leave(slot);
     return result;
 }
 

@@ -148,11 +148,11 @@ int32_t plugin_load(control_block* control, const char* name, const strm_dict* s
         refuse_library(handle, name);
     }
     warn_of_twin(control, handle, name);
-    const int32_t ticket = plugin_watch_enter({name, nullptr, "init", -1});
+    watch_slot* slot = plugin_watch_enter({name, nullptr, "init", -1});
     const int32_t started = api->init != nullptr ? api->init(next_plugin_id, settings,
                                                              &lyrane_internal_callbacks, &types)
                                                  : 0;
-    plugin_watch_leave(ticket);
+    plugin_watch_leave(slot);
     if (started == -1) {
         refuse_library(handle, table_name(api, name));
     }
@@ -180,9 +180,9 @@ int32_t plugin_load(control_block* control, const char* name, const strm_dict* s
 /* Cleans up and closes; 0, or -1 when either failed. */
 static int32_t let_go(plugin* record) noexcept {
     int32_t result = 0;
-    const int32_t ticket = plugin_watch_enter({record->name, nullptr, "cleanup", -1});
+    watch_slot* slot = plugin_watch_enter({record->name, nullptr, "cleanup", -1});
     const int32_t cleaned = record->api->cleanup != nullptr ? record->api->cleanup() : 0;
-    plugin_watch_leave(ticket);
+    plugin_watch_leave(slot);
     if (cleaned == -1) {
         msglog(3, "Failed to clean up %s", table_name(record->api, record->name));
         result = -1;
@@ -262,12 +262,12 @@ void plugins_set_mediasource_detection(control_block* control, int32_t enable) n
         if (record == nullptr) {
             return;
         }
-        const int32_t ticket =
+        watch_slot* slot =
             plugin_watch_enter({record->name, nullptr, "set_mediasource_detection", -1});
         const int32_t result = record->api->set_mediasource_detection != nullptr
                                    ? record->api->set_mediasource_detection(enable)
                                    : 0;
-        plugin_watch_leave(ticket);
+        plugin_watch_leave(slot);
         if (result == -1) {
             msglog(6, "Failed to set media source detection: %s",
                    table_name(record->api, record->name));

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <new>
 
 #include <pthread.h>
 #include <sched.h>
@@ -12,7 +13,7 @@
 
 #include "msglog.h"
 
-static constexpr int32_t SLOTS = 64;
+static constexpr int32_t SLOTS = 64; /* of a block */
 static constexpr int64_t NS_PER_MS = 1000000;
 static constexpr int64_t NS_PER_SECOND = 1000 * NS_PER_MS;
 static constexpr int64_t LOOK_EVERY_NS = NS_PER_SECOND / 2;
@@ -31,7 +32,15 @@ struct watch_slot {
     int64_t reported; /* the `since` that has been named in the log; the watch's own */
 };
 
-static watch_slot slots[SLOTS];
+/* Blocks are added when all slots are taken, and stay. */
+struct watch_block {
+    watch_slot slots[SLOTS];
+    std::atomic<watch_block*> next;
+};
+
+static watch_block first_block;
+/* Calls that there was no memory to note. */
+static std::atomic<int32_t> unnoted;
 static vel_mutex watch_lock = {PTHREAD_MUTEX_INITIALIZER};
 static pthread_cond_t watch_wake = PTHREAD_COND_INITIALIZER;
 static bool watch_started VEL_GUARDED_BY(watch_lock);
@@ -60,14 +69,28 @@ static void look_at(watch_slot* slot, int64_t now) noexcept {
     }
 }
 
+/* The first slot for which `test` is true, or null. Safe in a signal handler. */
+template <typename Test>
+static watch_slot* find_slot(Test test) noexcept {
+    for (watch_block* block = &first_block; block != nullptr; block = block->next) {
+        for (watch_slot& slot : block->slots) {
+            if (test(slot)) {
+                return &slot;
+            }
+        }
+    }
+    return nullptr;
+}
+
 /* True when a call is in progress. */
 static bool look(void) noexcept {
     bool busy = false;
     const int64_t now = now_ns();
-    for (watch_slot& slot : slots) {
+    (void)find_slot([&](watch_slot& slot) noexcept {
         busy = busy || slot.since != FREE;
         look_at(&slot, now);
-    }
+        return false;
+    });
     return busy;
 }
 
@@ -104,64 +127,88 @@ static void wake_watch(void) noexcept {
     pthread_cond_signal(&watch_wake);
 }
 
-int32_t plugin_watch_enter(const plugin_watch_call& call) noexcept {
-    static thread_local const pid_t thread = gettid();
-    for (int32_t i = 0; i < SLOTS; ++i) {
-        int64_t expected = FREE;
-        if (slots[i].since.compare_exchange_strong(expected, TAKEN)) {
-            slots[i].call = call;
-            slots[i].plugin = call.plugin;
-            slots[i].owner = call.owner;
-            slots[i].thread = thread;
-            slots[i].since = now_ns();
-            if (!watch_awake) {
-                wake_watch();
-            }
-            return i;
-        }
-    }
-    return -1;
+static bool take(watch_slot& slot) noexcept {
+    int64_t expected = FREE;
+    return slot.since.compare_exchange_strong(expected, TAKEN);
 }
 
-void plugin_watch_leave(int32_t ticket) noexcept {
-    if (ticket < 0) {
+/* A slot that is TAKEN, or null without memory. */
+static watch_slot* take_slot(void) noexcept {
+    watch_slot* slot = find_slot(take);
+    if (slot != nullptr) {
+        return slot;
+    }
+    auto* block = new (std::nothrow) watch_block();
+    if (block == nullptr) {
+        return nullptr;
+    }
+    slot = &block->slots[0];
+    slot->since = TAKEN;
+    std::atomic<watch_block*>* end = &first_block.next;
+    for (watch_block* after = nullptr; !end->compare_exchange_weak(after, block);) {
+        if (after != nullptr) {
+            end = &after->next;
+            after = nullptr;
+        }
+    }
+    return slot;
+}
+
+watch_slot* plugin_watch_enter(const plugin_watch_call& call) noexcept {
+    static thread_local const pid_t thread = gettid();
+    watch_slot* slot = take_slot();
+    if (slot == nullptr) {
+        ++unnoted;
+        return nullptr;
+    }
+    slot->call = call;
+    slot->plugin = call.plugin;
+    slot->owner = call.owner;
+    slot->thread = thread;
+    slot->since = now_ns();
+    if (!watch_awake) {
+        wake_watch();
+    }
+    return slot;
+}
+
+void plugin_watch_leave(watch_slot* slot) noexcept {
+    if (slot == nullptr) {
+        --unnoted;
         return;
     }
-    std::atomic<int64_t>* since = &slots[ticket].since;
-    int64_t expected = *since;
-    while (expected == TAKEN || !since->compare_exchange_weak(expected, FREE)) {
+    int64_t expected = slot->since;
+    while (expected == TAKEN || !slot->since.compare_exchange_weak(expected, FREE)) {
         sched_yield(); /* the watch writes a line about this call */
-        expected = *since;
+        expected = slot->since;
     }
 }
 
 int32_t plugin_watch_inside(const char* plugin) noexcept {
-    for (const watch_slot& slot : slots) {
-        if (slot.since != FREE && (slot.plugin == plugin || slot.owner == plugin)) {
-            return 1;
-        }
-    }
-    return 0;
+    return unnoted != 0 ||
+           find_slot([plugin](const watch_slot& slot) noexcept {
+               return slot.since != FREE && (slot.plugin == plugin || slot.owner == plugin);
+           }) != nullptr;
 }
 
 int64_t plugin_watch_main_since(void) noexcept {
-    for (const watch_slot& slot : slots) {
+    int64_t found = 0;
+    (void)find_slot([&found](const watch_slot& slot) noexcept {
         const int64_t since = slot.since;
-        if (since > FREE && slot.thread == getpid()) {
-            return since / NS_PER_MS;
-        }
-    }
-    return 0;
+        found = since > FREE && slot.thread == getpid() ? since : 0;
+        return found != 0;
+    });
+    return found / NS_PER_MS;
 }
 
 /* The thread's own slot does not change under it, but for the watch that may have it TAKEN. */
 bool plugin_watch_here(plugin_watch_call* call) noexcept {
     const pid_t thread = gettid();
-    for (const watch_slot& slot : slots) {
-        if (slot.since != FREE && slot.thread == thread) {
-            *call = slot.call;
-            return true;
-        }
+    const watch_slot* slot = find_slot([thread](const watch_slot& at) noexcept {
+        return at.since != FREE && at.thread == thread;
+    });
+    if (slot != nullptr) {
+        *call = slot->call;
     }
-    return false;
+    return slot != nullptr;
 }

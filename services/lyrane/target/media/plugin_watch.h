@@ -20,14 +20,16 @@ struct plugin_watch_call {
     const char* owner = nullptr; /* the plug-in of that source; the thread may enter it next */
 };
 
-/* Notes a call; its texts must stay until it is left. The ticket is to be given back with
- * plugin_watch_leave on the same thread; -1 when too many calls are in progress to note this one.
- * [any thread] */
-int32_t plugin_watch_enter(const plugin_watch_call& call) noexcept;
-void plugin_watch_leave(int32_t ticket) noexcept;
+struct watch_slot;
+
+/* Notes a call; its texts must stay until it is left. The slot, which may be null, is to be given
+ * back with plugin_watch_leave on the same thread. [any thread] */
+[[nodiscard]] watch_slot* plugin_watch_enter(const plugin_watch_call& call) noexcept;
+void plugin_watch_leave(watch_slot* slot) noexcept;
 
 /* 1 while a call into the plug-in, or about a source of it, is in progress. `plugin` is the very
- * text that calls into it are noted with; another one that reads the same is another plug-in's.
+ * text that calls into it are noted with; another one that reads the same is another plug-in's. A
+ * call that there was no memory to note counts for every plug-in.
  * [any thread] */
 int32_t plugin_watch_inside(const char* plugin) noexcept;
 
