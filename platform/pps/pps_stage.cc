@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string_view>
@@ -28,17 +29,24 @@ constexpr time_t LEFTOVER_AGE_SECONDS = 60; /* far longer than any update takes 
 vel_mutex stage_lock;
 int32_t stage_fd VEL_GUARDED_BY(stage_lock) = -1;
 std::atomic<uint32_t> stage_sequence;
-std::atomic<uint64_t> stage_token; /* drawn before the first name is made */
+
+/* What the names of this process begin with, and its length. Drawn under the lock as the stage is
+ * opened for the first time, which comes before any name, and constant from then on. */
+char stage_token[16];
+size_t stage_token_length;
 
 } // namespace
 
-/* Draws what the names of this process begin with. */
-static int32_t draw_token() {
+static int32_t draw_token() VEL_REQUIRES(stage_lock) {
     uint64_t drawn = 0;
+    if (stage_token_length > 0) {
+        return 0;
+    }
     if (getrandom(&drawn, sizeof drawn, 0) != static_cast<ssize_t>(sizeof drawn)) {
         return -1;
     }
-    stage_token.store(drawn, std::memory_order_relaxed);
+    char* end = std::to_chars(stage_token, stage_token + sizeof stage_token, drawn, 36).ptr;
+    stage_token_length = static_cast<size_t>(end - stage_token);
     return 0;
 }
 
@@ -47,7 +55,8 @@ static int32_t draw_token() {
 static void make_name(char* name, const char* prefix = "") {
     char* end = name + PPS_STAGE_NAME - 1;
     char* at = name + std::string_view(prefix).copy(name, PPS_STAGE_NAME / 4);
-    at = std::to_chars(at, end, stage_token.load(std::memory_order_relaxed), 36).ptr;
+    memcpy(at, stage_token, stage_token_length);
+    at += stage_token_length;
     *at++ = '.';
     at = std::to_chars(at, end, stage_sequence.fetch_add(1, std::memory_order_relaxed)).ptr;
     *at = '\0';
@@ -99,7 +108,7 @@ static int32_t set_aside(int32_t place, const char* name) {
 }
 
 /* Opens the stage, which is made when it is missing, and made anew when it is not the user's. */
-static int32_t open_stage() {
+static int32_t open_stage() VEL_REQUIRES(stage_lock) {
     const vel_fd base(pps_target_open_base());
     if (base.value < 0 || draw_token() != 0) {
         return -1;
