@@ -126,7 +126,9 @@ ssize_t process_write_now(int32_t fd, const void* data, size_t length) noexcept 
 }
 
 void process_flush_output(void) noexcept {
-    if (ftrylockfile(stdout) != 0) {
+    /* Mostly nothing is buffered; looked at without the lock, since this is on every log line's
+     * way. What another thread adds at this moment is the next line's to flush. */
+    if (__fpending(stdout) == 0 || ftrylockfile(stdout) != 0) {
         return;
     }
     const size_t pending = __fpending(stdout);

@@ -141,7 +141,9 @@ int32_t msglog(int32_t level, const char* format, ...) noexcept {
     int32_t result = 0;
     process_flush_output();
     if (level <= msglog_level()) {
-        tell_gap();
+        if (msglog_has_gap()) {
+            tell_gap();
+        }
         if (is_admitted(level)) {
             va_list arguments;
             va_start(arguments, format);
@@ -162,10 +164,12 @@ int32_t msglog(int32_t level, const char* format, ...) noexcept {
 }
 
 void msglog_set_client(int64_t user) noexcept {
-    const int saved = errno;
     client = user;
-    tell_gap();
-    errno = saved;
+    if (msglog_has_gap()) {
+        const int saved = errno;
+        tell_gap();
+        errno = saved;
+    }
 }
 
 void msglog_direct(int32_t severity, const char* text) noexcept {

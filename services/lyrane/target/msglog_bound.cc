@@ -97,10 +97,11 @@ bool msglog_admit(msglog_writer writer) noexcept {
     return admitted;
 }
 
+bool msglog_has_gap(void) noexcept {
+    return gaps.load(std::memory_order_relaxed) != 0;
+}
+
 msglog_gap msglog_take_gap(void) noexcept {
-    if (gaps.load(std::memory_order_relaxed) == 0) {
-        return {};
-    }
     const int64_t now = clock_second();
     if (!vel_mutex_try_lock(&lock)) {
         return {};

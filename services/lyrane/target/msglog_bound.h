@@ -22,8 +22,11 @@ struct msglog_gap {
  * the line is written uncounted. [any thread] */
 bool msglog_admit(msglog_writer writer) noexcept;
 
-/* What was left out of one writer in seconds before this one, and was not told yet. Cheap when
- * there is nothing. Never waits. [any thread] */
+/* Whether something was left out and not told yet. For the way of each request. [any thread] */
+bool msglog_has_gap(void) noexcept;
+
+/* What was left out of one writer in seconds before this one, and was not told yet. Never waits.
+ * [any thread] */
 msglog_gap msglog_take_gap(void) noexcept;
 
 #endif
