@@ -57,6 +57,21 @@ mode_t type_of(int fd) {
     return fstat(fd, &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
+/* False when output stays behind because writing it would wait. */
+bool flush_now() {
+    if (ftrylockfile(stdout) != 0) {
+        return false;
+    }
+    const size_t pending = __fpending(stdout);
+    const int fd = fileno(stdout);
+    const bool goes = type_of(fd) == S_IFREG || (pending <= PIPE_BUF && is_ready(fd));
+    if (pending > 0 && goes) {
+        fflush_unlocked(stdout);
+    }
+    funlockfile(stdout);
+    return pending == 0 || goes;
+}
+
 /* Another writer may fill the pipe after it was found ready; older kernels do not know the flag for
  * pipes. */
 ssize_t write_to_pipe(int fd, const void* data, size_t length) {
@@ -126,21 +141,16 @@ ssize_t process_write_now(int32_t fd, const void* data, size_t length) noexcept 
 }
 
 void process_flush_output(void) noexcept {
-    /* Mostly nothing is buffered; looked at without the lock, since this is on every log line's
-     * way. What another thread adds at this moment is the next line's to flush. */
-    if (__fpending(stdout) == 0 || ftrylockfile(stdout) != 0) {
-        return;
+    if (__fpending(stdout) > 0) { /* looked at without the lock: this is on every log line's way */
+        (void)flush_now();
     }
-    const size_t pending = __fpending(stdout);
-    const int fd = fileno(stdout);
-    if (pending > 0 && (type_of(fd) == S_IFREG || (pending <= PIPE_BUF && is_ready(fd)))) {
-        fflush_unlocked(stdout);
-    }
-    funlockfile(stdout);
 }
 
 void process_end(int32_t status) noexcept {
-    process_flush_output();
+    if (!flush_now()) {
+        /* The exit function of a sanitizer would flush again, and wait. */
+        syscall(SYS_exit_group, status);
+    }
     _exit(status);
 }
 
