@@ -203,30 +203,4 @@ TEST_F(mediasource_events, are_never_shown_by_half) {
     EXPECT_EQ(halves, 0);
 }
 
-/* What the log is written to may hold it up; that holds no other event up. */
-TEST_F(mediasource_events, are_logged_when_others_may_go_on) {
-    const int32_t id = rig_source(rig, "logged", "", 0);
-    const mediasource* source = mediasource_by_id(&mmcontrol, id);
-    for (const bool connect : {false, true}) {
-        flockfile(stdout); /* flushed before each line */
-        std::thread reporter([connect, id] {
-            if (connect) {
-                (void)lyrane_internal_mediasource_connected(0, "logged", "n", "v", 1, 0, 1);
-            } else {
-                (void)lyrane_internal_mediasource_disconnected(id);
-            }
-        });
-        while ((mediasource_active(source) != 0) != connect) {
-            std::this_thread::yield();
-        }
-        vel_mutex_lock(&mmcontrol.mediasources_lock);
-        vel_mutex_unlock(&mmcontrol.mediasources_lock);
-        funlockfile(stdout);
-        reporter.join();
-    }
-    EXPECT_EQ(rig_logged(rig, "media source disconnected: logged\\x09id: " + std::to_string(id)),
-              1);
-    EXPECT_EQ(rig_logged(rig, "media source connected: n\\x09id: " + std::to_string(id)), 1);
-}
-
 } // namespace
