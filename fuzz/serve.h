@@ -8,16 +8,17 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <veloran/closer.h>
 #include <veloran/message.h>
 
 #include "input.h"
 #include "msgserver.h"
 
-/* Lets the server work until it has nothing to do. It is woken each time, so that it never waits
- * for a client: here nobody else would send. */
+/* Lets the server, and who closes for it, work until they have nothing to do. It is woken each
+ * time, so that it never waits for a client: here nobody else would send. */
 inline void serve_all(msgserver* server) {
     pollfd channel = {server->chid, POLLIN, 0};
-    while (poll(&channel, 1, 0) == 1) {
+    for (closer_wait(); poll(&channel, 1, 0) == 1; closer_wait()) {
         require(message_wake(server->dispatch) == 0, "the server can be woken");
         do {
             (void)msgserver_receive(server);

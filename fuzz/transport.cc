@@ -32,7 +32,7 @@ struct client {
     uint32_t sent = 0;     /* packets that the socket took */
     uint32_t answered = 0; /* of which the whole reply was read */
     size_t received = 0;   /* bytes of the reply in hand */
-    bool halved = false;   /* one direction is shut down */
+    bool is_cut = false;   /* by itself in one direction, or by the server */
     int events = -1;       /* receiving end of the event channel */
 };
 
@@ -124,7 +124,7 @@ bool read_packet(client* c) {
     alignas(message_frame) char packet[MESSAGE_PACKET_SIZE];
     const ssize_t size = recv(c->fd, packet, sizeof packet, MSG_DONTWAIT | MSG_TRUNC);
     if (size <= 0) {
-        require(c->halved || (size < 0 && errno == EAGAIN), "the server keeps its clients");
+        require(c->is_cut || (size < 0 && errno == EAGAIN), "the server keeps its clients");
         return false;
     }
     require(size >= static_cast<ssize_t>(sizeof(message_frame)) &&
@@ -180,24 +180,28 @@ int descriptor_of_kind(client* c, unsigned kind) {
     }
 }
 
-void send_packet(client* c, const std::string& bytes, int descriptor) {
+/* With `twice` the descriptor stands in the message two times, for which the server ends the
+ * connection. */
+void send_packet(client* c, const std::string& bytes, int descriptor, bool twice) {
     iovec area = {const_cast<char*>(bytes.data()), bytes.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
     msghdr packet = {};
     packet.msg_iov = &area;
     packet.msg_iovlen = 1;
     if (descriptor >= 0) {
-        const int both[2] = {descriptor, descriptor}; /* one too many */
+        const int both[2] = {descriptor, descriptor};
+        const size_t size = twice ? sizeof both : sizeof *both;
         packet.msg_control = control;
-        packet.msg_controllen = sizeof control;
+        packet.msg_controllen = CMSG_SPACE(size);
         cmsghdr* part = CMSG_FIRSTHDR(&packet);
         part->cmsg_level = SOL_SOCKET;
         part->cmsg_type = SCM_RIGHTS;
-        part->cmsg_len = CMSG_LEN(sizeof both);
-        memcpy(CMSG_DATA(part), both, sizeof both);
+        part->cmsg_len = CMSG_LEN(size);
+        memcpy(CMSG_DATA(part), both, size);
     }
     if (sendmsg(c->fd, &packet, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
         c->sent += 1;
+        c->is_cut = c->is_cut || (descriptor >= 0 && twice);
     }
 }
 
@@ -237,7 +241,7 @@ void send_step(fuzz_input* input, client* c, bool made, unsigned flags) {
         c->fd = connect_to(SERVICES[0]);
     }
     const int descriptor = with_descriptor ? descriptor_of_kind(c, kind) : -1;
-    send_packet(c, bytes, descriptor);
+    send_packet(c, bytes, descriptor, (kind & 4) != 0);
     if (descriptor >= 0) {
         close(descriptor);
     }
@@ -266,7 +270,7 @@ void step(fuzz_input* input) {
     case 6:
         if (c->fd >= 0) {
             (void)shutdown(c->fd, (flags & 1) != 0 ? SHUT_WR : SHUT_RD);
-            c->halved = true;
+            c->is_cut = true;
         }
         break;
     case 7:
@@ -327,7 +331,7 @@ void finish(void) {
     for_each_connection(require_counts);
     for (client& c : clients) {
         read_replies(&c);
-        require(c.halved || c.answered == c.sent, "every packet is answered");
+        require(c.is_cut || c.answered == c.sent, "every packet is answered");
         disconnect(&c);
     }
     serve_all(server);

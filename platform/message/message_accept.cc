@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 #include <sys/epoll.h>
@@ -18,6 +20,8 @@ constexpr int32_t DESCRIPTORS_PER_CONNECTION = 2;
 /* Kept for the rest of the process: objects, databases, media files. */
 constexpr int32_t DESCRIPTOR_RESERVE = 1024;
 constexpr int SEND_BUFFER_SIZE = 256 * 1024;
+/* Refused newcomers that are not closed yet, in all; who comes then waits at the door. */
+constexpr int32_t REFUSED_MAX = 256;
 constexpr uid_t ROOT = 0;
 
 int32_t share_of_process(int32_t limit) {
@@ -45,35 +49,61 @@ size_t prepare_sending(int fd) {
     return std::min<size_t>(MESSAGE_PACKET_SIZE, static_cast<size_t>(size) / 2);
 }
 
+/* Adds up which connections of a list are of the client's process and of its user. */
+void count_shares(const message_connection* list, const ucred& client, int32_t* of_process,
+                  int32_t* of_user) {
+    for (; list != nullptr; list = list->next) {
+        *of_process += list->pid == client.pid ? 1 : 0;
+        *of_user += list->uid == client.uid ? 1 : 0;
+    }
+}
+
 bool room_for(message_channel* channel, const ucred& client) VEL_REQUIRES(channel->lock) {
-    if (channel->connections >= channel->limit) {
+    if (channel->connections + channel->closings >= channel->limit) {
         return false;
     }
     int32_t of_process = 0;
     int32_t of_user = 0;
     for (const message_connection* bucket : channel->buckets) {
-        for (; bucket != nullptr; bucket = bucket->next) {
-            of_process += bucket->pid == client.pid ? 1 : 0;
-            of_user += bucket->uid == client.uid ? 1 : 0;
-        }
+        count_shares(bucket, client, &of_process, &of_user);
     }
+    count_shares(channel->closing, client, &of_process, &of_user);
     /* Process 0 stands for all that cannot be seen from here (another process name space). */
     return (client.pid == 0 || of_process < share_of_process(channel->limit)) &&
            (client.uid == ROOT || of_user < share_of_user(channel->limit));
 }
 
+/* Without room: ends the connections of processes that have died. The system ends them by itself,
+ * unless the process put its end of the socket into a message that is never read because a reply
+ * to an earlier one waits. Once a second at the most. */
+void end_dead(message_channel* channel) VEL_REQUIRES(channel->lock) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (now.tv_sec == channel->dead_ended) {
+        return;
+    }
+    channel->dead_ended = now.tv_sec;
+    for (const message_connection* bucket : channel->buckets) {
+        for (; bucket != nullptr; bucket = bucket->next) {
+            if (bucket->output_pending.load(std::memory_order_relaxed) && bucket->pid != 0 &&
+                kill(bucket->pid, 0) != 0 && errno == ESRCH) {
+                (void)shutdown(bucket->fd, SHUT_RDWR);
+            }
+        }
+    }
+}
+
 /* Makes a connection of an accepted socket. False: not taken. */
-bool admit(message_channel* channel, int fd) VEL_REQUIRES(channel->lock) {
-    ucred client{};
-    socklen_t length = sizeof client;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &client, &length) != 0 ||
-        !room_for(channel, client)) {
+bool admit(message_channel* channel, int fd, const ucred& client) VEL_REQUIRES(channel->lock) {
+    if (!room_for(channel, client)) {
+        end_dead(channel);
         return false;
     }
     message_connection* connection = new (std::nothrow) message_connection{};
     if (connection == nullptr) {
         return false;
     }
+    connection->channel = channel;
     connection->fd = fd;
     connection->pid = client.pid;
     connection->uid = client.uid;
@@ -102,12 +132,15 @@ void set_accepting(message_channel* channel, bool accepting) VEL_REQUIRES(channe
 
 } // namespace
 
-int32_t message_connection_limit(void) noexcept {
+void message_set_connection_limit(message_channel* channel) noexcept {
     constexpr rlim_t WANTED =
         rlim_t{MESSAGE_CONNECTIONS_MAX} * DESCRIPTORS_PER_CONNECTION + DESCRIPTOR_RESERVE;
+    constexpr rlim_t PLENTY = 3 * WANTED; /* no use of the rest of the process comes near */
     rlimit limit{};
+    channel->limit = share_of_process(MESSAGE_CONNECTIONS_MAX);
+    channel->is_short = true;
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return share_of_process(MESSAGE_CONNECTIONS_MAX);
+        return;
     }
     if (limit.rlim_cur < WANTED && limit.rlim_cur < limit.rlim_max) {
         rlimit raised = limit;
@@ -118,7 +151,8 @@ int32_t message_connection_limit(void) noexcept {
     }
     const auto usable = static_cast<int32_t>(std::min(limit.rlim_cur, WANTED));
     const int32_t reserve = std::min(DESCRIPTOR_RESERVE, usable / 2);
-    return std::max((usable - reserve) / DESCRIPTORS_PER_CONNECTION, 1);
+    channel->limit = std::max((usable - reserve) / DESCRIPTORS_PER_CONNECTION, 1);
+    channel->is_short = limit.rlim_cur < PLENTY;
 }
 
 void message_accept_resume(message_channel* channel) noexcept {
@@ -132,7 +166,7 @@ void message_accept(message_channel* channel, uint32_t name) noexcept {
     if (name >= MESSAGE_NAMES_MAX || channel->names[name].listen_fd < 0) {
         return;
     }
-    int fd =
+    const int fd =
         accept4(channel->names[name].listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
         if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
@@ -140,8 +174,14 @@ void message_accept(message_channel* channel, uint32_t name) noexcept {
         }
         return;
     }
-    if (!admit(channel, fd)) {
+    ucred client{};
+    client.uid = static_cast<uid_t>(-1);
+    socklen_t length = sizeof client;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &client, &length) != 0 ||
+        !admit(channel, fd, client)) {
         refuse(fd);
-        message_close(&fd);
+        if (closer_close(fd, closer_sockets_of(client.uid)) > REFUSED_MAX) {
+            set_accepting(channel, false);
+        }
     }
 }

@@ -17,6 +17,13 @@ void message_close(int* fd) noexcept {
     }
 }
 
+void message_channel_release(message_channel* channel) noexcept {
+    if (channel->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        vel_mutex_destroy(&channel->lock);
+        delete channel;
+    }
+}
+
 extern "C" {
 
 message_channel* message_channel_create(void) noexcept {
@@ -26,7 +33,7 @@ message_channel* message_channel_create(void) noexcept {
         return nullptr;
     }
     vel_mutex_init(&channel->lock);
-    channel->limit = message_connection_limit();
+    message_set_connection_limit(channel);
     channel->epoll_fd = epoll_create1(EPOLL_CLOEXEC);
     /* As a semaphore, so that each wake completes one receive and none is lost between them. */
     channel->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
@@ -43,23 +50,34 @@ message_channel* message_channel_create(void) noexcept {
     return channel;
 }
 
-/* Nobody else uses the channel any more, so its lock need not be held. */
-void message_channel_destroy(message_channel* channel) noexcept VEL_NO_TSA {
+void message_channel_destroy(message_channel* channel) noexcept {
     if (channel == nullptr) {
         return;
     }
     message_name_detach_all(channel);
-    for (message_connection*& bucket : channel->buckets) {
-        while (bucket != nullptr) {
-            message_connection* connection = bucket;
-            bucket = connection->next;
-            message_connection_free(channel, connection);
+    message_connection* ending = nullptr;
+    {
+        vel_lock_guard guard(channel->lock);
+        for (message_connection*& bucket : channel->buckets) {
+            while (message_connection* connection = bucket) {
+                bucket = connection->next;
+                message_park(channel, connection); /* the closer outlives the epoll set */
+                connection->detached = true;
+                if (connection->pins == 0) {
+                    connection->next = ending;
+                    ending = connection;
+                }
+            }
         }
+        channel->connections = 0;
+    }
+    while (message_connection* connection = ending) {
+        ending = connection->next;
+        message_connection_end(channel, connection);
     }
     message_close(&channel->wake_fd);
     message_close(&channel->epoll_fd);
-    vel_mutex_destroy(&channel->lock);
-    delete channel;
+    message_channel_release(channel);
 }
 
 int32_t message_channel_id(const message_channel* channel) noexcept {

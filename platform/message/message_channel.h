@@ -1,8 +1,13 @@
 /* The records behind a channel, shared by the files of this folder.
  *
  * Life of a connection: made by accept, found by its id in the channel's table, taken out of the
- * table by message_detach, freed when the last pin on it goes. `busy` hands it to one receiving
- * thread at a time: from the moment that thread picks it up until message_done or message_detach.
+ * table by message_detach, over when the last pin on it goes, freed when the closer has closed its
+ * sockets. `busy` hands it to one receiving thread at a time: from the moment that thread picks it
+ * up until message_done or message_detach.
+ *
+ * No thread that serves drops the last reference of a client's file (closer.h says why). So it
+ * closes neither descriptors that clients sent nor sockets that they can write to, and takes no
+ * message out of a queue whose descriptors it does not hold (message_receive.cc).
  *
  * Locks: the channel lock guards the table and the state of hand-over; a connection's send lock
  * guards what is sent to it. They are never held together. */
@@ -12,6 +17,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include <veloran/closer.h>
 #include <veloran/lock.h>
 #include <veloran/message.h>
 
@@ -37,6 +43,7 @@ struct message_connection {
     bool busy = false;     /* one of its messages, or its end, is in a receiver's hands */
     bool detached = false; /* out of the table */
     bool answered = true;  /* the message in hand, or the last one, is */
+    bool discards = false; /* `unwanted` is being closed; nothing is read meanwhile */
     uint32_t sequence = 0; /* of that message */
     uint32_t interest = 0; /* present epoll events; 0: not in the set */
 
@@ -45,6 +52,12 @@ struct message_connection {
     /* The busy receiver's. */
     int offered = -1;     /* descriptor that came with the message in hand, or -1 */
     void* user = nullptr; /* message_info::user points here */
+
+    /* The closer's while it has the job: first `unwanted`, when it is over its sockets. */
+    message_channel* channel = nullptr; /* constant */
+    closer_job job;
+    int unwanted = -1;         /* a descriptor that came and was not taken */
+    int sockets[2] = {-1, -1}; /* its own, the event channel */
 
     vel_mutex send_lock;
     message_output* output VEL_GUARDED_BY(send_lock) = nullptr; /* owned */
@@ -68,6 +81,8 @@ struct message_name {
 };
 
 constexpr int32_t MESSAGE_BUCKETS = 1024;
+constexpr int32_t MESSAGE_GIFTS_MAX =
+    253; /* descriptors that one message may bring: the system's */
 
 struct message_channel {
     int epoll_fd = -1;
@@ -75,10 +90,18 @@ struct message_channel {
     int32_t limit = 0; /* connections */
     std::atomic<size_t> output_bytes{0};
     std::atomic<bool> accept_paused{false}; /* written under lock */
+    std::atomic<int32_t> references{1};     /* its maker's, and one of each job of the closer */
+    std::atomic<int32_t> unwanted{0};       /* jobs that close descriptors that clients sent */
+    /* Descriptors of a message may find no free number: the process may have few, or it happened.
+     */
+    std::atomic<bool> is_short{false};
 
     vel_mutex lock;
     message_connection* buckets[MESSAGE_BUCKETS] VEL_GUARDED_BY(lock) = {};
-    int32_t connections VEL_GUARDED_BY(lock) = 0; /* in the table */
+    int32_t connections VEL_GUARDED_BY(lock) = 0;               /* in the table */
+    message_connection* closing VEL_GUARDED_BY(lock) = nullptr; /* those over, by `next` */
+    int32_t closings VEL_GUARDED_BY(lock) = 0;                  /* of them */
+    int64_t dead_ended VEL_GUARDED_BY(lock) = 0;                /* s of the monotonic clock */
     int32_t last_scoid VEL_GUARDED_BY(lock) = 0;
     message_name names[MESSAGE_NAMES_MAX] VEL_GUARDED_BY(lock);
 };
@@ -110,8 +133,20 @@ void message_park(message_channel* channel, message_connection* connection) noex
 /* Lets go of a pin that the caller took under the lock. */
 void message_unpin(message_channel* channel, message_connection* connection) noexcept
     VEL_EXCLUDES(channel->lock);
-/* Frees a connection that nobody can reach. */
-void message_connection_free(message_channel* channel, message_connection* connection) noexcept;
+/* Gives up a reference of the channel; the last one frees it. */
+void message_channel_release(message_channel* channel) noexcept VEL_EXCLUDES(channel->lock);
+
+/* Closing (message_close.cc). */
+
+/* Ends a connection that nobody can reach. It counts until it is closed. */
+void message_connection_end(message_channel* channel, message_connection* connection) noexcept
+    VEL_EXCLUDES(channel->lock);
+/* Has the descriptor closed that came with the message in hand and was not taken. Until then no
+ * further message is read, so that nobody can send them faster than they go. */
+void message_discard_offered(message_channel* channel, message_connection* connection) noexcept
+    VEL_REQUIRES(channel->lock);
+/* Has MESSAGE_GIFTS_MAX descriptors of a user closed at the most. */
+void message_discard(message_channel* channel, uid_t user, const int* fds, int32_t count) noexcept;
 
 /* Names (message_name.cc). */
 
@@ -124,8 +159,9 @@ void message_name_remove(message_name* name) noexcept;
 
 /* Accepting (message_accept.cc). */
 
-/* Connections that the process's descriptor limit allows; raises the soft limit first. */
-int32_t message_connection_limit(void) noexcept;
+/* Sets how many connections the process's descriptor limit allows, and whether descriptors are
+ * short; raises the soft limit first. */
+void message_set_connection_limit(message_channel* channel) noexcept;
 /* Takes one newcomer from a name, or refuses it, or pauses accepting when descriptors ran out. */
 void message_accept(message_channel* channel, uint32_t name) noexcept VEL_EXCLUDES(channel->lock);
 void message_accept_resume(message_channel* channel) noexcept VEL_REQUIRES(channel->lock);
@@ -137,7 +173,7 @@ void message_flush(message_channel* channel, message_connection* connection) noe
 void message_output_drop(message_channel* channel, message_connection* connection) noexcept
     VEL_REQUIRES(connection->send_lock);
 
-/* Closes a descriptor, if there is one, and forgets it. errno stays. */
+/* Closes a descriptor of our own making, if there is one, and forgets it. errno stays. */
 void message_close(int* fd) noexcept;
 
 #endif

@@ -82,7 +82,7 @@ bool finish(message_channel* channel, int64_t rcvid) {
     if (!connection->answered) {
         return false;
     }
-    message_close(&connection->offered);
+    message_discard_offered(channel, connection);
     connection->busy = false;
     message_update_interest(channel, connection);
     return true;
@@ -118,8 +118,10 @@ void message_update_interest(message_channel* channel, message_connection* conne
     if (connection->busy || connection->detached) {
         return;
     }
-    const uint32_t wanted =
-        connection->output_pending.load(std::memory_order_acquire) ? EPOLLOUT : EPOLLIN;
+    uint32_t wanted = connection->discards ? 0 : uint32_t{EPOLLIN};
+    if (connection->output_pending.load(std::memory_order_acquire)) {
+        wanted = EPOLLOUT;
+    }
     if (connection->interest != wanted && !set_interest(channel, connection, wanted)) {
         /* No memory to watch it: nothing of it would ever be read again, so end it visibly. The
          * record stays until the channel goes. */
@@ -144,27 +146,8 @@ void message_unpin(message_channel* channel, message_connection* connection) noe
         }
     }
     if (last) {
-        message_connection_free(channel, connection);
+        message_connection_end(channel, connection);
     }
-}
-
-/* Nobody can reach the connection any more, so its locks need not be held. */
-void message_connection_free(message_channel* channel,
-                             message_connection* connection) noexcept VEL_NO_TSA {
-    message_output_drop(channel, connection);
-    if (connection->fd >= 0) {
-        /* A child that some library forked may hold a copy of the socket. Closing ours would then
-         * neither tell the client nor take it out of the epoll set. */
-        (void)shutdown(connection->fd, SHUT_RDWR);
-        if (connection->interest != 0) {
-            (void)epoll_ctl(channel->epoll_fd, EPOLL_CTL_DEL, connection->fd, nullptr);
-        }
-    }
-    message_close(&connection->fd);
-    message_close(&connection->offered);
-    message_close(&connection->event_fd);
-    vel_mutex_destroy(&connection->send_lock);
-    delete connection;
 }
 
 extern "C" {
@@ -197,7 +180,7 @@ void message_detach(message_channel* channel, int32_t scoid) noexcept {
         }
     }
     if (connection != nullptr) {
-        message_connection_free(channel, connection);
+        message_connection_end(channel, connection);
     }
     vel_lock_guard guard(channel->lock);
     message_accept_resume(channel);

@@ -1,6 +1,15 @@
-/* Receiving: one message of one client at a time, clients in turn. */
+/* Receiving: one message of one client at a time, clients in turn.
+ *
+ * A message may bring descriptors. Those that are given no number here are dropped by whoever takes
+ * the message out of the queue, and that may wait (closer.h). So there are two ways to receive. As
+ * a rule there is room for all that a message can bring, and numbers for them: one call takes the
+ * message, and the closer gets what is not wanted. While numbers may be short, or the closer is at
+ * work on such descriptors, the message is looked at first, with one descriptor: what is looked at
+ * stays in the queue, so nothing is dropped. If that was all that it brings it can be taken out,
+ * else it stays in the queue, and the closer closes both. */
 #include "message_channel.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -19,24 +28,65 @@ constexpr int ACCEPT_RETRY_MS = 1000;
 
 enum class outcome { message, end, nothing };
 
-/* Keeps the first descriptor that came with a packet and closes the others. The control buffer has
- * room for one; more cannot get in on this system, and would not harm. */
-void take_descriptors(msghdr* packet, message_connection* connection) {
+/* Keeps the descriptor that came with a packet. False when there were more, or no numbers for all:
+ * the client broke the protocol, or there is no room for it here. */
+bool take_descriptor(message_channel* channel, msghdr* packet, message_connection* connection) {
+    int fds[MESSAGE_GIFTS_MAX];
+    size_t bytes = 0;
     for (cmsghdr* part = CMSG_FIRSTHDR(packet); part != nullptr; part = CMSG_NXTHDR(packet, part)) {
-        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
-            continue;
-        }
-        const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-            int fd;
-            memcpy(&fd, CMSG_DATA(part) + i * sizeof fd, sizeof fd);
-            if (connection->offered < 0) {
-                connection->offered = fd;
-            } else {
-                message_close(&fd);
-            }
+        if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_RIGHTS) {
+            bytes = std::min(part->cmsg_len - CMSG_LEN(0), sizeof fds);
+            memcpy(fds, CMSG_DATA(part), bytes);
         }
     }
+    const auto count = static_cast<int32_t>(bytes / sizeof(int));
+    const bool is_whole = (packet->msg_flags & MSG_CTRUNC) == 0;
+    if (count <= 1 && is_whole) {
+        connection->offered = count == 1 ? fds[0] : -1;
+        return true;
+    }
+    if (count > 0) {
+        message_discard(channel, connection->uid, fds, count);
+    }
+    return false;
+}
+
+/* Whether the descriptors of a message may find no free numbers. */
+bool is_short(const message_channel* channel) {
+    return channel->is_short.load(std::memory_order_relaxed) ||
+           channel->unwanted.load(std::memory_order_relaxed) > 0;
+}
+
+/* One message, as described above. Its length, or -1 with errno set; EPROTO when the connection is
+ * to be ended. */
+ssize_t take_message(message_channel* channel, message_connection* connection, const iovec* vector,
+                     int32_t count) {
+    alignas(cmsghdr) unsigned char control[CMSG_LEN(MESSAGE_GIFTS_MAX * sizeof(int))];
+    const bool looks_first = is_short(channel);
+    msghdr packet{};
+    packet.msg_iov = const_cast<iovec*>(vector);
+    packet.msg_iovlen = static_cast<size_t>(count);
+    packet.msg_control = control;
+    packet.msg_controllen = looks_first ? CMSG_LEN(sizeof(int)) : sizeof control;
+    const ssize_t length =
+        recvmsg(connection->fd, &packet,
+                MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC | (looks_first ? MSG_PEEK : 0));
+    if (length < 0) {
+        return -1;
+    }
+    if (!take_descriptor(channel, &packet, connection)) {
+        /* With room for all some found no number: it must not happen twice. */
+        if (!looks_first && (packet.msg_flags & MSG_CTRUNC) != 0) {
+            channel->is_short.store(true, std::memory_order_relaxed);
+        }
+        errno = EPROTO;
+        return -1;
+    }
+    if (looks_first) {
+        char none;
+        (void)recv(connection->fd, &none, 0, MSG_DONTWAIT);
+    }
+    return length;
 }
 
 /* After a read of no bytes: has the client ended its sending, with nothing more to read? */
@@ -50,23 +100,14 @@ bool sending_has_ended(int fd) {
 }
 
 /* Reads the next message of a connection that the calling thread has made busy. */
-outcome read_message(message_connection* connection, const iovec* vector, int32_t count,
-                     ssize_t* length) {
-    message_close(&connection->offered);
+outcome read_message(message_channel* channel, message_connection* connection, const iovec* vector,
+                     int32_t count, ssize_t* length) {
     for (;;) {
-        alignas(cmsghdr) unsigned char control[CMSG_LEN(sizeof(int))];
-        msghdr packet{};
-        packet.msg_iov = const_cast<iovec*>(vector);
-        packet.msg_iovlen = static_cast<size_t>(count);
-        packet.msg_control = control;
-        packet.msg_controllen = sizeof control;
-        *length = recvmsg(connection->fd, &packet, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
+        *length = take_message(channel, connection, vector, count);
         if (*length > 0) {
-            take_descriptors(&packet, connection);
             return outcome::message;
         }
         if (*length == 0) {
-            take_descriptors(&packet, connection);
             return sending_has_ended(connection->fd) ? outcome::end : outcome::message;
         }
         if (errno == EAGAIN) {
@@ -97,9 +138,11 @@ message_connection* pick_up(message_channel* channel, int32_t scoid) {
     if (connection == nullptr) {
         return nullptr;
     }
-    if (connection->busy) {
-        /* It has more to say while an earlier message is in other hands: message_done puts it back
-         * into the set, which would otherwise report it over and over. */
+    if (connection->busy ||
+        (connection->discards && !connection->output_pending.load(std::memory_order_acquire))) {
+        /* It has more to say while an earlier message, or what came with it, is in other hands:
+         * who is done with that puts it back into the set, which would otherwise report it over and
+         * over. */
         message_park(channel, connection);
         return nullptr;
     }
@@ -131,7 +174,7 @@ bool serve(message_channel* channel, int32_t scoid, const iovec* vector, int32_t
         return false;
     }
     ssize_t length;
-    const outcome result = read_message(connection, vector, count, &length);
+    const outcome result = read_message(channel, connection, vector, count, &length);
     if (result == outcome::nothing) {
         forget_message(channel, connection, false);
         return false;

@@ -14,20 +14,30 @@
 #include "message_channel.h"
 #include "message_connect.h"
 
+#ifndef SO_PASSRIGHTS
+#define SO_PASSRIGHTS 83 /* since Linux 6.16 */
+#endif
+
 struct server_object {
     message_name name;
 };
 
 namespace {
 
-/* Bytes of the next message without taking it; -1 with errno set, ECONNRESET at the end. */
+/* Bytes of the next message without taking it; -1 with errno set, ECONNRESET at the end. A message
+ * with descriptors is never taken, for who takes it drops them, and that may wait (closer.h): the
+ * other end broke the protocol, and is as good as gone. */
 ssize_t next_length(int fd) {
     char byte;
+    iovec piece{&byte, sizeof byte};
+    msghdr packet{};
+    packet.msg_iov = &piece;
+    packet.msg_iovlen = 1;
     ssize_t length;
     do {
-        length = recv(fd, &byte, sizeof byte, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+        length = recvmsg(fd, &packet, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
     } while (length < 0 && errno == EINTR);
-    if (length == 0) {
+    if (length == 0 || (length > 0 && (packet.msg_flags & MSG_CTRUNC) != 0)) {
         errno = ECONNRESET;
         return -1;
     }
@@ -65,6 +75,9 @@ server_object* server_object_create(const char* path, mode_t mode) noexcept {
         errno = error;
         return nullptr;
     }
+    /* Where the system can, clients cannot even send descriptors; what is accepted inherits it. */
+    const int off = 0;
+    (void)setsockopt(object->name.listen_fd, SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
     return object;
 }
 

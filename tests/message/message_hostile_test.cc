@@ -14,7 +14,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <veloran/closer.h>
+
 #include "channel_thread.h"
+#include "gifts.h"
 
 namespace {
 
@@ -52,22 +55,6 @@ size_t read_reply(int fd, message_frame* frame) {
         data += static_cast<size_t>(got) - sizeof *frame;
     }
     return data;
-}
-
-void pass(int fd, const int* descriptors, size_t count, const char* text) {
-    char control[CMSG_SPACE(16 * sizeof(int))] = {};
-    iovec piece{const_cast<char*>(text), strlen(text)};
-    msghdr packet{};
-    packet.msg_iov = &piece;
-    packet.msg_iovlen = 1;
-    packet.msg_control = control;
-    packet.msg_controllen = CMSG_SPACE(count * sizeof(int));
-    cmsghdr* part = CMSG_FIRSTHDR(&packet);
-    part->cmsg_level = SOL_SOCKET;
-    part->cmsg_type = SCM_RIGHTS;
-    part->cmsg_len = CMSG_LEN(count * sizeof(int));
-    memcpy(CMSG_DATA(part), descriptors, count * sizeof(int));
-    ASSERT_GT(sendmsg(fd, &packet, MSG_NOSIGNAL), 0);
 }
 
 } // namespace
@@ -135,26 +122,43 @@ TEST(MessageHostile, EmptyPacketsAreMessagesAndNoEnd) {
     EXPECT_GE(server.received.load(), 6) << "a message behind an empty one was lost";
 }
 
-TEST(MessageHostile, OnlyAPairOfSocketsIsAnEventChannel) {
+/* With many descriptors and with few, which are two ways to receive. */
+struct MessageGifts : testing::TestWithParam<rlim_t> {
+    void SetUp() override {
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit_before), 0);
+        const rlimit limit = {std::min(GetParam(), limit_before.rlim_max), limit_before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    void TearDown() override { setrlimit(RLIMIT_NOFILE, &limit_before); }
+    rlimit limit_before = {};
+};
+INSTANTIATE_TEST_SUITE_P(Limits, MessageGifts, testing::Values(rlim_t{1024}, rlim_t{32768}));
+
+TEST_P(MessageGifts, OnlyAPairOfSocketsIsAnEventChannel) {
     channel_thread server;
     int pair[2];
+    int used[2];
     int datagram[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, used), 0);
+    ASSERT_EQ(send(used[0], "", 0, 0), 0);
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, datagram), 0);
     const int file = open("/dev/null", O_RDWR | O_CLOEXEC);
     const int lonely = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    test_client client;
     const struct {
         const char* what;
         int fd;
         int status;
     } cases[] = {
+        {"itself", client.fd, EINVAL},
+        {"with something in it", used[1], EINVAL},
         {"file", file, EINVAL},
         {"datagram", datagram[0], EINVAL},
         {"unconnected", lonely, EINVAL},
         {"pair", pair[1], 0},
         {"none", -1, 0},
     };
-    test_client client;
     call(&client, "warm");
     const auto before = descriptor_count();
     for (const auto& entry : cases) {
@@ -162,14 +166,25 @@ TEST(MessageHostile, OnlyAPairOfSocketsIsAnEventChannel) {
         call(&client, "event", 64, &status, entry.fd);
         EXPECT_EQ(status, entry.status) << entry.what;
     }
-    /* Descriptors that nobody asked for, many at a time, are gone when the next message is. */
-    std::vector<int> many(16, file);
+    EXPECT_EQ(send(pair[0], "", 0, MSG_NOSIGNAL), -1) << "who gets events writes nothing";
+    /* One that nobody asked for is closed; with more of them a client breaks the protocol. */
     for (int i = 0; i < 50; ++i) {
-        pass(client.fd, many.data(), many.size(), "take these");
+        ASSERT_EQ(gift_send(client.fd, "take this", {file}), 0);
     }
-    server.await(server.received, 1 + 5 + 50);
+    server.await(server.received, 1 + 7 + 50);
+    closer_wait();
     EXPECT_EQ(descriptor_count(), before);
-    for (const int fd : {pair[0], pair[1], datagram[0], datagram[1], file, lonely}) {
+    for (int i = 1; i <= 50; ++i) {
+        const int fd = plain_socket();
+        ASSERT_EQ(gift_send(fd, "take these", std::vector<int>(16, file)), 0);
+        close(fd);
+        server.await(server.ended, i);
+    }
+    EXPECT_EQ(server.received.load(), 1 + 7 + 50);
+    closer_wait();
+    EXPECT_EQ(descriptor_count(), before);
+    for (const int fd :
+         {pair[0], pair[1], used[0], used[1], datagram[0], datagram[1], file, lonely}) {
         close(fd);
     }
 }
@@ -186,6 +201,7 @@ TEST(MessageHostile, OneProcessCannotTakeAllConnections) {
     const int all = static_cast<int>(clients.size());
     clients.pop_front();
     server.await(server.ended, 1);
+    closer_wait(); /* it counts until it is closed */
     expect_served();
     clients.clear();
     server.await(server.ended, all);

@@ -5,9 +5,12 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <veloran/lock.h>
+
+#include "gifts.h"
 
 static constexpr const char* PATH = "/pps/services/test/control";
 
@@ -63,6 +66,20 @@ TEST(ServerObject, MessagesComeWholeAndInOrder) {
     EXPECT_EQ(write_text(p.client, "after"), 0);
     EXPECT_EQ(next(p.server), error(EMSGSIZE));
     EXPECT_EQ(next(p.server), "after");
+}
+
+/* A descriptor cannot be sent; where the system does not see to that, its message is not taken. */
+TEST(ServerObject, NoDescriptors) {
+    constexpr int PASSRIGHTS = 83;
+    pair p;
+    const int refused = gift_send(p.client.value, "take this", {p.client.value});
+    const int on = 1;
+    if (setsockopt(p.server.value, SOL_SOCKET, PASSRIGHTS, &on, sizeof on) == 0) {
+        EXPECT_EQ(refused, EPERM);
+        EXPECT_EQ(gift_send(p.client.value, "take this", {p.client.value}), 0);
+    }
+    EXPECT_EQ(next(p.server), error(ECONNRESET));
+    EXPECT_EQ(next(p.server), error(ECONNRESET)) << "it was taken, and dropped by this thread";
 }
 
 TEST(ServerObject, TheOtherEndDoesNotReadOrIsGone) {

@@ -14,6 +14,7 @@
 #include <veloran/lock.h>
 #include <veloran/server_object.h>
 
+#include "gifts.h"
 #include "rig.h"
 
 namespace {
@@ -188,6 +189,16 @@ TEST(Program, HostileClients) {
     const std::string huge(SERVER_OBJECT_MESSAGE_MAX + 1, '\n');
     EXPECT_EQ(write(twice, huge.data(), huge.size()), static_cast<ssize_t>(huge.size()));
     say(twice, "\n\n" + RELEASE + "\n");
+
+    /* Descriptors: their sender is told, or put out; nobody waits for them to close. */
+    const int giver = enter("");
+    std::vector<int> gifts = gift_lingering(1);
+    kill(process.pid, SIGSTOP); /* so that its close is the last one */
+    if (gift_send(giver, "msg::state", gifts) == 0) {
+        gift_close(gifts);
+    }
+    kill(process.pid, SIGCONT);
+    close(giver);
 
     /* A flood is read slowly: it fills its own socket, and nobody else waits. */
     const int flood = enter("flood");

@@ -1,6 +1,7 @@
 /* Clients that do what clients must not: it costs them, and nobody else. */
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -8,16 +9,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "gifts.h"
 #include "rig.h"
 
 namespace {
 
 constexpr int16_t OPEN = 0x200;
+constexpr int16_t NOTIFY = 0x202;
 constexpr int16_t PUTGET = 0x203;
 
 /* The source has folders of few tracks, of many, and of folders; a well-behaved client holds a
@@ -121,6 +125,97 @@ TEST(Hostile, OneThousandConnectionsOnFewDescriptors) {
     EXPECT_LE(daemon_settle(rig.daemon, daemon_descriptors, before + 2), before + 2);
     request_client late;
     EXPECT_TRUE(request_connect(late, rig.daemon.service));
+    EXPECT_EQ(request_open(late, "radio"), 0);
+    request_disconnect(late);
+    expect_served(rig);
+    rig_end(rig);
+}
+
+/* What comes with messages is closed by nobody whom others wait for, whatever that takes; with
+ * many descriptors and with few, which are two ways to receive. */
+TEST(Hostile, DescriptorsThatDoNotClose) {
+    for (const int64_t descriptor_limit : {0, 256}) {
+        rig rig;
+        rig.daemon.descriptor_limit = descriptor_limit;
+        ASSERT_TRUE(start(rig));
+        const int64_t before = daemon_descriptors(rig.daemon);
+        wire_client giver[5];
+        for (wire_client& client : giver) {
+            ASSERT_TRUE(wire_connect(client, rig_socket(rig.daemon)));
+            ASSERT_TRUE(wire_open(client, rig.daemon.service));
+        }
+        const std::string notify =
+            wire_header(giver[0], NOTIFY, 16, 1) + std::string(16, '\0'); /* indices are theirs */
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        const std::pair<int, int> channels[] = {
+            {2, ends[1]}, {3, giver[3].fd}, {4, giver[3].fd}, {3, giver[4].fd}};
+        /* It stands still until this process has closed its own, so the last ones are there. */
+        daemon_signal(rig.daemon, SIGSTOP);
+        std::vector<int> gifts = gift_lingering(1);
+        EXPECT_EQ(gift_send(giver[0].fd, "nonsense", gifts), 0);
+        gift_close(gifts);
+        gifts = gift_lingering(10);
+        EXPECT_EQ(gift_send(giver[1].fd, "nonsense", gifts), 0);
+        gift_close(gifts);
+        /* Hidden in the queue of an event channel; and connections that keep themselves open. */
+        gifts = gift_lingering(3);
+        EXPECT_EQ(gift_send(ends[0], "", gifts), 0);
+        gift_close(gifts);
+        for (const auto& [client, channel] : channels) {
+            std::string message = notify;
+            std::memcpy(message.data() + 4, &giver[client].service_index, 2);
+            std::memcpy(message.data() + 6, &giver[client].connection_index, 2);
+            EXPECT_EQ(gift_send(giver[client].fd, message, {channel}), 0);
+        }
+        close(ends[0]);
+        close(ends[1]);
+        daemon_signal(rig.daemon, SIGCONT);
+        EXPECT_EQ(wire_receive(giver[0]).status, ENOSYS);
+        EXPECT_FALSE(wire_receive(giver[1]).came) << "only one is allowed";
+        for (const auto& [client, channel] : channels) {
+            EXPECT_EQ(wire_receive(giver[client]).status, EINVAL);
+        }
+        expect_served(rig);
+        for (wire_client& client : giver) {
+            wire_close(client);
+        }
+        EXPECT_LE(daemon_settle(rig.daemon, daemon_descriptors, before), before);
+        rig_end(rig);
+    }
+}
+
+/* A client that reads no reply and writes its own end of the connection into messages that wait
+ * behind it keeps that end open after its death. It goes when its place is wanted. */
+TEST(Hostile, TheDeadLeaveRoom) {
+    rig rig;
+    rig.daemon.descriptor_limit = 64; /* 16 clients, 8 of one process */
+    ASSERT_TRUE(start(rig));
+    for (int i = 0; i < 2; ++i) {
+        const pid_t other = fork();
+        if (other == 0) {
+            const std::string ask = request_begin(LYR_MSG_GET_MEDIA_SOURCE);
+            wire_client client;
+            while (wire_connect_nowait(client, rig_socket(rig.daemon)) &&
+                   wire_open(client, rig.daemon.service)) {
+                const std::string message =
+                    wire_header(client, PUTGET, static_cast<int32_t>(ask.size()), 65536) + ask;
+                for (int sent = 0; sent < 10000; ++sent) {
+                    if (gift_send(client.fd, message, {client.fd}) == EAGAIN) {
+                        break;
+                    }
+                }
+            }
+            _exit(0);
+        }
+        int status = -1;
+        EXPECT_EQ(waitpid(other, &status, 0), other);
+        EXPECT_EQ(status, 0);
+    }
+    request_client late;
+    for (int tries = 0; tries < 1000000 && !request_connect(late, rig.daemon.service); ++tries) {
+        std::this_thread::yield();
+    }
     EXPECT_EQ(request_open(late, "radio"), 0);
     request_disconnect(late);
     expect_served(rig);

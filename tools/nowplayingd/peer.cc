@@ -8,6 +8,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <veloran/closer.h>
+
 namespace {
 
 constexpr size_t OTHER_DESCRIPTORS = 64;
@@ -77,7 +79,6 @@ uint64_t peer_add(peer_table* table, int fd, bool person) {
     const uint64_t id = table->last_id + 1;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &length) != 0 || !room_for(*table, who.uid) ||
         !watch(*table, EPOLL_CTL_ADD, id, fd, true)) {
-        close(fd);
         return 0;
     }
     peer& added = table->peers[id];
@@ -93,7 +94,7 @@ void peer_remove(peer_table* table, uint64_t id) {
     const auto found = table->peers.find(id);
     if (found != table->peers.end()) {
         table->muted -= found->second.muted ? 1 : 0;
-        close(found->second.fd);
+        (void)closer_close(found->second.fd, closer_sockets_of(found->second.user));
         table->peers.erase(found);
     }
 }

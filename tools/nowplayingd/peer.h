@@ -37,8 +37,8 @@ int64_t peer_clock();
 /* Raises the limit of descriptors as far as allowed, and sets the table's. */
 void peer_set_limit(peer_table* table);
 
-/* Takes a new connection, whose descriptor is the table's from now on: its id, or 0 when there are
- * too many (of that user), and it is closed. */
+/* Takes a new connection, whose descriptor is the table's from now on: its id. 0 when there are too
+ * many (of that user); the descriptor stays the caller's. */
 uint64_t peer_add(peer_table* table, int fd, bool person);
 void peer_remove(peer_table* table, uint64_t id);
 peer* peer_find(peer_table* table, uint64_t id);

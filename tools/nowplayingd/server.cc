@@ -9,6 +9,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <veloran/closer.h>
 #include <veloran/lock.h>
 #include <veloran/paths.h>
 #include <veloran/server_object.h>
@@ -22,6 +23,8 @@ namespace {
 constexpr int EVENTS_AT_ONCE = 64;
 constexpr int ACCEPTS_AT_ONCE = 16;
 constexpr int ACCEPT_PAUSE_MS = 500; /* when there was no descriptor for a newcomer */
+constexpr int32_t REFUSED_MAX = 64;  /* newcomers turned away and not closed yet */
+constexpr uid_t NOBODY = static_cast<uid_t>(-1);
 
 /* Entries of epoll that are no peers; peers' ids lie above. */
 enum entry : uint64_t { ENTRY_SIGNALS = 1, ENTRY_CLIENTS = 2, ENTRY_PERSONS = 3, ENTRY_LAST = 15 };
@@ -76,6 +79,10 @@ void accept_peers(server* server, bool persons) {
         }
         if (peer_add(&server->traffic.peers, fd, persons) == 0) {
             log_line(LOG_ODD, "a newcomer is turned away: there are too many");
+            if (closer_close(fd, closer_sockets_of(NOBODY)) > REFUSED_MAX) {
+                set_accepting(server, false);
+                return;
+            }
         }
     }
 }

@@ -5,6 +5,10 @@
  * SERVER_OBJECT_MESSAGE_MAX bytes. An end that goes away, however it ends, is seen by the other as
  * ECONNRESET.
  *
+ * Messages carry no descriptors: where the system can refuse them, sending one fails with EPERM,
+ * else it ends the connection. A server leaves the closing of its clients' descriptors to the
+ * closer, for their queues may hold some.
+ *
  * C++ only, C linkage. All descriptors are non-blocking and close-on-exec, and close() ends them.
  * poll() waits for something to read. */
 #ifndef VELORAN_SERVER_OBJECT_H
@@ -43,7 +47,7 @@ int32_t server_object_open(const char* path) noexcept;
 
 /* Takes the next message: its length, with *text a malloc()ed copy that ends in a NUL and is the
  * caller's. -1 with errno set and *text null: EAGAIN (none has come yet), ECONNRESET (the other end
- * has gone), EMSGSIZE (a longer one was thrown away), ENOMEM. */
+ * has gone, or has sent a descriptor), EMSGSIZE (a longer one was thrown away), ENOMEM. */
 int64_t server_object_read(int32_t descriptor, char** text) noexcept;
 
 /* Sends one message. 0, or -1 with errno set: EAGAIN (the other end does not read), EMSGSIZE,
