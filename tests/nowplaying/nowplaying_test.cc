@@ -7,6 +7,7 @@
 #include <fstream>
 #include <list>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -255,35 +256,47 @@ TEST(nowplaying, does_what_the_arbiter_tells) {
 /* A revoke silences the player by what its source can do, and is not answered. */
 TEST(nowplaying, falls_silent_when_the_focus_is_taken) {
     const std::string cannot = "Cannot Pause/Stop since player:radio does not have either";
+    const std::string plays_on = "Player:radio plays on without the audio focus";
+    const uint64_t no_pause = RIG_ALL & ~uint64_t{LYR_CAP_PAUSE};
     const struct {
         uint64_t capabilities;
-        const char* rule;
+        const char* fail; /* entries that do */
         int32_t status;
-        std::string call; /* that silences it; "": none */
+        const char* calls; /* that silence it */
+        std::string line;
     } cases[] = {
-        {RIG_ALL, "rule seek result=1", LYR_STATUS_PAUSED, "pause"},
-        {RIG_ALL & ~uint64_t{LYR_CAP_PAUSE}, "rule seek result=1", LYR_STATUS_STOPPED, "stop"},
-        {RIG_ALL, "rule pause result=1", LYR_STATUS_PLAYING, "pause"},
-        {RIG_ALL & ~uint64_t{LYR_CAP_PAUSE | LYR_CAP_STOP}, "rule seek result=1",
-         LYR_STATUS_PLAYING, ""},
+        {RIG_ALL, "", LYR_STATUS_PAUSED, "pause", ""},
+        {no_pause, "", LYR_STATUS_STOPPED, "stop", ""},
+        {RIG_ALL, "pause", LYR_STATUS_STOPPED, "pause stop", ""},
+        {RIG_ALL, "pause stop", LYR_STATUS_PLAYING, "pause stop", plays_on},
+        {no_pause & ~uint64_t{LYR_CAP_STOP}, "", LYR_STATUS_PLAYING, "", cannot},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.call);
+        SCOPED_TRACE(c.calls + c.line);
         scene s(c.capabilities);
-        fake_do(s.rig.fake, "%s", c.rule);
+        std::istringstream entries(c.fail);
+        for (std::string entry; entries >> entry;) {
+            fake_do(s.rig.fake, "rule %s result=1", entry.c_str());
+        }
         begin_to_play(s);
         say(s, REVOKE);
-        if (c.call.empty()) {
-            await_log(s, cannot);
+        const std::string first = std::string(c.calls).substr(0, strcspn(c.calls, " "));
+        if (first.empty()) {
+            await_log(s, c.line);
         } else {
-            fake_do(s.rig.fake, "await %s 1", c.call.c_str());
+            fake_do(s.rig.fake, "await %s 1", first.c_str());
         }
         {
             vel_lock_guard guard(s.player->lock); /* the revoke is over */
             EXPECT_EQ(s.player->status, c.status);
             EXPECT_EQ(s.player->np_state, NOWPLAYING_REVOKED);
-            EXPECT_EQ(fake_number(s.rig.fake, "count stop"), c.call == "stop" ? 1 : 0);
-            EXPECT_EQ(rig_logged(s.rig, cannot), c.call.empty() ? 1 : 0);
+            for (const char* call : {"pause", "stop"}) {
+                EXPECT_EQ(fake_number(s.rig.fake, "count %s", call),
+                          strstr(c.calls, call) != nullptr ? 1 : 0);
+            }
+            for (const std::string& line : {cannot, plays_on}) {
+                EXPECT_EQ(rig_logged(s.rig, line), line == c.line ? 1 : 0);
+            }
         }
         EXPECT_EQ(rig_destroy(s.player), 0);
         say(s, std::string(REVOKE) + "\n@control\n" + DO_PLAY); /* nothing to silence */

@@ -180,24 +180,33 @@ static void play(player* player) noexcept VEL_REQUIRES(player->lock) {
     player->np_acquired = 0;
 }
 
-/* Silences the player by what its source can do. */
+/* Silences the player by what its source could do when the session was made. Where a pause fails, a
+ * stop is tried: the focus is another's, a call's perhaps. */
 static void revoke(player* player) noexcept VEL_REQUIRES(player->lock) {
     const trksession* session = player->trksession;
     if (session == nullptr) {
         return;
     }
     player->np_state = NOWPLAYING_REVOKED;
-    const uint64_t can = session->ms_session->capabilities;
     const nowplaying_commands* commands = player->np_commands;
-    if ((can & LYR_CAP_PAUSE) != 0) {
-        (void)commands->pause(player);
-    } else if ((can & LYR_CAP_STOP) != 0) {
-        (void)commands->stop(player);
-    } else {
+    const uint64_t can = session->ms_session->capabilities;
+    if ((can & (LYR_CAP_PAUSE | LYR_CAP_STOP)) == 0) {
         msglog(3,
                "monitorNowPlayingPPS: Cannot Pause/Stop since player:%s does not have either "
                "capability",
                player->name);
+        return;
+    }
+    const bool pauses = (can & LYR_CAP_PAUSE) != 0;
+    int32_t result = pauses ? commands->pause(player) : commands->stop(player);
+    if (pauses && result != 0 && player->status == LYR_STATUS_PLAYING) {
+        result = commands->stop(player);
+    }
+    if (result != 0 && player->status == LYR_STATUS_PLAYING) {
+        msglog(3,
+               "Player:%s plays on without the audio focus: its source would not be silenced "
+               "(result %d); stop it at the source",
+               player->name, result);
     }
 }
 
