@@ -4,67 +4,38 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <veloran/lock.h>
 
-namespace {
+#include "paths_owner.h"
 
-/* Written before any other thread exists. */
-struct {
-    bool set;
-    uid_t uid;
-    gid_t gid;
-} owner;
+namespace {
 
 constexpr mode_t PARENT_MODE = 0755;
 constexpr mode_t RUNTIME_ROOT_MODE = 0755;
 constexpr mode_t STATE_ROOT_MODE = 0700;
 
-/* Opens the directory `name` below `parent`, after making it when it is missing. `*made` tells
- * which. -1 with errno set. */
-int open_or_make(int parent, const char* name, mode_t mode, int flags, bool* made) {
-    *made = mkdirat(parent, name, paths_mode(mode)) == 0;
-    if (!*made && errno != EEXIST && errno != EROFS && errno != EACCES && errno != EPERM) {
+/* Opens the directory `name` below `parent`, after making it when it is missing. -1 with errno
+ * set. */
+int open_or_make(int parent, const char* name, mode_t mode, int flags) {
+    const bool is_made = mkdirat(parent, name, paths_mode(mode)) == 0;
+    if (!is_made && errno != EEXIST && errno != EROFS && errno != EACCES && errno != EPERM) {
         return -1;
     }
     const int mkdir_error = errno;
     const int fd = openat(parent, name, O_PATH | O_DIRECTORY | O_CLOEXEC | flags);
-    if (fd < 0 && !*made && mkdir_error != EEXIST && errno == ENOENT) {
+    if (fd < 0 && !is_made && mkdir_error != EEXIST && errno == ENOENT) {
         errno = mkdir_error; /* it is missing and may not be made: that is the reason to tell */
     }
     return fd;
-}
-
-int32_t give(int parent, const char* name) {
-    if (!owner.set) {
-        return 0;
-    }
-    return fchownat(parent, name, owner.uid, owner.gid, AT_SYMLINK_NOFOLLOW);
-}
-
-/* Gives what a descriptor of O_PATH stands for, if it is root's. 0, or -1 with errno set. */
-int32_t give_own(int fd, const struct stat& status) {
-    const bool is_due = owner.set && status.st_uid == geteuid() &&
-                        (status.st_uid != owner.uid || status.st_gid != owner.gid);
-    return is_due ? fchownat(fd, "", owner.uid, owner.gid, AT_EMPTY_PATH) : 0;
-}
-
-/* Gives a directory that was there already. False when it is reached through a link: what lies
- * behind it is nobody's to give. One that cannot be given shows when it is used. */
-bool give_existing(int parent, const char* name) {
-    const vel_fd directory(openat(parent, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status;
-    if (directory.value < 0 || fstat(directory.value, &status) != 0) {
-        return false;
-    }
-    (void)give_own(directory.value, status);
-    return true;
 }
 
 /* Whether the first `length` bytes of a path name something below one of the roots. */
@@ -79,16 +50,22 @@ bool is_below_root(const char* path, size_t length) {
     return false;
 }
 
-/* Opens the directory that holds the last component of `path`, making what is missing on the way,
- * and stores where that component begins. -1 with errno set. */
-int open_parent(const char* path, const char** last) {
+/* Whether a link in this directory may be followed on the way to a root that is made with root's
+ * power: only one that root has put there. */
+bool may_follow_in(int directory) {
+    struct stat status;
+    return geteuid() != 0 || (fstat(directory, &status) == 0 && status.st_uid == 0);
+}
+
+} // namespace
+
+int32_t paths_open_parent(const char* path, const char** last) noexcept {
     if (strlen(path) >= PATH_MAX) {
         errno = ENAMETOOLONG;
         return -1;
     }
     vel_fd directory(open(path[0] == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     const char* begin = path + strspn(path, "/");
-    bool is_ours = owner.set;
     while (directory.value >= 0) {
         const size_t length = strcspn(begin, "/");
         if (begin[length + strspn(begin + length, "/")] == '\0') {
@@ -102,108 +79,118 @@ int open_parent(const char* path, const char** last) {
         }
         memcpy(name, begin, length);
         name[length] = '\0';
-        bool made = false;
-        vel_fd next(open_or_make(directory.value, name, PARENT_MODE, 0, &made));
-        if (next.value < 0 || (made && give(directory.value, name) != 0)) {
+        const bool is_below = is_below_root(path, static_cast<size_t>(begin + length - path));
+        if (is_below && strcmp(name, "..") == 0) {
+            errno = EINVAL;
             return -1;
         }
-        if (is_ours && !made && is_below_root(path, static_cast<size_t>(begin + length - path))) {
-            is_ours = give_existing(directory.value, name);
+        const int flags = is_below || !may_follow_in(directory.value) ? O_NOFOLLOW : 0;
+        const int next = open_or_make(directory.value, name, PARENT_MODE, flags);
+        if (next < 0) {
+            return -1;
         }
-        const int old = directory.value;
-        directory.value = next.release();
-        close(old);
+        close(directory.value);
+        directory.value = next;
         begin += length + strspn(begin + length, "/");
     }
     return -1;
 }
 
-int32_t make_root(const char* path, mode_t mode) {
+namespace {
+
+bool is_empty(int directory) {
+    const int fd = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(fd < 0 ? nullptr : fdopendir(fd), closedir);
+    if (listing == nullptr) {
+        vel_fd unused(fd);
+        return false;
+    }
+    while (const dirent* entry = readdir(listing.get())) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int32_t refuse(const char** reason, const char* text) {
+    *reason = text;
+    errno = EPERM;
+    return -1;
+}
+
+/* Looks whether an open root may be used, and lets the owner have one that is new: that is, empty,
+ * whoever has made it. */
+int32_t take_root(int root, const char** reason) {
+    const paths_owner& owner = paths_owner_of_roots();
+    struct stat status;
+    if (fstat(root, &status) != 0) {
+        return -1;
+    }
+    if ((status.st_mode & S_IWOTH) != 0) {
+        return refuse(reason, "everybody may write in it; chmod o-w mends that");
+    }
+    if (owner.is_set && status.st_uid == owner.uid) {
+        return 0;
+    }
+    if (status.st_uid != geteuid()) {
+        return refuse(reason, "it belongs to another user");
+    }
+    if (!owner.is_set) {
+        return 0;
+    }
+    if (!is_empty(root)) {
+        return refuse(reason, "it is root's and not empty; chown -R gives it to the user");
+    }
+    return fchownat(root, "", owner.uid, owner.gid, AT_EMPTY_PATH);
+}
+
+int32_t make_root(const char* path, mode_t mode, const char** reason) {
     if (path[0] == '\0') {
         errno = ENAMETOOLONG;
         return -1;
     }
     const char* last = nullptr;
-    const vel_fd parent(open_parent(path, &last));
+    const vel_fd parent(paths_open_parent(path, &last));
     if (parent.value < 0) {
         return -1;
     }
     if (last[0] == '\0') {
         last = "."; /* the root is "/" itself */
     }
-    bool made = false;
-    const vel_fd root(open_or_make(parent.value, last, mode, O_NOFOLLOW, &made));
-    struct stat status = {};
-    if (root.value < 0 || fstat(root.value, &status) != 0) {
+    const vel_fd root(open_or_make(parent.value, last, mode, O_NOFOLLOW));
+    if (root.value < 0) {
         errno = errno == ELOOP ? ENOTDIR : errno;
         return -1;
     }
-    const bool is_ours = status.st_uid == geteuid() || (owner.set && status.st_uid == owner.uid);
-    if (!is_ours || (status.st_mode & S_IWOTH) != 0) {
-        errno = EPERM;
-        return -1;
-    }
-    const bool is_given = status.st_uid == owner.uid && status.st_gid == owner.gid;
-    return is_given ? 0 : give(parent.value, last);
+    return take_root(root.value, reason);
 }
 
 } // namespace
 
-void paths_set_owner(uid_t uid, gid_t gid) noexcept {
-    owner.set = geteuid() == 0;
-    owner.uid = uid;
-    owner.gid = gid;
-}
-
-uid_t paths_user(void) noexcept {
-    /* An identity that cannot be is not taken, and the present one is told. */
-    return owner.set ? owner.uid : static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));
-}
-
-int32_t paths_hand_over(int fd) noexcept {
-    return owner.set ? fchown(fd, owner.uid, owner.gid) : 0;
-}
-
-int32_t paths_hand_over_file(const char* real_path) noexcept {
-    if (!owner.set) {
-        return 0;
-    }
-    const char* last = nullptr;
-    const vel_fd parent(open_parent(real_path, &last));
-    struct stat directory;
-    if (parent.value < 0 || fstat(parent.value, &directory) != 0) {
-        return -1;
-    }
-    const vel_fd file(openat(parent.value, last, O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status;
-    if (file.value < 0 || fstat(file.value, &status) != 0) {
-        return -1;
-    }
-    const bool may_be_given =
-        S_ISREG(status.st_mode) && status.st_nlink == 1 && directory.st_uid == owner.uid;
-    return may_be_given ? give_own(file.value, status) : 0;
-}
-
 int32_t paths_make_parents(const char* real_path) noexcept {
     const char* last = nullptr;
-    const vel_fd parent(open_parent(real_path, &last));
+    const vel_fd parent(paths_open_parent(real_path, &last));
     return parent.value < 0 ? -1 : 0;
 }
 
-int32_t paths_make_roots(char* failed, size_t size) noexcept {
+int32_t paths_make_roots(char* why, size_t size) noexcept {
     const struct {
         const char* path;
         mode_t mode;
     } wanted[] = {{paths_runtime_root(), RUNTIME_ROOT_MODE}, {paths_state_root(), STATE_ROOT_MODE}};
     for (const auto& root : wanted) {
-        if (make_root(root.path, root.mode) == 0) {
+        const char* reason = nullptr;
+        if (make_root(root.path, root.mode, &reason) == 0) {
             continue;
         }
-        if (failed != nullptr && size > 0) {
-            const size_t length = strnlen(root.path, size - 1);
-            memcpy(failed, root.path, length);
-            failed[length] = '\0';
+        const int error = errno;
+        char text[128];
+        if (why != nullptr && size > 0) {
+            (void)snprintf(why, size, "\"%s\" (%s)", root.path,
+                           reason != nullptr ? reason : strerror_r(error, text, sizeof text));
         }
+        errno = error;
         return -1;
     }
     return 0;

@@ -81,12 +81,6 @@ static void sweep(int32_t stage) {
     }
 }
 
-/* Gives what was made in `place` to the user of the service. */
-static int32_t hand_over(int32_t place, const char* name) {
-    const vel_fd made(openat(place, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    return made.value < 0 ? -1 : paths_hand_over(made.value);
-}
-
 /* Whether the stage is the user's alone. What others might do on the one of an earlier build, which
  * was open to all, ends here. */
 static bool is_private(int32_t stage) {
@@ -115,7 +109,7 @@ static int32_t open_stage() VEL_REQUIRES(stage_lock) {
     }
     for (int32_t i = 0; i < TRIES; ++i) {
         const bool is_new = mkdirat(base.value, STAGE_NAME, STAGE_MODE) == 0;
-        if ((!is_new && errno != EEXIST) || (is_new && hand_over(base.value, STAGE_NAME) != 0)) {
+        if (!is_new && errno != EEXIST) {
             return -1;
         }
         vel_fd stage(
@@ -175,7 +169,7 @@ int32_t pps_stage_make_directory(int32_t stage, char* name, uint32_t mode) noexc
     for (int32_t i = 0; i < TRIES; ++i) {
         make_name(name);
         if (mkdirat(stage, name, paths_mode(mode)) == 0) {
-            return hand_over(stage, name);
+            return 0;
         }
         if (errno != EEXIST && (errno != ENOENT || pps_stage_open() < 0)) {
             return -1;

@@ -115,7 +115,7 @@ static int32_t open_own_base(const char* directory) {
     if (paths_resolve("/pps", real, sizeof(real)) < 0) {
         return -1;
     }
-    const int32_t base = open(real, PLACE_FLAGS & ~O_NOFOLLOW);
+    const int32_t base = open(real, PLACE_FLAGS);
     return base < 0 ? -1 : open_below(base, directory);
 }
 

@@ -28,7 +28,7 @@ int32_t sqldb_copy_check(sqlite3* database) {
 
 int32_t sqldb_copy_settle(const std::string& path) {
     const vel_fd file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    return file.value < 0 || paths_hand_over(file.value) != 0 ? -1 : fsync(file.value);
+    return file.value < 0 ? -1 : fsync(file.value);
 }
 
 void sqldb_copy_discard(const std::string& path) {

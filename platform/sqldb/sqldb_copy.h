@@ -10,7 +10,7 @@
 /* Checks the structure of an open database. 0, or -1 with errno set, EBADMSG when it is damaged. */
 int32_t sqldb_copy_check(sqlite3* database);
 
-/* Makes a file durable, and gives it to the owner of <veloran/paths.h>; the file must not be open
+/* Makes a file durable; it must not be open
  * as a database in this process, whose locks on it would be lost. 0, or -1 with errno set. */
 int32_t sqldb_copy_settle(const std::string& path);
 

@@ -182,8 +182,7 @@ int32_t sqldb_place_write(const std::string& path, std::string_view text, bool d
         if (file.value < 0) {
             return -1;
         }
-        if (write_all(file.value, text) != 0 || paths_hand_over(file.value) != 0 ||
-            (durable && fsync(file.value) != 0)) {
+        if (write_all(file.value, text) != 0 || (durable && fsync(file.value) != 0)) {
             const int32_t error = errno;
             unlink(aside.c_str());
             return fail(error);

@@ -32,6 +32,7 @@ namespace {
 constexpr const char* CONFIG = "/pps/veloran/sqldb/config";
 constexpr const char* STATUS = "/pps/veloran/sqldb/status";
 constexpr const char* LOCK = "/dev/sqldb/.lock";
+constexpr const char* LOCK_NAME = ".lock";
 constexpr size_t READ_SIZE = 16384;
 constexpr int32_t RETRY_MS = 1000; /* between looks at a directory that has gone */
 constexpr int32_t WARNING = 3;
@@ -252,32 +253,29 @@ void* run(void* argument) {
 }
 
 /* Takes the root for this service side. */
-int32_t take_root(sqldb_service* service) {
-    char real[PATH_MAX];
-    if (paths_resolve(LOCK, real, sizeof real) < 0 || paths_make_parents(real) != 0) {
-        return -1;
-    }
-    service->lock.value = open(real, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+int32_t take_root(sqldb_service* service, int32_t names) {
+    service->lock.value = openat(names, LOCK_NAME, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (service->lock.value < 0) {
         return -1;
     }
     if (flock(service->lock.value, LOCK_EX | LOCK_NB) != 0) {
         return fail(errno == EWOULDBLOCK ? EEXIST : errno);
     }
-    return paths_hand_over(service->lock.value);
+    return 0;
 }
 
 /* Withdraws what an earlier service side left behind, so that no old word passes for a new one. */
-int32_t withdraw_all() {
-    char real[PATH_MAX];
-    if (make_parents(below(STATUS, "x")) != 0 || pps_clear_tree(STATUS) != 0 ||
-        paths_resolve("/dev/sqldb", real, sizeof real) < 0) {
+int32_t withdraw_all(int32_t names) {
+    if (make_parents(below(STATUS, "x")) != 0 || pps_clear_tree(STATUS) != 0) {
         return -1;
     }
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(real), closedir);
+    vel_fd listing(openat(names, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(
+        listing.value < 0 ? nullptr : fdopendir(listing.value), closedir);
     if (directory == nullptr) {
         return -1;
     }
+    (void)listing.release();
     while (const dirent* entry = readdir(directory.get())) {
         if (entry->d_name[0] != '.' && unlinkat(dirfd(directory.get()), entry->d_name, 0) != 0 &&
             errno != ENOENT) {
@@ -302,7 +300,15 @@ void take_options(sqldb_service* service, const sqldb_service_options* options) 
 }
 
 int32_t start(sqldb_service* service) {
-    if (take_root(service) != 0 || withdraw_all() != 0 || open_watch(service) != 0) {
+    char real[PATH_MAX];
+    const char* last = nullptr;
+    /* Also beside another service side: who asks it for a database writes there. */
+    if (make_parents(below(CONFIG, "x")) != 0 || paths_resolve(LOCK, real, sizeof real) < 0) {
+        return -1;
+    }
+    const vel_fd names(paths_open_parent(real, &last));
+    if (names.value < 0 || take_root(service, names.value) != 0 || withdraw_all(names.value) != 0 ||
+        open_watch(service) != 0) {
         return -1;
     }
     service->stop.value = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

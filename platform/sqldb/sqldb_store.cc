@@ -260,31 +260,12 @@ int32_t replace(const sqldb_place& place, const schema_texts& schemas, verdict s
     return 0;
 }
 
-/* Lets the owner of <veloran/paths.h> have what an earlier run as root has left, and the places
- * that it could not make itself. A backup directory that cannot be had shows at the backup. */
-void hand_over(const sqldb_place& place, const sqldb_reporter& reporter) {
-    std::vector<std::string> files = {place.schema, place.data_schema, place.client_schema};
-    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
-        files.push_back(place.file + suffix);
-    }
-    for (const std::string& directory : place.backups) {
-        files.push_back(sqldb_copy_backup_path(directory, place.name));
-        (void)paths_make_parents(files.back().c_str());
-    }
-    for (const std::string& file : files) {
-        if (!file.empty() && paths_hand_over_file(file.c_str()) != 0 && errno != ENOENT) {
-            sqldb_report(reporter, WARNING, because("cannot give away " + file));
-        }
-    }
-}
-
 int32_t prepare(const sqldb_place& place, const sqldb_reporter& reporter, std::string* reason) {
     schema_texts schemas;
     if (paths_make_parents(place.file.c_str()) != 0) {
         *reason = because(place.file);
         return -1;
     }
-    hand_over(place, reporter);
     if (load_schemas(place, reporter, &schemas, reason) != 0) {
         return -1;
     }

@@ -221,6 +221,7 @@ TEST(paths, a_root_that_is_no_directory_of_ours_is_refused) {
         const char* what;
         std::function<void(const std::string&)> plant;
         int error;
+        const char* reason = "Not a directory";
     } cases[] = {
         {"file", [](const std::string& run) { std::ofstream(run) << "x"; }, ENOTDIR},
         {"link", [](const std::string& run) { fs::create_symlink("..", run); }, ENOTDIR},
@@ -229,13 +230,13 @@ TEST(paths, a_root_that_is_no_directory_of_ours_is_refused) {
              fs::create_directory(run);
              fs::permissions(run, fs::perms::all);
          },
-         EPERM},
+         EPERM, "everybody may write"},
         {"foreign",
          [](const std::string& run) {
              fs::create_directory(run);
              ASSERT_EQ(chown(run.c_str(), 12345, 12345), geteuid() == 0 ? 0 : -1);
          },
-         geteuid() == 0 ? EPERM : 0},
+         geteuid() == 0 ? EPERM : 0, "belongs to another user"},
     };
     for (const auto& item : cases) {
         SCOPED_TRACE(item.what);
@@ -244,54 +245,64 @@ TEST(paths, a_root_that_is_no_directory_of_ours_is_refused) {
         fs::create_directory(base.path + "/a");
         item.plant(run);
         EXPECT_EQ(status_of_child([&] {
-                      char failed[PATH_MAX] = "";
-                      const int error = make_roots_in(base.path, failed, sizeof failed);
-                      return error == 0 || failed == run ? error : -1;
+                      char why[PATH_MAX] = "";
+                      const int error = make_roots_in(base.path, why, sizeof why);
+                      const std::string said = why;
+                      const bool is_told = said.starts_with('"' + run + '"') &&
+                                           said.find(item.reason) != std::string::npos;
+                      return error == 0 || is_told ? error : -1;
                   }),
                   item.error);
     }
 }
 
-/* What an earlier run as root has left is given as well, but nothing that a link leads to. */
-TEST(paths, what_root_makes_or_has_left_belongs_to_the_later_user) {
+struct stat status_at(const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
+/* Root gives away what is empty, makes the rest as the user, and goes through no link of theirs. */
+TEST(paths, root_works_below_the_roots_as_the_later_user) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root";
     }
     const scratch base;
-    fs::create_directories(base.path + "/a/run/x/y");
-    ASSERT_EQ(chown((base.path + "/a/run").c_str(), 12345, 12345), 0); /* the user's already */
-    fs::create_directories(base.path + "/outside/z");
-    fs::create_symlink(base.path + "/outside", base.path + "/a/run/link");
-    for (const char* path : {"/a/run/x/y/f", "/a/run/x/y/twice", "/outside/f", "/outside/z/f"}) {
-        std::ofstream(base.path + path) << "x";
-    }
-    fs::create_hard_link(base.path + "/a/run/x/y/twice", base.path + "/outside/twice");
-    fs::create_symlink(base.path + "/outside/f", base.path + "/a/run/x/y/to");
+    const std::string run = base.path + "/a/run";
+    const std::string state = base.path + "/b/state";
+    fs::create_directories(run);
+    fs::permissions(base.path, fs::perms::others_exec, fs::perm_options::add);
+    fs::create_directory(base.path + "/vault");
+    std::ofstream(base.path + "/vault/f") << "x";
     EXPECT_EQ(status_of_child([&] {
-                  paths_set_owner(12345, 12346);
-                  int error = make_roots_in(base.path);
-                  const std::string run = base.path + "/a/run/";
-                  error += paths_make_parents((run + "new/x").c_str());
-                  error += paths_hand_over(open((run + "f").c_str(), O_CREAT | O_RDWR, 0600));
-                  for (const char* path : {"x/y/f", "x/y/twice", "x/y/to", "link/f", "link/z/f"}) {
-                      error += paths_hand_over_file((run + path).c_str());
-                  }
-                  return error;
+                  const gid_t groups[] = {12346, 12347};
+                  int error = paths_set_owner(12345, 12346, groups, 2);
+                  error += make_roots_in(base.path);
+                  error += symlink((base.path + "/vault").c_str(), (run + "/link").c_str());
+                  error += paths_act_as_owner();
+                  error += paths_make_parents((run + "/new/x").c_str());
+                  error += paths_make_parents((run + "/link/x").c_str()) == -1 ? 0 : 10;
+                  error += paths_make_parents((run + "/new/../x").c_str()) == -1 ? 0 : 20;
+                  error += unlink((base.path + "/vault/f").c_str()) == -1 ? 0 : 40;
+                  paths_act_as_self();
+                  return error + unlink((base.path + "/vault/f").c_str());
               }),
               0);
-    for (const char* path : {"/b/state", "/a/run", "/a/run/new", "/a/run/f", "/a/run/x",
-                             "/a/run/x/y", "/a/run/x/y/f"}) {
-        struct stat status = {};
-        ASSERT_EQ(stat((base.path + path).c_str(), &status), 0) << path;
-        EXPECT_EQ(status.st_uid, 12345u) << path;
-        EXPECT_EQ(status.st_gid, 12346u) << path;
+    for (const std::string& given : {run, state, run + "/new"}) {
+        EXPECT_EQ(status_at(given).st_uid, 12345u) << given;
+        EXPECT_EQ(status_at(given).st_gid, 12346u) << given;
     }
-    for (const char* path :
-         {"/a", "/outside", "/outside/z", "/outside/f", "/outside/z/f", "/a/run/x/y/twice"}) {
-        struct stat status = {};
-        ASSERT_EQ(stat((base.path + path).c_str(), &status), 0) << path;
-        EXPECT_EQ(status.st_uid, 0u) << path;
-    }
+    EXPECT_EQ(status_at(base.path + "/a").st_uid, 0u);
+
+    ASSERT_EQ(chown(run.c_str(), 0, 0), 0); /* with what others have in it */
+    EXPECT_EQ(status_of_child([&] {
+                  char why[PATH_MAX] = "";
+                  (void)paths_set_owner(12345, 12346, nullptr, 0);
+                  const int error = make_roots_in(base.path, why, sizeof why);
+                  return std::string(why).find("not empty") != std::string::npos ? error : -1;
+              }),
+              EPERM);
+    EXPECT_EQ(status_at(run).st_uid, 0u);
 }
 
 } // namespace

@@ -137,7 +137,7 @@ TEST(sqldbd, says_what_is_wrong_at_once) {
         {roots, {"--schemas", file}, 2, "file"},
         {roots, {"--unknown"}, 2, "--unknown"},
         {roots, {"more"}, 2, "more"},
-        {blocked, {"--schemas", SCHEMA_FILES}, 1, file + ": Not a directory"},
+        {blocked, {"--schemas", SCHEMA_FILES}, 1, file + "\" (Not a directory)"},
     };
     for (const auto& item : cases) {
         program sqldbd = spawn(item.roots, item.options);

@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <memory>
 #include <system_error>
@@ -158,9 +159,9 @@ bool begin(server* server, std::string* why) {
     server->traffic.peers.epoll = server->epoll.value;
     server->traffic.peers.last_id = ENTRY_LAST;
     peer_set_limit(&server->traffic.peers);
-    char failed[256];
-    if (paths_make_roots(failed, sizeof failed) != 0) {
-        *why = std::string("cannot make ") + failed + ": " + error_text(errno);
+    char reason[PATH_MAX + 128];
+    if (paths_make_roots(reason, sizeof reason) != 0) {
+        *why = std::string("cannot use the directory ") + reason;
         return false;
     }
     if (!open_signals(server) || server->epoll.value < 0) {

@@ -74,9 +74,9 @@ bool run(arguments* what, std::string* why) {
         sigaddset(&ends, number);
     }
     (void)pthread_sigmask(SIG_BLOCK, &ends, nullptr); /* in the service side's thread, too */
-    char failed[PATH_MAX] = "";
-    if (paths_make_roots(failed, sizeof failed) != 0) {
-        *why = std::string("cannot use the directory ") + failed + ": " + error_text(errno);
+    char reason[PATH_MAX + 128];
+    if (paths_make_roots(reason, sizeof reason) != 0) {
+        *why = std::string("cannot use the directory ") + reason;
         return false;
     }
     if (what->syslog) {

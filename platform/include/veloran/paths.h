@@ -32,29 +32,34 @@ int32_t paths_resolve_existing(const char* path, char* buffer, size_t size) noex
 /* Makes the runtime root (mode 0755) and the state root (mode 0700) with their parents. Refuses a
  * root that is no directory (ENOTDIR), that is a symbolic link in the last place (ENOTDIR), that
  * belongs to somebody other than the effective user or the owner of paths_set_owner (EPERM), or in
- * which everybody may write, and so plant links (EPERM). 0, or -1 with errno set and the culprit,
- * cut to fit, in `failed` unless that is null. */
-int32_t paths_make_roots(char* failed, size_t size) noexcept;
+ * which everybody may write, and so plant links (EPERM). Root's own directory is given to that
+ * owner when it is empty, and refused otherwise (EPERM): what others have put into it is nobody's
+ * to give. On the way there root follows root's links only. 0, or -1 with errno set and the
+ * culprit with the reason, as in `"/run/x" (Not a directory)`, cut to fit, in `why` unless that is
+ * null. */
+int32_t paths_make_roots(char* why, size_t size) noexcept;
 
-/* Makes the directories above a real path (mode 0755). 0, or -1 with errno set. */
+/* Makes the directories above a real path (mode 0755). Below the roots none of them may be a
+ * symbolic link (ENOTDIR) or ".." (EINVAL). 0, or -1 with errno set. */
 int32_t paths_make_parents(const char* real_path) noexcept;
 
-/* For a process that starts as root and goes on as somebody else: from now on the roots, every
- * directory made here, and root's own directories below the roots that are passed on the way are
- * given to that user and group, so that they can be used and removed after the change. Nothing is
- * given behind a symbolic link. Without effect in a process that is not root. [main], before any
- * other thread */
-void paths_set_owner(uid_t uid, gid_t gid) noexcept;
+/* The same, and opens (O_PATH) the directory that holds the last part of the path; *last is where
+ * that part begins in `real_path`. The descriptor belongs to the caller. -1 with errno set. */
+int32_t paths_open_parent(const char* real_path, const char** last) noexcept;
 
-/* Gives an open file that the process has made to the owner of paths_set_owner; does nothing
- * without one. 0, or -1 with errno set. */
-int32_t paths_hand_over(int fd) noexcept;
+/* For a process that starts as root and goes on as somebody else: names that user, the group and
+ * the `count` supplementary groups. From now on paths_make_roots gives the roots away. Without
+ * effect in a process that is not root. 0, or -1 with errno set. [main], before any other
+ * thread */
+int32_t paths_set_owner(uid_t uid, gid_t gid, const gid_t* groups, size_t count) noexcept;
 
-/* The same for a file that an earlier run as root has left, by its real path: a regular file of
- * root's with one name, in a directory of that owner, who might replace it anyway. Any other one
- * stays as it is. The file is not opened: locks of this process on it stay. Directories above it
- * are made. 0, also when it stays as it is; -1 with errno set, ENOENT when there is none. */
-int32_t paths_hand_over_file(const char* real_path) noexcept;
+/* Between these two the calling thread, and each that it starts, opens, makes, renames and removes
+ * files as the owner of paths_set_owner would, without root's power: what that user has put below
+ * the roots leads root nowhere. A thread that is started in between stays so until the process
+ * changes its user. The first one returns 0, or -1 with errno set and nothing changed. Both do
+ * nothing without an owner, and once the process is not root's any more. */
+int32_t paths_act_as_owner(void) noexcept;
+void paths_act_as_self(void) noexcept;
 
 /* What the name space makes of a mode that is asked for there: it loses the bits of $VELORAN_UMASK,
  * octal up to 077, 022 unless given, read once like the roots. With 022 nobody but the service's

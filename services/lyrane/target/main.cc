@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include <grp.h>
 #include <malloc.h>
@@ -91,23 +92,67 @@ void raise_descriptor_limit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/* The roots of the name space, and the service's name in it. The name is taken first of all: a
- * second service of that name must not touch what the first one works with. */
-void claim_name() {
-    char failed[PATH_MAX] = "";
-    if (mmcontrol.user != nullptr) {
-        paths_set_owner(mmcontrol.uid, mmcontrol.gid);
+/* The name at the start of a copy of -U's text, without the blanks around it. */
+const char* name_of_user(char* copy) {
+    return nextfield(&copy, ':');
+}
+
+bool has_groups() {
+    return strchr(mmcontrol.user, ':') != nullptr;
+}
+
+/* Names the user that is changed to later, and the groups, as the owner of the roots. */
+int32_t set_owner() {
+    if (has_groups()) {
+        return paths_set_owner(mmcontrol.uid, mmcontrol.gid, mmcontrol.groups,
+                               static_cast<size_t>(mmcontrol.ngroups));
+    }
+    const vel_text copy(strdup(mmcontrol.user));
+    const char* name = name_of_user(copy.get());
+    int count = static_cast<int>(sysconf(_SC_NGROUPS_MAX));
+    const std::unique_ptr<gid_t, vel_free> groups(
+        static_cast<gid_t*>(calloc(static_cast<size_t>(count), sizeof(gid_t))));
+    if (name == nullptr || groups == nullptr ||
+        getgrouplist(name, mmcontrol.gid, groups.get(), &count) < 0) {
+        return -1;
+    }
+    return paths_set_owner(mmcontrol.uid, mmcontrol.gid, groups.get(), static_cast<size_t>(count));
+}
+
+/* Takes a step below the roots with the file identity of the user that is changed to later: root's
+ * power would follow what that user has put there. */
+void as_user(void (*step)()) {
+    if (paths_act_as_owner() != 0) {
+        LOG_FAILED_CALL(2, "setgroups()", errno);
+    }
+    step();
+    paths_act_as_self();
+}
+
+void claim_roots() {
+    if (mmcontrol.user != nullptr && set_owner() != 0) {
+        LOG_FAILED_CALL(2, "getgrouplist()", errno);
     }
     if (paths_umask_refused() != nullptr) {
         msglog(3, "VELORAN_UMASK=%s is no octal number up to 077; modes lose 022",
                paths_umask_refused());
     }
-    if (paths_make_roots(failed, sizeof failed) != 0) {
-        msglog(2, "cannot use the directory \"%s\" (%s)", failed, msglog_error_text(errno));
+    char why[PATH_MAX + 128];
+    if (paths_make_roots(why, sizeof why) != 0) {
+        msglog(2, "cannot use the directory %s", why);
     }
+}
+
+/* The name is taken first of all: a second service of that name must not touch what the first one
+ * works with. */
+void claim_name() {
     if (msgserver_claim(mmcontrol.service_name, VARIANT) != 0) {
         LOG_FAILED_CALL(1, "msgserver_add()", errno);
     }
+}
+
+void create_root() {
+    ppsdir_initialize(&mmcontrol);
 }
 
 void restore_lastmode() {
@@ -157,8 +202,7 @@ void create_service() {
 /* The group list of a user given by name alone is the one of the user database. */
 int32_t use_groups_of_user() {
     const vel_text copy(strdup(mmcontrol.user));
-    char* cursor = copy.get();
-    const char* name = nextfield(&cursor, ':'); /* without the blanks around it */
+    const char* name = name_of_user(copy.get());
     return name != nullptr ? initgroups(name, mmcontrol.gid) : -1;
 }
 
@@ -167,7 +211,7 @@ void drop_privileges() {
     if (mmcontrol.user == nullptr) {
         return;
     }
-    if (strchr(mmcontrol.user, ':') != nullptr) {
+    if (has_groups()) {
         if (setgroups(static_cast<size_t>(mmcontrol.ngroups), mmcontrol.groups) != 0) {
             LOG_FAILED_CALL(2, "setgroups()", errno);
         }
@@ -214,12 +258,13 @@ void start(int argc, char** argv) {
     setprio(0, mmcontrol.priority);
     raise_descriptor_limit();
     msglog(4, "lyrane initializing");
-    claim_name();
-    ppsdir_initialize(&mmcontrol);
+    claim_roots();
+    as_user(claim_name);
+    as_user(create_root);
     load_config(&mmcontrol, mmcontrol.config_file);
-    restore_lastmode();
+    as_user(restore_lastmode);
     signals_install_verbosity();
-    create_service();
+    as_user(create_service);
     drop_privileges();
     start_signal_thread();
     if (mmcontrol.lastmode == 1) {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -82,11 +83,13 @@ bool read_option(const char* options, const char* key, int base, uint32_t* numbe
     return true;
 }
 
-/* Who may open a service with these options. Null with errno set. */
+/* Who may open a service with these options. It belongs to whom a file of this thread's would, if
+ * they do not say otherwise; no identity is -1, so asking for it changes none. Null with errno
+ * set. */
 service_attr* make_attr(const char* options) {
     uint32_t mode = MODE_MASK;
-    uint32_t uid = geteuid();
-    uint32_t gid = getegid();
+    auto uid = static_cast<uint32_t>(setfsuid(static_cast<uid_t>(-1)));
+    auto gid = static_cast<uint32_t>(setfsgid(static_cast<gid_t>(-1)));
     if (!read_option(options, "perms=", 8, &mode) || !read_option(options, "uid=", 10, &uid) ||
         !read_option(options, "gid=", 10, &gid)) {
         errno = EINVAL;
