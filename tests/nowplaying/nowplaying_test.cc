@@ -304,6 +304,67 @@ TEST(nowplaying, falls_silent_when_the_focus_is_taken) {
     }
 }
 
+/* A revoke that waits for the player is void once an acquire is granted that was sent after it was
+ * read. While an earlier acquire has no answer, the grant may be that one's: the player falls
+ * silent and says so. */
+TEST(nowplaying, a_revoke_ends_at_a_later_grant) {
+    for (const bool unanswered : {false, true}) {
+        SCOPED_TRACE(unanswered);
+        scene s;
+        begin_to_play(s);
+        if (unanswered) {
+            EXPECT_EQ(lose(s), "msg::register");
+            EXPECT_EQ(hear(s), ASKED);
+            EXPECT_EQ(hear(s), PLAYING);
+        }
+        std::thread client([&s] {
+            vel_lock_guard guard(s.player->lock);
+            say(s, REVOKE);
+            await_log(s, "received a Revoke cmd");
+            EXPECT_EQ(player_pause(s.player), 0);
+            EXPECT_EQ(player_play(s.player), 0);
+        });
+        EXPECT_EQ(hear(s), ASKED);
+        say(s, std::string(GRANT) + "\n@control\n" + DO_PLAY);
+        say(s, DO_PAUSE);
+        client.join();
+        EXPECT_EQ(hear(s), PLAYING);
+        EXPECT_EQ(hear(s), PAUSED); /* the revoke's, or the pause's */
+        if (unanswered) {
+            EXPECT_EQ(hear(s), PLAYING);
+            EXPECT_EQ(hear(s), PAUSED);
+        }
+        vel_lock_guard guard(s.player->lock);
+        EXPECT_EQ(fake_number(s.rig.fake, "count play"), unanswered ? 3 : 2);
+        EXPECT_EQ(s.player->np_state, NOWPLAYING_PAUSE);
+    }
+}
+
+/* More commands than can wait: a revoke among them is never the one that is dropped. */
+TEST(nowplaying, never_loses_a_revoke) {
+    scene s;
+    begin_to_play(s);
+    {
+        vel_lock_guard guard(s.player->lock);
+        for (int i = 0; i < 70; ++i) {
+            say(s, "msg::track\ndat::prev");
+        }
+        say(s, REVOKE);
+        say(s, REVOKE);
+        while (rig_logged(s.rig, "received a Revoke cmd") < 2) {
+            std::this_thread::yield();
+        }
+    }
+    while (rig_logged(s.rig, "We are at the end of the trksession") < 63) {
+        std::this_thread::yield();
+    }
+    say(s, DO_PLAY);
+    say(s, DO_PAUSE);
+    EXPECT_EQ(hear(s), PLAYING); /* as it was silent */
+    EXPECT_EQ(hear(s), PAUSED);
+    EXPECT_EQ(fake_number(s.rig.fake, "count pause"), 2);
+}
+
 /* What an arbiter told that has gone meanwhile is void. */
 TEST(nowplaying, forgets_what_a_lost_arbiter_told) {
     scene s;

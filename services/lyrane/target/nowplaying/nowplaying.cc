@@ -64,12 +64,18 @@ static bool await_clear(player* player, const int32_t* flag) noexcept
     return true;
 }
 
+void nowplaying_ask(player* player) noexcept {
+    ++player->np_unanswered;
+    player->np_asked = player->np_revokes;
+    nowplaying_send(player, "msg::acquire\nid::1");
+}
+
 /* Asks the arbiter and waits for what it says, whatever that is. False when it went away meanwhile;
  * by now there may be another one, which was not asked. */
 static bool ask(player* player) noexcept VEL_REQUIRES(player->np_lock) {
     player->np_waiting = 1;
     player->np_lost = 0;
-    nowplaying_send(player, "msg::acquire\nid::1");
+    nowplaying_ask(player);
     (void)await_clear(player, &player->np_waiting);
     player->np_waiting = 0;
     return player->np_lost == 0;

@@ -68,6 +68,9 @@ void* monitor_nowplaying_pps(void* player) noexcept;
 /* nowplaying_msg for callers that hold the focus lock. */
 void nowplaying_send(player* player, const char* text) noexcept VEL_REQUIRES(player->np_lock);
 
+/* Sends an acquire, and notes which revokes had been read by then. */
+void nowplaying_ask(player* player) noexcept VEL_REQUIRES(player->np_lock);
+
 /* What nowplaying_register writes: malloc()ed, the caller's. Ends the process without memory. */
 char* nowplaying_register_text(const char* name, const char* prio, const char* audio,
                                const char* overlay) noexcept;

@@ -21,15 +21,18 @@ static constexpr int LOCK_AGAIN_MS = 10;      /* between two tries to get the pl
 static constexpr int32_t COMMANDS_MAX = 64;   /* that wait for the player lock */
 static constexpr int32_t READS_MAX = 32;      /* before commands get their turn */
 
-/* A command of the queue that only notes a grant, behind the commands that came before it. */
-static constexpr int32_t NOTE_GRANT = -1;
+/* What the arbiter told, until the player lock is free. */
+struct order {
+    int32_t command;  /* NOWPLAYING_DO_* */
+    uint32_t revokes; /* np_revokes when it was read; a revoke counts itself */
+};
 
 /* The thread with one arbiter: what that one told and the player has not done ends with it. */
 struct monitor {
     player* owner;
     int32_t thread;
     int32_t fd; /* the same as np_fd, which nobody else changes */
-    int32_t queue[COMMANDS_MAX];
+    order queue[COMMANDS_MAX];
     int32_t queued;
     bool failed; /* the last read did; wait before the next one */
 };
@@ -48,6 +51,7 @@ static void set_connection(player* player, int32_t fd) noexcept VEL_REQUIRES(pla
     player->np_fd = fd;
     player->np_acquired = 0;
     player->np_lost = 1;
+    player->np_unanswered = 0;
     player->np_waiting = 0; /* whoever waits asks nobody any more */
     pthread_cond_broadcast(&player->np_cond);
 }
@@ -57,29 +61,52 @@ static void disconnect(player* player) noexcept {
     set_connection(player, -1);
 }
 
-/* The answer to an acquire. A player that plays already has no use for a grant. */
+/* Drops the queued revokes that were read before the acquire that is granted was sent: the focus is
+ * the player's again. */
+static void drop_revokes(monitor* self, uint32_t asked) noexcept {
+    int32_t kept = 0;
+    for (int32_t i = 0; i < self->queued; ++i) {
+        const order& order = self->queue[i];
+        if (order.command != NOWPLAYING_DO_REVOKE || order.revokes > asked) {
+            self->queue[kept++] = order;
+        }
+    }
+    self->queued = kept;
+}
+
+/* A player that plays already has no use for a grant. */
+static void take_grant(player* player) noexcept VEL_REQUIRES(player->np_lock) {
+    msglog(7, "monitorNowPlayingPPS: received an Acquire cmd from nowplaying");
+    const bool playing = player->status == LYR_STATUS_PLAYING;
+    player->np_acquired = playing ? 0 : 1;
+    if (playing) {
+        msglog(7,
+               "monitorNowPlayingPPS: set DISALLOW_ACQUIRE state since player:%s already in "
+               "play state",
+               player->name);
+    } else {
+        msglog(7,
+               "monitorNowPlayingPPS: set ALLOW_ACQUIRE state since player:%s not in play "
+               "state",
+               player->name);
+    }
+    player->np_state = NOWPLAYING_ACQUIRED;
+}
+
+/* The answer to an acquire. With several unanswered it may be an earlier one's, which says nothing
+ * of revokes in between. */
 static void take_answer(monitor* self, bool refused) noexcept {
     player* player = self->owner;
     vel_lock_guard guard(player->np_lock);
     player->np_waiting = 0;
     if (!refused) {
-        msglog(7, "monitorNowPlayingPPS: received an Acquire cmd from nowplaying");
-        const bool playing = player->status == LYR_STATUS_PLAYING;
-        player->np_acquired = playing ? 0 : 1;
-        if (playing) {
-            msglog(7,
-                   "monitorNowPlayingPPS: set DISALLOW_ACQUIRE state since player:%s already in "
-                   "play state",
-                   player->name);
-        } else {
-            msglog(7,
-                   "monitorNowPlayingPPS: set ALLOW_ACQUIRE state since player:%s not in play "
-                   "state",
-                   player->name);
+        take_grant(player);
+        if (player->np_unanswered == 1) {
+            drop_revokes(self, player->np_asked);
         }
-        if (self->queued == 0) {
-            player->np_state = NOWPLAYING_ACQUIRED;
-        }
+    }
+    if (player->np_unanswered > 0) {
+        --player->np_unanswered;
     }
     pthread_cond_broadcast(&player->np_cond);
 }
@@ -90,16 +117,30 @@ static void take_revoke(player* player) noexcept {
     player->np_acquired = 0;
     player->np_state = NOWPLAYING_REVOKED;
     player->np_waiting = 0;
+    ++player->np_revokes;
     pthread_cond_broadcast(&player->np_cond);
 }
 
+static uint32_t revokes_read(player* player) noexcept {
+    vel_lock_guard guard(player->np_lock);
+    return player->np_revokes;
+}
+
+/* A revoke always finds room: in the place of one right before it, or of the last command. */
 static void enqueue(monitor* self, int32_t command) noexcept {
-    if (self->queued == COMMANDS_MAX) {
+    const bool revokes = command == NOWPLAYING_DO_REVOKE;
+    const bool again = revokes && self->queued > 0 &&
+                       self->queue[self->queued - 1].command == NOWPLAYING_DO_REVOKE;
+    const bool full = self->queued == COMMANDS_MAX;
+    if (full && !again) {
         msglog(3, "NowPlaying commands faster than player:%s can follow; one is dropped",
                self->owner->name);
+    }
+    if (full && !revokes) {
         return;
     }
-    self->queue[self->queued++] = command;
+    self->queued -= full || again ? 1 : 0;
+    self->queue[self->queued++] = {command, revokes_read(self->owner)};
 }
 
 /* Takes what must not wait at once, and puts the rest into the queue. */
@@ -112,9 +153,6 @@ static void take_message(monitor* self, const nowplaying_message& message, bool 
     }
     if (message.answer) {
         take_answer(self, refused);
-        if (!refused && self->queued > 0) {
-            enqueue(self, NOTE_GRANT);
-        }
     }
 }
 
@@ -168,26 +206,32 @@ static bool read_messages(monitor* self) noexcept {
     return false;
 }
 
+/* The arbiter's last word is that of an order unless a revoke came after it. */
+static void set_state(player* player, const order& order, int32_t state) noexcept {
+    if (revokes_read(player) == order.revokes) {
+        player->np_state = state;
+    }
+}
+
 /* The arbiter's play brings its own grant, which only the play can use. */
 static void play(player* player) noexcept VEL_REQUIRES(player->lock) {
     {
         vel_lock_guard guard(player->np_lock);
         player->np_acquired = 1;
     }
-    player->np_state = NOWPLAYING_PLAY;
     (void)player->np_commands->play(player);
     vel_lock_guard guard(player->np_lock);
     player->np_acquired = 0;
 }
 
 /* Silences the player by what its source could do when the session was made. Where a pause fails, a
- * stop is tried: the focus is another's, a call's perhaps. */
+ * stop is tried: the focus is another's, a call's perhaps. After a later word of the arbiter's, a
+ * grant for instance, it is told of the silence. */
 static void revoke(player* player) noexcept VEL_REQUIRES(player->lock) {
     const trksession* session = player->trksession;
     if (session == nullptr) {
         return;
     }
-    player->np_state = NOWPLAYING_REVOKED;
     const nowplaying_commands* commands = player->np_commands;
     const uint64_t can = session->ms_session->capabilities;
     if ((can & (LYR_CAP_PAUSE | LYR_CAP_STOP)) == 0) {
@@ -210,13 +254,14 @@ static void revoke(player* player) noexcept VEL_REQUIRES(player->lock) {
     }
 }
 
-static void execute(player* player, int32_t command) noexcept VEL_REQUIRES(player->lock) {
-    switch (command) {
+static void execute(player* player, const order& order) noexcept VEL_REQUIRES(player->lock) {
+    switch (order.command) {
     case NOWPLAYING_DO_PLAY:
+        set_state(player, order, NOWPLAYING_PLAY);
         play(player);
         break;
     case NOWPLAYING_DO_PAUSE:
-        player->np_state = NOWPLAYING_PAUSE;
+        set_state(player, order, NOWPLAYING_PAUSE);
         (void)player->np_commands->pause(player);
         break;
     case NOWPLAYING_DO_NEXT:
@@ -225,11 +270,8 @@ static void execute(player* player, int32_t command) noexcept VEL_REQUIRES(playe
     case NOWPLAYING_DO_PREVIOUS:
         (void)player->np_commands->previous(player);
         break;
-    case NOWPLAYING_DO_REVOKE:
+    default: /* NOWPLAYING_DO_REVOKE */
         revoke(player);
-        break;
-    default: /* NOTE_GRANT */
-        player->np_state = NOWPLAYING_ACQUIRED;
         break;
     }
 }
@@ -297,7 +339,10 @@ int32_t config_nowplaying(player* player) noexcept {
     if (player->status == LYR_STATUS_PLAYING) {
         msglog(7, "fd#%d Thread#%d - Sending Acquire request since player:%s is already playing",
                fd, thread, player->name);
-        nowplaying_msg(player, "msg::acquire\nid::1");
+        {
+            vel_lock_guard guard(player->np_lock);
+            nowplaying_ask(player);
+        }
         nowplaying_state(player, "playing");
     }
     return 0;

@@ -62,10 +62,13 @@ struct player {
     pthread_cond_t np_cond;                      /* with np_lock: something below changed */
     int32_t np_waiting VEL_GUARDED_BY(np_lock);  /* 1: a command waits for the arbiter's answer */
     int32_t np_lost VEL_GUARDED_BY(np_lock);     /* 1: the arbiter has changed since it was asked */
-    int32_t np_ending VEL_GUARDED_BY(np_lock);   /* 1: the thread is to end */
-    int32_t np_running VEL_GUARDED_BY(np_lock);  /* 1: the thread has not ended */
-    const nowplaying_commands* np_commands;      /* constant once the thread runs */
-    int32_t np_wake;                             /* eventfd that wakes the thread; constant */
+    int32_t np_unanswered VEL_GUARDED_BY(np_lock); /* acquires sent to this arbiter */
+    uint32_t np_revokes VEL_GUARDED_BY(np_lock);   /* read so far */
+    uint32_t np_asked VEL_GUARDED_BY(np_lock);     /* np_revokes when the last acquire was sent */
+    int32_t np_ending VEL_GUARDED_BY(np_lock);     /* 1: the thread is to end */
+    int32_t np_running VEL_GUARDED_BY(np_lock);    /* 1: the thread has not ended */
+    const nowplaying_commands* np_commands;        /* constant once the thread runs */
+    int32_t np_wake;                               /* eventfd that wakes the thread; constant */
 
     control_block* control;                             /* constant */
     int32_t pins VEL_GUARDED_BY(control->players_lock); /* see player_pin.h */
