@@ -4,6 +4,7 @@
 #include <string>
 
 #include "media.h"
+#include "msglog.h"
 #include "player_commands.h"
 #include "player_publish.h"
 #include "player_rig.h"
@@ -200,6 +201,30 @@ TEST_F(player_commands, shuffle_once_and_show_the_index_again) {
     EXPECT_EQ(rig_do(player, player_shuffle, 1), 0);
     EXPECT_EQ(rig_logged(rig, "Shuffled 5 tracks"), 1);
     EXPECT_EQ(rig_attribute(rig, "commander", "track", "index"), ":n:3");
+}
+
+/* Refused tracks hold up everybody for a bounded time; a command tries a thousand all the same. */
+TEST_F(player_commands, passes_over_refused_tracks_for_a_bounded_time) {
+    player* player = rig_player("bounded", rig_source(rig, "commands", "/|tracks:2001"), 0, 2001);
+    player_skip_ms = 0;
+    msglog_set_level(4); /* a line for each refusal is more than the log takes */
+    fake_do(rig.fake, "rule attach result=1");
+    fake_do(rig.fake, "clear");
+    const struct {
+        int32_t attempts; /* in all */
+        bool event;
+    } cases[] = {{1000, false}, {1001, true}};
+    for (const auto& c : cases) {
+        player->status = PLAYING;
+        EXPECT_EQ(c.event ? fake_number(rig.fake, "event error value=0")
+                          : rig_do(player, player_next),
+                  -1);
+        EXPECT_EQ(fake_number(rig.fake, "count attach"), c.attempts);
+        EXPECT_EQ(rig_current(player), c.attempts);
+        EXPECT_EQ(player->status, STOPPED);
+    }
+    EXPECT_EQ(rig_logged(rig, "Cannot find valid media nodes to be attached"), 2);
+    msglog_set_level(MSGLOG_LEVEL_MAX);
 }
 
 /* Requests and events could lead into arrays that are not there. */

@@ -52,6 +52,7 @@ static player_rig* rig_start() {
 player_rig& rig_fresh() {
     static player_rig* rig = rig_start();
     settings = {nullptr, nullptr, 250, 1, -1};
+    player_skip_ms = 5000;
     fake_do(rig->fake, "reset");
     std::error_code error;
     rig->log_start = std::filesystem::file_size(rig->log, error);

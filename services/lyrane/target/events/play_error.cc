@@ -42,12 +42,14 @@ static void playing(player* player, trksession* session, int32_t index, const me
     player_publish_track(player, session->ts_id, index, track, data);
 }
 
-/* Gives up within one error when it has come round, or when the source has gone: its disconnection
- * waits for the lock. And over errors: a plug-in may accept every track and report it broken
- * afterwards, and repeating a list of broken tracks would go round for ever. */
+/* Gives up within one error when it has come round, when the time for it has passed, or when the
+ * source has gone: its disconnection waits for the lock. And over errors: a plug-in may accept
+ * every track and report it broken afterwards, and repeating a list of broken tracks would go round
+ * for ever. */
 static int32_t skip(player* player) noexcept VEL_REQUIRES(player->lock) {
     trksession* session = player->trksession;
     const int32_t length = trksession_length(session);
+    const timespec deadline = vel_deadline(player_skip_ms);
     int32_t first = -1;
     for (int32_t attempts = 0;; ++attempts) {
         int32_t index = 0;
@@ -62,7 +64,8 @@ static int32_t skip(player* player) noexcept VEL_REQUIRES(player->lock) {
             return -1;
         }
         if (attempts == 0 ? player->error_run >= length
-                          : index == first || attempts >= length || session->cancelled != 0) {
+                          : index == first || attempts >= length || session->cancelled != 0 ||
+                                vel_remaining(deadline) == 0) {
             return give_up(player);
         }
         first = attempts == 0 ? index : first;

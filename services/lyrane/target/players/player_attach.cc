@@ -8,6 +8,11 @@
 #include "player_publish.h"
 #include "plugin_call.h"
 
+/* Attempts that are made however long they take. */
+static constexpr int32_t ATTEMPTS_AT_LEAST = 1000;
+
+int32_t player_skip_ms = 5000;
+
 void player_need_track_writer(player* player) noexcept {
     if (player->track_writer != nullptr) {
         return;
@@ -35,6 +40,7 @@ int32_t player_attach_walking(player* player, int32_t index, int32_t tries,
                               int32_t repeat_mode) noexcept {
     trksession* session = player->trksession;
     const int32_t first = index;
+    const timespec deadline = vel_deadline(player_skip_ms);
     /* A source that has gone refuses a million tracks one by one, under a lock that its
      * disconnection is waiting for. */
     for (int32_t attempts = 1;; ++attempts) {
@@ -50,7 +56,8 @@ int32_t player_attach_walking(player* player, int32_t index, int32_t tries,
         msglog(6, "Retry with a new track due to attach_medianode failure");
         trksession_set_track(session, index); /* the walk goes on from here */
         if (trksession_next_by_mode(player, repeat_mode, &index) != 0 || index == first ||
-            attempts >= tries || session->cancelled != 0) {
+            attempts >= tries || session->cancelled != 0 ||
+            (attempts >= ATTEMPTS_AT_LEAST && vel_remaining(deadline) == 0)) {
             break;
         }
     }

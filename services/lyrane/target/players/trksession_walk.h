@@ -21,6 +21,10 @@ struct trksession_place {
     int32_t trk_pos;
 };
 
+/* Milliseconds that one command or event may take over tracks that are refused: it holds the player
+ * lock, and a command holds up every client. Constant; tests set it between commands. */
+extern int32_t player_skip_ms;
+
 extern "C" {
 
 /* The track after / before the current one under the player's modes. 0, or -1 when there is none
@@ -47,7 +51,8 @@ int32_t trksession_get_tracks(trksession* session, uint64_t ts_id, int32_t offse
                               medianode** tracks) noexcept VEL_REQUIRES(session->lock);
 
 /* Makes track `index`, or the first after it that the plug-in accepts within `tries` attempts, the
- * current one, and publishes it. 0, or -1: the player is shown as stopped then. */
+ * current one, and publishes it. 0, or -1: the player is shown as stopped then. A thousand attempts
+ * are made however long they take, more within player_skip_ms. */
 int32_t player_internal_attach_medianode(player* player, int32_t index, int32_t tries) noexcept
     VEL_REQUIRES(player->lock);
 }
