@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <veloran/server_object.h>
@@ -381,6 +382,29 @@ TEST(nowplaying, forgets_what_a_lost_arbiter_told) {
     say(s, DO_PAUSE);
     EXPECT_EQ(hear(s), PAUSED);
     EXPECT_EQ(fake_number(s.rig.fake, "count attach"), 0);
+}
+
+/* An arbiter that has no room for one more client now is one all the same. */
+TEST(nowplaying, waits_for_an_arbiter_that_is_busy) {
+    arbiter known;
+    ASSERT_EQ(listen(server_object_descriptor(known.object), 0), 0);
+    const vel_fd other(server_object_open(CONTROL));
+    EXPECT_GE(other.value, 0);
+    player* player = rig_player("radio", rig_source(known.rig, "focus", "/|tracks:3"), 0, 3);
+    for (int32_t busy = 0; busy == 0;) {
+        vel_lock_guard guard(player->np_lock);
+        busy = player->np_busy;
+    }
+    int32_t result = 0;
+    std::thread asking([&] { result = rig_do(player, player_play); });
+    meet(known); /* the other one */
+    meet(known);
+    EXPECT_EQ(hear(known).substr(0, strlen("msg::register")), "msg::register");
+    EXPECT_EQ(hear(known), ASKED);
+    say(known, REFUSAL);
+    asking.join();
+    EXPECT_EQ(result, -1);
+    player_close(&mmcontrol, "radio");
 }
 
 /* Somebody who speaks as soon as there is an arbiter. */

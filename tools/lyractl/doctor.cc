@@ -212,9 +212,12 @@ finding look_at_database() {
 finding look_at_arbiter() {
     const vel_fd arbiter(
         server_object_open("/pps/services/multimedia/mediaplayer/control?wait,delta"));
-    return arbiter.value < 0
-               ? finding{verdict::notice, "arbiter", "none: every player sounds when it likes"}
-               : finding{verdict::good, "arbiter", "gives the audio focus"};
+    if (arbiter.value >= 0) {
+        return {verdict::good, "arbiter", "gives the audio focus"};
+    }
+    return errno == EAGAIN
+               ? finding{verdict::notice, "arbiter", "there, but accepts nobody at the moment"}
+               : finding{verdict::notice, "arbiter", "none: every player sounds when it likes"};
 }
 
 finding look_at_sound() {

@@ -53,9 +53,8 @@ char* nowplaying_register_text(const char* name, const char* prio, const char* a
 }
 
 /* Waits while *flag is set; false when the time has passed. */
-static bool await_clear(player* player, const int32_t* flag) noexcept
+static bool await_clear(player* player, const int32_t* flag, const timespec& deadline) noexcept
     VEL_REQUIRES(player->np_lock) {
-    const timespec deadline = vel_deadline(WAIT_MS);
     while (__atomic_load_n(flag, __ATOMIC_RELAXED) != 0) {
         if (!vel_wait_until(&player->np_cond, &player->np_lock, deadline)) {
             return *flag == 0;
@@ -72,11 +71,11 @@ void nowplaying_ask(player* player) noexcept {
 
 /* Asks the arbiter and waits for what it says, whatever that is. False when it went away meanwhile;
  * by now there may be another one, which was not asked. */
-static bool ask(player* player) noexcept VEL_REQUIRES(player->np_lock) {
+static bool ask(player* player, const timespec& deadline) noexcept VEL_REQUIRES(player->np_lock) {
     player->np_waiting = 1;
     player->np_lost = 0;
     nowplaying_ask(player);
-    (void)await_clear(player, &player->np_waiting);
+    (void)await_clear(player, &player->np_waiting, deadline);
     player->np_waiting = 0;
     return player->np_lost == 0;
 }
@@ -96,6 +95,8 @@ void nowplaying_register(player* player, const char* name, const char* prio, con
 
 int32_t nowplaying_acquire(player* player) noexcept {
     vel_lock_guard guard(player->np_lock);
+    const timespec deadline = vel_deadline(WAIT_MS);
+    (void)await_clear(player, &player->np_busy, deadline);
     if (player->np_fd == -1) {
         msglog(7,
                "NowPlaying service is not available but still giving Acquire to Player:%s due to "
@@ -109,7 +110,7 @@ int32_t nowplaying_acquire(player* player) noexcept {
         player->np_acquired = 0;
         return 1;
     }
-    if (!ask(player)) {
+    if (!ask(player, deadline)) {
         return 1; /* as without an arbiter */
     }
     if (player->np_acquired == 0) {
@@ -155,5 +156,5 @@ void nowplaying_end(player* player) noexcept {
     vel_lock_guard guard(player->np_lock);
     player->np_ending = 1;
     (void)!write(player->np_wake, &one, sizeof one);
-    (void)await_clear(player, &player->np_running);
+    (void)await_clear(player, &player->np_running, vel_deadline(WAIT_MS));
 }

@@ -45,8 +45,9 @@ void nowplaying_register(player* player, const char* name, const char* prio, con
                          const char* overlay) noexcept;
 
 /* 1 when the player may play, else 0. The caller holds the player lock. Waits for the arbiter's
- * answer for a second at the most; without an answer it is 0, and a grant that comes later is kept
- * for the next play. A grant is used up by the play that it is for. */
+ * answer for a second at the most, in which an arbiter that accepts nobody at the moment may do so;
+ * without an answer it is 0, and a grant that comes later is kept for the next play. A grant is
+ * used up by the play that it is for. */
 int32_t nowplaying_acquire(player* player) noexcept VEL_REQUIRES(player->lock);
 
 /* Gives the focus back, a grant that was not used included. */
@@ -55,7 +56,8 @@ void nowplaying_release(player* player) noexcept;
 /* Reports "playing", "paused" or "stopped". */
 void nowplaying_state(player* player, const char* state) noexcept;
 
-/* Connects to the arbiter and registers the player; tries once a second until there is one. No
+/* Connects to the arbiter and registers the player; tries once a second until there is one, and
+ * every 20 ms while it is there but accepts nobody. No
  * message of the player's gets to the arbiter before the registration. Called by the player's
  * thread. 0, or -1 when the player has been closed. */
 int32_t config_nowplaying(player* player) noexcept;

@@ -16,6 +16,7 @@
 #include "trksession.h"
 
 static constexpr int CONNECT_AGAIN_MS = 1000; /* between two looks for the arbiter */
+static constexpr int BUSY_AGAIN_MS = 20;      /* the same while it is there but accepts nobody */
 static constexpr int READ_AGAIN_MS = 100;     /* after a failed read */
 static constexpr int LOCK_AGAIN_MS = 10;      /* between two tries to get the player lock */
 static constexpr int32_t COMMANDS_MAX = 64;   /* that wait for the player lock */
@@ -49,6 +50,7 @@ static void set_connection(player* player, int32_t fd) noexcept VEL_REQUIRES(pla
         close(player->np_fd);
     }
     player->np_fd = fd;
+    player->np_busy = 0;
     player->np_acquired = 0;
     player->np_lost = 1;
     player->np_unanswered = 0;
@@ -59,6 +61,13 @@ static void set_connection(player* player, int32_t fd) noexcept VEL_REQUIRES(pla
 static void disconnect(player* player) noexcept {
     vel_lock_guard guard(player->np_lock);
     set_connection(player, -1);
+}
+
+/* Lets those wait who ask an arbiter that accepts nobody at the moment, or go on. */
+static void set_busy(player* player, bool busy) noexcept {
+    vel_lock_guard guard(player->np_lock);
+    player->np_busy = busy ? 1 : 0;
+    pthread_cond_broadcast(&player->np_cond);
 }
 
 /* Drops the queued revokes that were read before the acquire that is granted was sent: the focus is
@@ -322,7 +331,9 @@ int32_t config_nowplaying(player* player) noexcept {
     disconnect(player);
     int32_t fd = server_object_open(NOWPLAYING_CONTROL);
     while (fd < 0) {
-        if (!wait_for(player, -1, CONNECT_AGAIN_MS)) {
+        const bool busy = errno == EAGAIN;
+        set_busy(player, busy);
+        if (!wait_for(player, -1, busy ? BUSY_AGAIN_MS : CONNECT_AGAIN_MS)) {
             return -1;
         }
         fd = server_object_open(NOWPLAYING_CONTROL);

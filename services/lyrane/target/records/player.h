@@ -56,6 +56,7 @@ struct player {
     /* The audio focus; see nowplaying.h. */
     std::atomic<int32_t> np_thread;              /* kernel id of the thread; 0 before it runs */
     int32_t np_fd VEL_GUARDED_BY(np_lock);       /* -1 while there is no arbiter */
+    int32_t np_busy VEL_GUARDED_BY(np_lock);     /* 1: there is one that accepts nobody now */
     int32_t np_acquired VEL_GUARDED_BY(np_lock); /* 1: granted and not used yet */
     std::atomic<int32_t> np_state;               /* NOWPLAYING_*; the arbiter's last word */
     vel_mutex np_lock;                           /* inside the player lock */
