@@ -269,6 +269,39 @@ TEST(Hostile, OneThatNeverReadsWhileThirtyOneWork) {
     rig_end(rig);
 }
 
+/* Clients that go without a close use up a player's places only where nothing is forgiven. */
+TEST(Hostile, LostClients) {
+    for (const bool forgives : {false, true}) {
+        rig rig;
+        rig.daemon.player["forgive_lost_clients"] = forgives ? "1" : "0";
+        rig.daemon.options = {"-vvvvv"};
+        ASSERT_TRUE(start(rig));
+        request_client lost;
+        request_client last;
+        ASSERT_TRUE(request_connect(lost, rig.daemon.service));
+        ASSERT_TRUE(request_connect(last, rig.daemon.service));
+        EXPECT_EQ(request_open(last, "left"), 0);
+        for (int i = 2; i <= 32; ++i) {
+            EXPECT_EQ(request_open(lost, "left"), 0);
+        }
+        EXPECT_EQ(request_open(lost, "left"), forgives ? 0 : -1);
+        EXPECT_EQ(request_open(lost, "left"), forgives ? 0 : -1);
+        const size_t mark = daemon_log_mark(rig.daemon);
+        request_disconnect(lost);
+        if (forgives) {
+            EXPECT_TRUE(daemon_await_log(rig.daemon, "gets back its client count", mark));
+        }
+        EXPECT_EQ(request_close(last, "left"), 0);
+        EXPECT_EQ(rig_has_player(rig.daemon, "left"), !forgives);
+        /* The last one stays. */
+        EXPECT_EQ(request_open(last, "left"), 0);
+        request_disconnect(last);
+        EXPECT_TRUE(daemon_await_log(rig.daemon, "keeps its client count", mark));
+        EXPECT_TRUE(rig_has_player(rig.daemon, "left"));
+        rig_end(rig);
+    }
+}
+
 /* What one user's clients take is bounded before it is everything. */
 TEST(Hostile, OneUserLeavesRoomForOthers) {
     if (geteuid() != 0) {

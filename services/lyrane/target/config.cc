@@ -87,6 +87,16 @@ void read_player(control_block* control, pps_decoder* decoder) {
     control->player_cfg = make_player_cfg(values);
 }
 
+/* The decoder stands in "player". */
+void read_forgiveness(control_block* control, pps_decoder* decoder) {
+    const char* value = nullptr;
+    control->forgive_lost_clients =
+        pps_decoder_get_string(decoder, "forgive_lost_clients", &value) == PPS_JSON_OK &&
+                config_number(value) != 0
+            ? 1
+            : 0;
+}
+
 /* The decoder stands in "device_type". */
 uint32_t read_device_types(pps_decoder* decoder) {
     uint32_t mask = 0;
@@ -221,6 +231,7 @@ int32_t load_config(control_block* control, const char* path) noexcept {
         msglog(2, "pps decoder parse json failed: player node");
     }
     read_player(control, &decoder);
+    read_forgiveness(control, &decoder);
     if (control->lastmode == 1) {
         read_lastmode(control, &decoder);
     }

@@ -224,6 +224,16 @@ int32_t player_close(control_block* control, const char* name) noexcept {
     return 0;
 }
 
+void player_lose_client(player* player) noexcept {
+    control_block* control = player->control;
+    vel_lock_guard guard(control->players_lock);
+    player_of(player, control);
+    const bool forgives = control->forgive_lost_clients == 1 && player->clients > 1;
+    player->clients -= forgives ? 1 : 0;
+    msglog(5, "Player %s was not closed by its client and %s its client count", player->name,
+           forgives ? "gets back" : "keeps");
+}
+
 int32_t players_find(const pointer_array* players, const char* name) noexcept {
     for (int32_t i = 0; i < players->count; ++i) {
         if (strcmp(static_cast<const player*>(players->items[i])->name, name) == 0) {

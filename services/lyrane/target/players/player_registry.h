@@ -23,6 +23,11 @@ player* player_open(control_block* control, const char* name) noexcept;
  * by the caller. */
 int32_t player_close(control_block* control, const char* name) noexcept;
 
+/* The caller's client goes without a close, or to another player. Its count stays, or is given back
+ * where the configuration forgives, down to 1: the last one keeps the player, so what a client that
+ * died was playing plays on. The caller has a pin on the player; no lock is held. */
+void player_lose_client(player* player) noexcept;
+
 /* Position of the player of a name, by exact comparison, or -1. The players lock is held. */
 int32_t players_find(const pointer_array* players, const char* name) noexcept;
 

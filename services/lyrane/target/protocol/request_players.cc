@@ -24,8 +24,7 @@ void handle_open(request_call* call) noexcept {
     msglog(5, "client tries to open Player %s", name.get());
     player* opened = player_open_pinned(call->control, name.get(), call->context->info.uid);
     if (call->player != nullptr) {
-        msglog(5, "Player %s was not closed by its client and keeps its client count",
-               call->player->name);
+        player_lose_client(call->player);
     }
     request_set_slot(call->connection, opened);
     request_reply(call, opened == nullptr ? -1 : 0);

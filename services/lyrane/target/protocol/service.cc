@@ -6,7 +6,7 @@
 #include <lyrane/client.h>
 
 #include "msglog.h"
-#include "player.h"
+#include "player_registry.h"
 #include "request_call.h"
 #include "request_log.h"
 
@@ -122,9 +122,9 @@ void service_disconnect(osb* connection, recv_context* context, service* service
     (void)service;
     msglog(5, "a client is disconnecting from lyrane");
     --static_cast<control_block*>(connection->server->user_data)->client_count;
-    const player* left = request_slot(connection);
+    player* left = request_slot(connection);
     if (left != nullptr) {
-        msglog(5, "Player %s was not closed by its client and keeps its client count", left->name);
+        player_lose_client(left);
     }
     request_set_slot(connection, nullptr);
 }
