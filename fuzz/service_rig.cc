@@ -199,7 +199,8 @@ void rig_begin(unsigned bits) {
     static constexpr int32_t depths[] = {-1, 1, 2, 4};
     msglog_set_level((bits & 1) != 0 ? MSGLOG_LEVEL_MAX : 4);
     mmcontrol.verbosity = (bits & 2) != 0 ? MSGLOG_LEVEL_MAX : 0;
-    settings = {nullptr, nullptr, 250, static_cast<int32_t>(bits >> 2 & 1), depths[bits >> 3 & 3]};
+    settings = {nullptr, nullptr, 250, static_cast<int32_t>(bits >> 2 & 1), depths[bits >> 3 & 3],
+                0}; /* no shuffle that is another one each time */
     put_plugins_back();
     descriptors = next_descriptor();
 }

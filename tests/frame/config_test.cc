@@ -106,6 +106,15 @@ TEST(config, numbers_and_words_of_the_player) {
     }
 }
 
+TEST(config, shuffle_is_fair_when_it_says_so) {
+    for (const auto& [value, is_fair] : {std::pair{"\"Fair\"", 1}, {"\"even\"", 0}, {"1", 0}}) {
+        const loaded result(
+            config_with(std::string(PLAYER) + ",\"shuffle\":" + value, "{\"p\":{}}"));
+        EXPECT_EQ(result.player->fair_shuffle, is_fair) << value;
+        EXPECT_EQ(result.plugins, std::string("p{") + PLAYER_TEXT + "}");
+    }
+}
+
 TEST(config, last_mode_settings) {
     const struct {
         const char* object;

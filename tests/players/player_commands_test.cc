@@ -1,6 +1,7 @@
 /* The playback commands, in player mode and in device mode. */
 #include <cerrno>
 #include <cmath>
+#include <map>
 #include <string>
 
 #include "media.h"
@@ -9,6 +10,7 @@
 #include "player_publish.h"
 #include "player_rig.h"
 #include "trksession.h"
+#include "trksession_shuffle.h"
 #include "trksession_walk.h"
 
 namespace {
@@ -225,6 +227,48 @@ TEST_F(player_commands, passes_over_refused_tracks_for_a_bounded_time) {
     }
     EXPECT_EQ(rig_logged(rig, "Cannot find valid media nodes to be attached"), 2);
     msglog_set_level(MSGLOG_LEVEL_MAX);
+}
+
+/* Counted over seeds that are always the same: nothing here is left to chance. What comes of a seed
+ * is saved, and so never changes. */
+TEST_F(player_commands, shuffle_fairly) {
+    constexpr int32_t SEEDS = 6000;
+    player* player = rig_player("commander", rig_source(rig, "commands", "/|tracks:5"), 3, 5);
+    trksession* session = player->trksession;
+    const auto order = [session] {
+        vel_lock_guard guard(session->lock);
+        std::string text;
+        for (int32_t i = 0; i < 5; ++i) {
+            text += std::to_string(session->order[i]);
+            EXPECT_EQ(session->inverse_order[session->order[i]], i);
+        }
+        return text;
+    };
+    std::map<std::string, int32_t> met;
+    for (uint64_t seed = 0; seed < SEEDS; ++seed) {
+        EXPECT_TRUE(trksession_shuffle_again(session, {seed, 4, 3}));
+        ++met[order()];
+    }
+    EXPECT_EQ(met.size(), 6U); /* three tracks between the first and the one that came later */
+    for (const auto& [text, times] : met) {
+        EXPECT_NEAR(times, SEEDS / 6, 90) << text;
+    }
+    EXPECT_TRUE(trksession_shuffle_again(session, {0x123456789abcdef0, 5, 1}));
+    EXPECT_EQ(order(), "14032");
+    for (const trksession_draw wrong :
+         {trksession_draw{1, 6, 0}, {1, 5, 5}, {1, 5, -1}, {1, 0, 0}, {1, -1, -2}}) {
+        EXPECT_FALSE(trksession_shuffle_again(session, wrong));
+    }
+    mmcontrol.player_cfg->fair_shuffle = 1;
+    met.clear();
+    for (int32_t turn = 0; turn < 100; ++turn) {
+        EXPECT_EQ(rig_do(player, player_shuffle, 0), 0);
+        EXPECT_EQ(rig_do(player, player_shuffle, 1), 0);
+        ++met[order()];
+        EXPECT_EQ(order()[0], '3');
+    }
+    mmcontrol.player_cfg->fair_shuffle = 0;
+    EXPECT_GT(met.size(), 3U); /* of 24 */
 }
 
 /* Requests and events could lead into arrays that are not there. */

@@ -51,7 +51,7 @@ static player_rig* rig_start() {
 
 player_rig& rig_fresh() {
     static player_rig* rig = rig_start();
-    settings = {nullptr, nullptr, 250, 1, -1};
+    settings = {nullptr, nullptr, 250, 1, -1, 0};
     player_skip_ms = 5000;
     fake_do(rig->fake, "reset");
     std::error_code error;

@@ -23,6 +23,10 @@ namespace {
 
 constexpr int32_t ABSENT = -2; /* the player was not opened */
 constexpr int32_t NONE = -1;   /* it is open without a session */
+constexpr char HAS_ORDERS[] =
+    "(SELECT count(*) FROM pragma_table_info('lyrane_orders') WHERE name='first')";
+constexpr char DRAWN[] = "(SELECT o.length||' '||first FROM lyrane_orders o WHERE "
+                         "o.ts_id=trksessions.ts_id)";
 
 struct lastmode_failure_test : ::testing::Test {
     struct rig rig;
@@ -270,6 +274,61 @@ TEST_F(lastmode_failure_test, saves_that_fail) {
     EXPECT_TRUE(said("Failed to connect to database", mark));
     EXPECT_TRUE(fs::exists(configuration()));
     EXPECT_EQ(count("players"), "1");
+}
+
+/* The database of an older build opens; an order of a fair shuffle is in a table of its own, and
+ * comes back after any end, also after a run without the source. */
+TEST_F(lastmode_failure_test, a_fair_order_comes_back) {
+    const auto walk = [this](int32_t first) {
+        EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:8"));
+        EXPECT_EQ(request_open(rig.client, "p"), 0);
+        EXPECT_EQ(daemon_settle(rig.daemon, saved_restoring, 0), 0);
+        EXPECT_EQ(request_number(rig.client, LYR_MSG_JUMP, first), 0);
+        std::string order;
+        for (int32_t i = 0; i < 8; ++i) {
+            order += std::to_string(request_current(rig.client).index);
+            EXPECT_EQ(request_simple(rig.client, LYR_MSG_NEXT), 0);
+        }
+        return order;
+    };
+    const auto run = [this](const char* source) {
+        rig.daemon.plugins = {{"disk", source, {}}};
+        return rig_run(rig, "/a|tracks:8");
+    };
+    rig.daemon.player["shuffle"] = "fair";
+    rig.daemon.lastmode = R"({"checkpoint": "1", "timeout": "60", "keep_missing": "1"})";
+    for (const char* own : {"", "CREATE TABLE lyrane_orders (length INTEGER, mood TEXT);"
+                                "INSERT INTO lyrane_orders VALUES(8, 'gay')"}) {
+        SCOPED_TRACE(own);
+        std::ifstream dump(LASTMODE_DUMP);
+        const std::string sql((std::istreambuf_iterator<char>(dump)), {});
+        saved.clear();
+        put_back(sql + "UPDATE trksessions SET ms_plugin_name='" + rig.daemon.root + "/disk.so';" +
+                 own);
+        ASSERT_TRUE(run("source disk"));
+        (void)walk(4);
+        EXPECT_TRUE(saved_await("p", HAS_ORDERS, "1"));
+        EXPECT_EQ(saved_value("p", DRAWN), "8 4");
+        /* A new draw, of a session that is saved already. */
+        EXPECT_EQ(request_number(rig.client, LYR_MSG_JUMP, 2), 0);
+        EXPECT_EQ(request_number(rig.client, LYR_MSG_SHUFFLE, LYR_SHUFFLE_OFF), 0);
+        EXPECT_EQ(request_number(rig.client, LYR_MSG_SHUFFLE, LYR_SHUFFLE_ON), 0);
+        const std::string order = walk(2);
+        EXPECT_TRUE(saved_await("p", DRAWN, "8 2"));
+        EXPECT_EQ(rig_stop(rig, SIGKILL), 128 + SIGKILL);
+        ASSERT_TRUE(run("source disk auto=0"));
+        stop();
+        ASSERT_TRUE(run("source disk"));
+        EXPECT_EQ(walk(2), order);
+        stop();
+        EXPECT_EQ(count("lyrane_orders"), "1");
+    }
+    EXPECT_EQ(count("pragma_table_info('lyrane_orders') WHERE name='mood'"), "1");
+    rig.daemon.player.erase("shuffle"); /* the order of the default is not kept */
+    ASSERT_TRUE(run("source disk"));
+    EXPECT_TRUE(daemon_await_object(rig.daemon, "p", "trksession", "length", ":n:8"));
+    stop();
+    EXPECT_EQ(count("lyrane_orders"), "0");
 }
 
 /* Somebody else writes for longer than a statement waits: all of a save is made again, and that it

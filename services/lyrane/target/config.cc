@@ -72,6 +72,19 @@ player_cfg* make_player_cfg(const char* const* values) {
 }
 
 /* The decoder stands in "player". */
+int32_t read_fair_shuffle(pps_decoder* decoder) {
+    const char* value = nullptr;
+    if (pps_decoder_get_string(decoder, "shuffle", &value) != PPS_JSON_OK) {
+        return 0;
+    }
+    if (!ascii_equal_nocase(value, "fair")) {
+        msglog(3, "shuffle \"%s\" is not known (\"fair\" is): it does not count", value);
+        return 0;
+    }
+    return 1;
+}
+
+/* The decoder stands in "player". */
 void read_player(control_block* control, pps_decoder* decoder) {
     const char* values[PLAYER_SETTINGS] = {};
     for (int i = 0; i < PLAYER_SETTINGS; i++) {
@@ -85,6 +98,7 @@ void read_player(control_block* control, pps_decoder* decoder) {
         set_setting(player_dict, SETTING_NAMES[i], values[i], "player_dict");
     }
     control->player_cfg = make_player_cfg(values);
+    control->player_cfg->fair_shuffle = read_fair_shuffle(decoder);
 }
 
 /* The decoder stands in "player". */

@@ -12,6 +12,7 @@
 
 #include "control.h"
 #include "player.h"
+#include "trksession.h"
 
 struct lastmode_rows;
 
@@ -24,10 +25,11 @@ struct player_state {
     int32_t ms_type;     /* read and not used */
     char* ms_uid;        /* owned, as all texts here */
     char* ms_plugin_name;
-    char* mn_id;         /* folder that the session was built from */
-    int32_t length;      /* of tracks */
-    int32_t trk_id;      /* index of the current track */
-    int32_t trk_pos;     /* position in it */
+    char* mn_id;     /* folder that the session was built from */
+    int32_t length;  /* of tracks */
+    int32_t trk_id;  /* index of the current track */
+    int32_t trk_pos; /* position in it */
+    trksession_draw drawn;
     medianode* tracks;   /* owned; with their strings until a session takes these over */
     ::player* player;    /* pinned */
     lastmode_rows* rows; /* where all this comes from */

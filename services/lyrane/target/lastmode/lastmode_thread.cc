@@ -20,6 +20,7 @@
 #include "plugin_call.h"
 #include "trksession.h"
 #include "trksession_build.h"
+#include "trksession_shuffle.h"
 #include "trksession_walk.h"
 
 static constexpr int64_t LOOKS_PER_SECOND = 10;
@@ -92,8 +93,9 @@ static void resume(player* player, const player_state* state) noexcept VEL_REQUI
         (void)player_seek(player, state->trk_pos);
         trksession_set_position(session, state->trk_pos);
     }
-    if (state->shuffle_mode == LYR_SHUFFLE_ON) {
-        (void)player_shuffle(player, LYR_SHUFFLE_ON);
+    if (state->shuffle_mode == LYR_SHUFFLE_ON && player_shuffle(player, LYR_SHUFFLE_ON) == 0 &&
+        player->config->fair_shuffle != 0) {
+        (void)trksession_shuffle_again(session, state->drawn); /* else in the order just drawn */
     }
     if (state->repeat_mode != LYR_REPEAT_OFF) {
         (void)player_repeat(player, state->repeat_mode);

@@ -91,6 +91,19 @@ static sqldb_result* query(sqldb_connection* connection, const char* statement,
     return sqldb_getresult(connection);
 }
 
+/* The session's fair order, if there is one; older databases have no place for it. */
+static trksession_draw read_draw(sqldb_connection* connection, int64_t ts_id) noexcept {
+    sqldb_result* row =
+        query(connection, "SELECT seed, length, first FROM lyrane_orders WHERE ts_id=%llu", ts_id);
+    trksession_draw drawn = {};
+    if (sqldb_rows(row) == 1) {
+        drawn = {static_cast<uint64_t>(sqldb_cell_integer(row, 0, 0, 0)), number(row, 0, 1),
+                 number(row, 0, 2)};
+    }
+    sqldb_freeresult(row);
+    return drawn;
+}
+
 static void fill_session(player_state* state, const sqldb_result* session) noexcept {
     state->ms_plugin_name = text(session, 0, SESSION_PLUGIN);
     state->ms_type = number(session, 0, SESSION_MS_TYPE);
@@ -153,6 +166,7 @@ static bool read_session(sqldb_connection* connection, int64_t ts_id, const char
         fill_session(state, session);
         state->length = static_cast<int32_t>(sqldb_rows(tracks));
         state->tracks = read_tracks(tracks, state->length);
+        state->drawn = read_draw(connection, ts_id);
     }
     sqldb_freeresult(tracks);
     sqldb_freeresult(session);

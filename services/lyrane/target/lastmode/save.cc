@@ -15,6 +15,17 @@
 static constexpr char CONNECTION[] = "/dev/sqldb/lyrane";
 static constexpr char CONFIGURATION[] = "/pps/veloran/sqldb/config/lyrane";
 
+/* Of our own: databases of older builds have no such table, and those of newer ones may have more
+ * columns. */
+static constexpr char ORDERS[] = "lyrane_orders";
+static constexpr char MAKE_ORDERS[] = "CREATE TABLE IF NOT EXISTS lyrane_orders (ts_id INTEGER, "
+                                      "seed INTEGER, length INTEGER, first INTEGER)";
+static constexpr char COLUMN_IS_THERE[] =
+    "SELECT 1 FROM pragma_table_info('lyrane_orders') WHERE name='%q'";
+static constexpr char ADD_COLUMN[] = "ALTER TABLE lyrane_orders ADD COLUMN '%q' INTEGER";
+static constexpr char INSERT_ORDER[] =
+    "INSERT INTO lyrane_orders(ts_id, seed, length, first) VALUES(%llu, %llu, %d, %d)";
+
 /* The three tables, and where the keys of the tracks are counted. */
 static constexpr char TRACKS[] = "trksession_medianodes";
 static constexpr char SESSIONS[] = "trksessions";
@@ -97,6 +108,21 @@ static int32_t save_tracks(sqldb_connection* connection, const saved_player* pla
     return 0;
 }
 
+/* A session has one row at the most. */
+static int32_t save_order(sqldb_connection* connection, const saved_player* player,
+                          const std::atomic<bool>* ending) noexcept {
+    const trksession_draw* drawn = &player->drawn;
+    if (drawn->length == 0) {
+        return 0;
+    }
+    return sqldb_statement(connection, INSERT_ORDER, id_of(player),
+                           static_cast<unsigned long long>(drawn->seed), drawn->length,
+                           drawn->first) != 0 &&
+                   row_failed(ORDERS, ending) != 0
+               ? -1
+               : 0;
+}
+
 static int32_t insert(sqldb_connection* connection, const saved_player* player,
                       const std::atomic<bool>* ending) noexcept {
     const mediasource* source = player->session->mediasource;
@@ -105,6 +131,9 @@ static int32_t insert(sqldb_connection* connection, const saved_player* player,
                         player->shuffle_mode, player->repeat_mode,
                         static_cast<double>(player->playback_rate)) != 0 &&
         row_failed(PLAYERS, ending) != 0) {
+        return -1;
+    }
+    if (save_order(connection, player, ending) != 0) {
         return -1;
     }
     msglog(7, "save trksessions into db");
@@ -117,9 +146,9 @@ static int32_t insert(sqldb_connection* connection, const saved_player* player,
     return save_tracks(connection, player, 0, ending);
 }
 
-/* The session is the one that the database holds already, `length` tracks of it. */
-static int32_t update(sqldb_connection* connection, const saved_player* player, int32_t length,
-                      const std::atomic<bool>* ending) noexcept {
+/* The session is the one that the database holds already, as `saved` says. */
+static int32_t update(sqldb_connection* connection, const saved_player* player,
+                      const saved_player* saved, const std::atomic<bool>* ending) noexcept {
     if (sqldb_statement(connection, UPDATE_PLAYER, player->status, player->shuffle_mode,
                         player->repeat_mode, static_cast<double>(player->playback_rate),
                         id_of(player)) != 0 &&
@@ -131,11 +160,17 @@ static int32_t update(sqldb_connection* connection, const saved_player* player, 
         row_failed(SESSIONS, ending) != 0) {
         return -1;
     }
-    return save_tracks(connection, player, length, ending);
+    if (!snapshot_same_order(saved, player) &&
+        (sqldb_statement(connection, "DELETE FROM lyrane_orders WHERE ts_id=%llu", id_of(player)) !=
+             0 ||
+         save_order(connection, player, ending) != 0)) {
+        return -1;
+    }
+    return save_tracks(connection, player, saved->length, ending);
 }
 
 static int32_t delete_rows(sqldb_connection* connection, uint64_t ts_id) noexcept {
-    for (const char* table : {TRACKS, SESSIONS, PLAYERS}) {
+    for (const char* table : {TRACKS, SESSIONS, PLAYERS, ORDERS}) {
         if (sqldb_statement(connection, "DELETE FROM '%q' WHERE ts_id=%llu", table,
                             static_cast<unsigned long long>(ts_id)) != 0) {
             return -1;
@@ -176,7 +211,7 @@ static int32_t clear(sqldb_connection* connection, const char* table,
 }
 
 static int32_t move_rows(sqldb_connection* connection, int64_t from, int64_t to) noexcept {
-    for (const char* table : {TRACKS, SESSIONS, PLAYERS}) {
+    for (const char* table : {TRACKS, SESSIONS, PLAYERS, ORDERS}) {
         if (sqldb_statement(connection, "UPDATE '%q' SET ts_id=%llu WHERE ts_id=%llu", table,
                             static_cast<unsigned long long>(to),
                             static_cast<unsigned long long>(from)) != 0) {
@@ -205,12 +240,32 @@ static int32_t move_staying(sqldb_connection* connection, const std::vector<int6
     return 0;
 }
 
+/* Makes what an older build's database lacks. */
+static int32_t make_orders(sqldb_connection* connection) noexcept {
+    if (sqldb_statement(connection, MAKE_ORDERS) != 0) {
+        return -1;
+    }
+    for (const char* column : {"ts_id", "seed", "length", "first"}) {
+        if (sqldb_statement(connection, COLUMN_IS_THERE, column) != 0) {
+            return -1;
+        }
+        sqldb_result* found = sqldb_getresult(connection);
+        const bool is_there = sqldb_rows(found) > 0;
+        sqldb_freeresult(found);
+        if (!is_there && sqldb_statement(connection, ADD_COLUMN, column) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
 /* The order of the first save of all; deleting the keys' count makes them begin at 1 again. */
 static int32_t clear_all(sqldb_connection* connection, const std::vector<int64_t>& staying) {
     return clear(connection, TRACKS, staying) != 0 ||
                    sqldb_statement(connection, FORGET_KEYS) != 0 ||
                    clear(connection, SESSIONS, staying) != 0 ||
-                   clear(connection, PLAYERS, staying) != 0
+                   clear(connection, PLAYERS, staying) != 0 ||
+                   clear(connection, ORDERS, staying) != 0
                ? -1
                : 0;
 }
@@ -230,7 +285,7 @@ static int32_t make_room(sqldb_connection* connection, snapshot* now) noexcept {
 
 int32_t save_all(sqldb_connection* connection, snapshot* now,
                  const std::atomic<bool>* ending) noexcept {
-    if (make_room(connection, now) != 0) {
+    if (make_orders(connection) != 0 || make_room(connection, now) != 0) {
         return -1;
     }
     for (int32_t i = 0; i < now->count; ++i) {
@@ -260,7 +315,7 @@ int32_t save_changes(sqldb_connection* connection, const snapshot* before, const
             continue;
         }
         if ((saved == nullptr ? insert(connection, player, ending)
-                              : update(connection, player, saved->length, ending)) != 0) {
+                              : update(connection, player, saved, ending)) != 0) {
             return -1;
         }
     }

@@ -28,6 +28,7 @@ static bool copy_session(player* player, saved_player* copy) noexcept {
             copy->length = session->length;
             copy->trk_id = session->trk_id;
             copy->trk_pos = session->trk_pos;
+            copy->drawn = session->drawn;
             return true;
         }
     }
@@ -125,12 +126,18 @@ snapshot snapshot_take(control_block* control, const snapshot* before, bool* is_
     return taken;
 }
 
+bool snapshot_same_order(const saved_player* one, const saved_player* other) noexcept {
+    return one->drawn.seed == other->drawn.seed && one->drawn.length == other->drawn.length &&
+           one->drawn.first == other->drawn.first;
+}
+
 bool snapshot_same_player(const saved_player* one, const saved_player* other) noexcept {
     return strcmp(one->name, other->name) == 0 && one->rows == other->rows &&
            one->ts_id == other->ts_id && one->status == other->status &&
            one->shuffle_mode == other->shuffle_mode && one->repeat_mode == other->repeat_mode &&
            one->playback_rate == other->playback_rate && one->length == other->length &&
-           one->trk_id == other->trk_id && one->trk_pos == other->trk_pos;
+           one->trk_id == other->trk_id && one->trk_pos == other->trk_pos &&
+           snapshot_same_order(one, other);
 }
 
 bool snapshot_same(const snapshot* one, const snapshot* other) noexcept {

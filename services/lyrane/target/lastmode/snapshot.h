@@ -23,6 +23,7 @@ struct saved_player {
     int32_t length; /* tracks when the copy was made; a build may have appended more since */
     int32_t trk_id;
     int32_t trk_pos;
+    trksession_draw drawn;
 };
 
 struct snapshot {
@@ -36,6 +37,9 @@ struct snapshot {
  * is, and *is_whole becomes false. Without memory the process ends. [any thread], no lock
  * held */
 snapshot snapshot_take(control_block* control, const snapshot* before, bool* is_whole) noexcept;
+
+/* Whether both play in the order of the same draw. */
+bool snapshot_same_order(const saved_player* one, const saved_player* other) noexcept;
 
 /* Whether one player would be saved as the same rows. */
 bool snapshot_same_player(const saved_player* one, const saved_player* other) noexcept;

@@ -21,10 +21,15 @@ static int32_t forward_mode(const trksession* session, int32_t mode,
 }
 
 /* Player mode, shuffle on: the current track comes first, the others in a drawn order. */
-static int32_t draw_order(trksession* session) noexcept {
-    const int32_t current = trksession_current(session).trk_id;
-    const int32_t result =
-        trksession_shuffle(session, 0, trksession_length(session), current, TRKSESSION_KEEP_FIRST);
+static int32_t draw_order(const player* player, trksession* session) noexcept {
+    int32_t result = 0;
+    if (player->config->fair_shuffle != 0) {
+        result = trksession_shuffle_fair(session);
+    } else {
+        const int32_t current = trksession_current(session).trk_id;
+        result = trksession_shuffle(session, 0, trksession_length(session), current,
+                                    TRKSESSION_KEEP_FIRST);
+    }
     msglog(7, "shuffle trksession: %d", result);
     return result;
 }
@@ -62,7 +67,7 @@ int32_t player_shuffle(player* player, int32_t mode) noexcept {
     if (session->ms_session->player_mode == 0) {
         result = forward_mode(session, mode, plugin_call_shuffle);
     } else if (mode == LYR_SHUFFLE_ON) {
-        result = draw_order(session);
+        result = draw_order(player, session);
     }
     if (result != 0) {
         return result;

@@ -2,6 +2,11 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
+#include <numeric>
+#include <random>
+
+#include <sys/random.h>
 
 #include "msglog.h"
 
@@ -43,6 +48,70 @@ static void shuffle_range(order_view view, int32_t first, int32_t range) noexcep
     }
 }
 
+/* From the kernel; early in the boot of a machine it may have none yet. */
+static uint64_t new_seed(void) noexcept {
+    uint64_t seed = 0;
+    if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed) {
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        seed = static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+    }
+    return seed;
+}
+
+/* A number below `count`, each as likely as any other. */
+static uint64_t draw_below(std::mt19937_64& random, uint64_t count) noexcept {
+    const uint64_t end = UINT64_MAX - UINT64_MAX % count; /* a multiple of count */
+    uint64_t number = random();
+    while (number >= end) {
+        number = random();
+    }
+    return number % count;
+}
+
+/* Saved draws are made again by later builds: what comes of one must never change, and the standard
+ * says of this generator what it draws, but not of std::shuffle. */
+static void make_order(trksession* session, trksession_draw drawn) noexcept
+    VEL_REQUIRES(session->lock) {
+    const order_view view = {session->order, session->inverse_order};
+    std::iota(view.order, view.order + session->length, 0);
+    std::iota(view.inverse, view.inverse + session->length, 0);
+    swap_positions(view, drawn.first, 0);
+    std::mt19937_64 random(drawn.seed);
+    for (int32_t last = drawn.length - 1; last > 1; --last) {
+        const uint64_t other = 1 + draw_below(random, static_cast<uint64_t>(last));
+        swap_positions(view, last, static_cast<int32_t>(other));
+    }
+    session->drawn = drawn;
+}
+
+bool trksession_shuffle_again(trksession* session, trksession_draw drawn) noexcept {
+    vel_lock_guard guard(session->lock);
+    if (drawn.length > session->length || drawn.first < 0 || drawn.first >= drawn.length) {
+        return false;
+    }
+    make_order(session, drawn);
+    return true;
+}
+
+int32_t trksession_shuffle_fair(trksession* session) noexcept {
+    int32_t length = 0;
+    {
+        vel_lock_guard guard(session->lock);
+        length = session->length;
+        if (length == 0) {
+            return 0;
+        }
+        if (session->trk_id < 0 || session->trk_id >= length) {
+            errno = ERANGE;
+            return -1;
+        }
+        make_order(session, {new_seed(), length, session->trk_id});
+    }
+    msglog(7, "Shuffled %d tracks starting at index %d.", length, 1);
+    return 0;
+}
+
 extern "C" {
 
 int32_t trksession_shuffle(trksession* session, int32_t start, int32_t count, int32_t current,
@@ -60,6 +129,7 @@ int32_t trksession_shuffle(trksession* session, int32_t start, int32_t count, in
             errno = ERANGE;
             return -1;
         }
+        session->drawn = {};
         const order_view view = {session->order, session->inverse_order};
         if ((flags & TRKSESSION_KEEP_FIRST) != 0) {
             swap_positions(view, view.inverse[current], 0);

@@ -21,6 +21,7 @@ struct player_cfg {
     int32_t update_interval;  /* ms between two positions */
     int32_t progression_mode; /* 0 "ROSP", 1 anything else */
     int32_t recursion_depth;  /* folders below the start folder; -1: no limit */
+    int32_t fair_shuffle;     /* 1: see trksession_shuffle_fair; not for plug-ins */
 };
 
 struct control_block {

@@ -13,6 +13,13 @@
 
 #include "media.h"
 
+/* What a fair shuffle drew: all that is needed to make the same order again. */
+struct trksession_draw {
+    uint64_t seed;
+    int32_t length; /* tracks that were shuffled; 0: the order is not of a fair shuffle */
+    int32_t first;  /* index of the track that came first */
+};
+
 /* Covers a player's pointer to its session and the holds of sessions; a leaf. */
 extern vel_mutex trksession_hold_lock;
 
@@ -27,6 +34,7 @@ struct trksession {
     int32_t length VEL_GUARDED_BY(lock);         /* tracks in `tracks` */
     int32_t* order VEL_GUARDED_BY(lock);         /* owned; track index at a playback position */
     int32_t* inverse_order VEL_GUARDED_BY(lock); /* owned; playback position of a track */
+    trksession_draw drawn VEL_GUARDED_BY(lock);  /* how `order` came about */
     int32_t trk_id VEL_GUARDED_BY(lock);         /* index of the current track */
     int32_t cli_index VEL_GUARDED_BY(lock);      /* the same as clients see it */
     int32_t trk_pos VEL_GUARDED_BY(lock);        /* position in it, in the plug-in's unit */
