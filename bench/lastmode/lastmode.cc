@@ -47,7 +47,7 @@ double restore(player_rig& rig, int32_t tracks) {
     player_close(&mmcontrol, "bench");
     fake_do(rig.fake, "clear");
     const double begin = bench_now();
-    lastmode_database_start();
+    lastmode_database_start(&mmcontrol);
     if (lastmode_restore(&mmcontrol) != 0) {
         bench_give_up("the players cannot be restored");
     }
@@ -113,7 +113,7 @@ void prepare(player_rig& rig, const std::string& source, int32_t tracks) {
                                   LYR_CAP_PLAY | LYR_CAP_BROWSE);
     rig_player("bench", id, 0, -1, "/a");
     fake_do(rig.fake, "rule update result=0");
-    lastmode_database_start();
+    lastmode_database_start(&mmcontrol);
     if (database_initialize(&mmcontrol) != 0) {
         bench_give_up("there is no database");
     }

@@ -215,7 +215,6 @@ int32_t open_database(sqldb_connection* connection) {
     if (connection->database == nullptr) {
         return -1;
     }
-    sqlite3_set_authorizer(connection->database.get(), authorize, connection);
     std::string schema;
     if (!connection->place.client_schema.empty() &&
         sqldb_place_read(connection->place.client_schema, &schema, SQLDB_PLACE_SCHEMA_MAX) != 0 &&
@@ -227,7 +226,11 @@ int32_t open_database(sqldb_connection* connection) {
     if (sqldb_sqlite_text(connection->database.get(), "PRAGMA schema_version", &version) != 0) {
         return -1;
     }
-    return sqldb_sqlite_run(connection->database.get(), schema.c_str());
+    if (sqldb_sqlite_run_schema(connection->database.get(), schema.c_str()) != 0) {
+        return -1;
+    }
+    sqlite3_set_authorizer(connection->database.get(), authorize, connection);
+    return 0;
 }
 
 int32_t copy_to_all(sqldb_connection* connection) {

@@ -36,7 +36,7 @@ int32_t sqldb_layout_of_schema(const std::string& schema, sqldb_layout* layout,
                                std::string* reason) {
     const sqldb_handle scratch =
         sqldb_sqlite_open(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-    if (scratch == nullptr || sqldb_sqlite_run(scratch.get(), schema.c_str()) != 0) {
+    if (scratch == nullptr || sqldb_sqlite_run_schema(scratch.get(), schema.c_str()) != 0) {
         const int32_t error = errno;
         *reason = sqlite3_errmsg(scratch.get());
         errno = error;

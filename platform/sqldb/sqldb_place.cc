@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr int32_t READ_FLAGS = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
 int32_t fail(int32_t error) {
     errno = error;
     return -1;
@@ -93,6 +95,28 @@ int32_t write_all(int fd, std::string_view text) {
     return 0;
 }
 
+/* Reads an open file whole. */
+int32_t read_all(int fd, const struct stat& status, std::string* text, size_t limit) {
+    if (!S_ISREG(status.st_mode)) {
+        return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    }
+    text->clear();
+    char buffer[16384];
+    for (;;) {
+        const ssize_t count = read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count == 0 ? 0 : -1;
+        }
+        text->append(buffer, static_cast<size_t>(count));
+        if (text->size() > limit) {
+            return fail(EFBIG);
+        }
+    }
+}
+
 } // namespace
 
 bool sqldb_place_is_name(std::string_view name) noexcept {
@@ -148,29 +172,22 @@ void sqldb_place_withdraw(const std::string& name) {
 }
 
 int32_t sqldb_place_read(const std::string& path, std::string* text, size_t limit) {
-    const vel_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const vel_fd file(open(path.c_str(), READ_FLAGS));
+    struct stat status;
+    return file.value < 0 || fstat(file.value, &status) != 0
+               ? -1
+               : read_all(file.value, status, text, limit);
+}
+
+int32_t sqldb_place_read_believed(const std::string& path, std::string* text, size_t limit) {
+    const vel_fd file(open(path.c_str(), READ_FLAGS | O_NOFOLLOW));
     struct stat status;
     if (file.value < 0 || fstat(file.value, &status) != 0) {
         return -1;
     }
-    if (!S_ISREG(status.st_mode)) {
-        return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
-    }
-    text->clear();
-    char buffer[16384];
-    for (;;) {
-        const ssize_t count = read(file.value, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return count == 0 ? 0 : -1;
-        }
-        text->append(buffer, static_cast<size_t>(count));
-        if (text->size() > limit) {
-            return fail(EFBIG);
-        }
-    }
+    const bool is_believed = (status.st_uid == paths_user() || status.st_uid == 0) &&
+                             (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    return is_believed ? read_all(file.value, status, text, limit) : fail(EPERM);
 }
 
 int32_t sqldb_place_write(const std::string& path, std::string_view text, bool durable) {

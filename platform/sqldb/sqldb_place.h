@@ -45,6 +45,10 @@ void sqldb_place_withdraw(const std::string& name);
 /* Reads a whole file of at most `limit` bytes (EFBIG). 0, or -1 with errno set. */
 int32_t sqldb_place_read(const std::string& path, std::string* text, size_t limit);
 
+/* The same for a text that is only believed when its file belongs to the user of this service or to
+ * root and nobody else could write it, as the descriptor tells that is read; EPERM otherwise. */
+int32_t sqldb_place_read_believed(const std::string& path, std::string* text, size_t limit);
+
 /* Writes a file aside and renames it into place; with `durable` it is on the disk when it is
  * there. 0, or -1 with errno set. */
 int32_t sqldb_place_write(const std::string& path, std::string_view text, bool durable);

@@ -73,6 +73,8 @@ struct sqldb_service {
     pps_owner watch;                         /* the thread's from here on */
     std::string tail;                        /* of what was read: a line that is not whole yet */
     std::map<std::string, served> databases; /* by name */
+    std::string own_name;                    /* of the database of this process; empty: none */
+    std::string own_text;                    /* its configuration */
 };
 
 namespace {
@@ -86,23 +88,17 @@ void publish_status(sqldb_service* service, const std::string& name, const std::
 }
 
 void withdraw(const std::string& name) {
-    pps_unlink(below(STATUS, name).c_str());
     sqldb_place_withdraw(name);
+    pps_unlink(below(STATUS, name).c_str()); /* last: who sees it go finds no name */
 }
 
-/* The present content of an object. 0, or -1 with errno set. */
-int32_t read_object(const std::string& path, std::string* text) {
-    const pps_owner object(pps_open(path.c_str(), O_RDONLY, 0));
-    if (object == nullptr) {
-        return -1;
-    }
-    text->clear();
-    char buffer[READ_SIZE];
-    ssize_t count = pps_read(object.get(), buffer, sizeof buffer, -1);
-    for (; count > 0; count = pps_read(object.get(), buffer, sizeof buffer, -1)) {
-        text->append(buffer, static_cast<size_t>(count));
-    }
-    return count == 0 ? 0 : -1;
+/* The present content of a configuration object, as far as it is to be believed: its words make
+ * this process open, move and replace files. 0, or -1 with errno set, EPERM for a stranger's. */
+int32_t read_configuration(const std::string& name, std::string* text) {
+    char real[PATH_MAX];
+    return paths_resolve(below(CONFIG, name).c_str(), real, sizeof real) < 0
+               ? -1
+               : sqldb_place_read_believed(real, text, SQLDB_PLACE_TEXT_MAX);
 }
 
 void publish_error(sqldb_service* service, const std::string& name, std::string reason) {
@@ -149,35 +145,50 @@ void release(sqldb_service* service, const std::string& name) {
     }
 }
 
-/* Follows what a configuration object holds now. */
-void follow(sqldb_service* service, const std::string& name) {
+/* What keeps the words of a configuration from being followed. */
+void refuse(sqldb_service* service, const std::string& name, const std::string& reason) {
+    sqldb_report(service->reporter, WARNING, "database " + name + ": " + reason);
+    service->databases[name] = {};
+    publish_error(service, name, reason);
+}
+
+/* Follows the words of a configuration. */
+void follow_text(sqldb_service* service, const std::string& name, const std::string& text) {
     sqldb_place place;
-    std::string text;
     place.name = name;
-    if (read_object(below(CONFIG, name), &text) != 0) {
-        release(service, name);
-        return;
-    }
     const int32_t error = sqldb_place_parse(&place, text, true) == 0 ? 0 : errno;
     if (error == ENODATA) {
         release(service, name); /* the rest is still to be written */
-        return;
-    }
-    if (service->databases.count(name) == 0 && service->databases.size() >= SQLDB_SERVED_MAX) {
-        sqldb_report(service->reporter, WARNING, "too many databases; not served: " + name);
-        return;
-    }
-    served& entry = service->databases[name];
-    if (error != 0) {
+    } else if (error != 0) {
         char buffer[128];
-        const std::string reason = std::string("the paths in the configuration: ") +
-                                   strerror_r(error, buffer, sizeof buffer);
-        sqldb_report(service->reporter, WARNING, "database " + name + ": " + reason);
-        entry = {};
-        publish_error(service, name, reason);
-        return;
+        refuse(service, name,
+               std::string("the paths in the configuration: ") +
+                   strerror_r(error, buffer, sizeof buffer));
+    } else {
+        serve(service, &service->databases[name], std::move(place));
     }
-    serve(service, &entry, std::move(place));
+}
+
+/* Follows what a configuration object holds now. */
+void follow(sqldb_service* service, const std::string& name) {
+    std::string text;
+    if (name == service->own_name) {
+        return; /* known better than any file tells it */
+    }
+    const int32_t error = read_configuration(name, &text) == 0 ? 0 : errno;
+    if (error != 0 && error != EPERM) {
+        release(service, name);
+    } else if (service->databases.count(name) == 0 &&
+               service->databases.size() >= SQLDB_SERVED_MAX) {
+        sqldb_report(service->reporter, WARNING, "too many databases; not served: " + name);
+    } else if (error == EPERM) {
+        refuse(service, name,
+               "its configuration object belongs to another user or others may write it, so it is "
+               "not believed; its writer has to be this service's user or root, with a "
+               "VELORAN_UMASK that takes 022");
+    } else {
+        follow_text(service, name, text);
+    }
 }
 
 /* Follows every object that the text names, once; a line that is not whole waits in the tail. */
@@ -226,8 +237,13 @@ bool follow_next(sqldb_service* service) {
         return false;
     }
     /* The directory has gone, and all that was asked for in it. */
-    while (!service->databases.empty()) {
-        release(service, std::string(service->databases.begin()->first));
+    std::set<std::string> names;
+    for (const auto& database : service->databases) {
+        names.insert(database.first);
+    }
+    names.erase(service->own_name);
+    for (const std::string& name : names) {
+        release(service, name);
     }
     if (open_watch(service) == 0) {
         return true;
@@ -240,6 +256,9 @@ void* run(void* argument) {
     auto* service = static_cast<sqldb_service*>(argument);
     for (;;) {
         try {
+            if (!service->own_name.empty() && service->databases.count(service->own_name) == 0) {
+                follow_text(service, service->own_name, service->own_text);
+            }
             if (!follow_next(service)) {
                 return nullptr;
             }
@@ -291,6 +310,11 @@ void take_options(sqldb_service* service, const sqldb_service_options* options) 
     if (options != nullptr) {
         service->reporter.say = options->say;
         service->reporter.user = options->user;
+        if (options->own_name != nullptr && options->own_text != nullptr &&
+            sqldb_place_is_name(options->own_name)) {
+            service->own_name = options->own_name;
+            service->own_text = options->own_text;
+        }
         service->reporter.defaults =
             options->defaults != nullptr ? options->defaults : SQLDB_DEFAULTS;
     }

@@ -84,6 +84,32 @@ int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept {
     return 0;
 }
 
+/* Making a table or an index also writes to SQLite's own list of them. */
+static int authorize_schema(void*, int action, const char* table, const char*, const char*,
+                            const char*) noexcept {
+    switch (action) {
+    case SQLITE_CREATE_TABLE:
+    case SQLITE_CREATE_INDEX:
+    case SQLITE_REINDEX:
+    case SQLITE_INSERT:
+    case SQLITE_READ: /* of the columns of an index or a check; SELECT is another action */
+        return SQLITE_OK;
+    case SQLITE_UPDATE:
+        return table != nullptr && strcmp(table, "sqlite_master") == 0 ? SQLITE_OK : SQLITE_DENY;
+    default:
+        return SQLITE_DENY;
+    }
+}
+
+int32_t sqldb_sqlite_run_schema(sqlite3* database, const char* text) noexcept {
+    const int attached = sqlite3_limit(database, SQLITE_LIMIT_ATTACHED, 0);
+    sqlite3_set_authorizer(database, authorize_schema, nullptr);
+    const int32_t result = sqldb_sqlite_run(database, text);
+    sqlite3_set_authorizer(database, nullptr, nullptr);
+    (void)sqlite3_limit(database, SQLITE_LIMIT_ATTACHED, attached);
+    return result;
+}
+
 int32_t sqldb_sqlite_text(sqlite3* database, const char* statement, std::string* text) {
     sqlite3_stmt* prepared = nullptr;
     int code = sqlite3_prepare_v2(database, statement, -1, &prepared, nullptr);

@@ -28,6 +28,11 @@ sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept;
 /* Runs a text of statements. 0, or -1 with errno set. */
 int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept;
 
+/* Runs the text of a schema file, which may make tables and indices and put plain values into them,
+ * and nothing else: it is a file that somebody else may have written. 0, or -1 with errno set,
+ * EACCES for anything else. The database has no authorizer afterwards. */
+int32_t sqldb_sqlite_run_schema(sqlite3* database, const char* text) noexcept;
+
 /* The text of the first column of the first row; empty without one. 0, or -1 with errno set. */
 int32_t sqldb_sqlite_text(sqlite3* database, const char* statement, std::string* text);
 

@@ -7,11 +7,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <veloran/lock.h>
 #include <veloran/paths.h>
 
 #include "sqldb_copy.h"
@@ -115,6 +117,28 @@ int32_t check_length(sqlite3* database, const std::string& file) {
     return 0;
 }
 
+/* Whether a file is one that SQLite has made: nobody else's is ours to move or to replace. An empty
+ * one holds nothing that could be lost. Sets the reason otherwise. */
+bool is_ours(const std::string& file, std::string* reason) {
+    constexpr std::string_view HEADER("SQLite format 3", 16);
+    char start[HEADER.size()];
+    const vel_fd opened(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status;
+    if (opened.value < 0 || fstat(opened.value, &status) != 0) {
+        *reason = because(file);
+        return false;
+    }
+    const bool is_file = S_ISREG(status.st_mode);
+    const ssize_t count = is_file ? read(opened.value, start, sizeof start) : 0;
+    if (is_file && (count == 0 || (count > 0 && HEADER == std::string_view(start, count)))) {
+        return true;
+    }
+    *reason = count < 0
+                  ? because(file)
+                  : file + ": no database, so it stays as it is; move it away, or name another";
+    return false;
+}
+
 /* Looks at a database file; `flags` are SQLite's. The reason is set unless it is whole. */
 verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
                 std::string* reason) {
@@ -123,9 +147,8 @@ verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
         *reason = because(file);
         return errno == ENOENT ? verdict::missing : verdict::unknown;
     }
-    if (!S_ISREG(status.st_mode)) {
-        *reason = file + ": no regular file";
-        return verdict::damaged;
+    if (!is_ours(file, reason)) {
+        return verdict::unknown;
     }
     const sqldb_handle database = sqldb_sqlite_open(file.c_str(), flags);
     sqldb_layout present;
@@ -179,7 +202,7 @@ int32_t make_empty(const schema_texts& schemas, const std::string& aside, std::s
         sqldb_sqlite_open(aside.c_str(), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     bool is_made = database != nullptr;
     for (const std::string* text : {&schemas.tables, &schemas.data}) {
-        is_made = is_made && sqldb_sqlite_run(database.get(), text->c_str()) == 0;
+        is_made = is_made && sqldb_sqlite_run_schema(database.get(), text->c_str()) == 0;
     }
     if (!is_made) {
         *reason = because(aside);

@@ -56,20 +56,9 @@ TEST_F(sqldb_damage_test, restores_the_newest_good_backup_and_keeps_the_damaged_
         {"cut", [&] { fs::resize_file(file, good.size() / 2); }},
         {"cut by a byte", [&] { fs::resize_file(file, good.size() - 1); }},
         {"empty", [&] { fs::resize_file(file, 0); }},
-        {"no database", [&] { plant_file(file, "an ordinary text\n"); }},
         {"scribbled",
          [&] { plant_file(file, std::string(good).replace(4096, 4096, 4096, '\x55')); }},
         {"of others", [&] { plant_file(file, foreign); }},
-        {"a folder",
-         [&] {
-             fs::remove(file);
-             plant_file(file + "/inside", "x");
-         }},
-        {"a pipe",
-         [&] {
-             fs::remove(file);
-             ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-         }},
         {"missing, with another's journal",
          [&] {
              fs::remove(file);
@@ -113,17 +102,46 @@ TEST_F(sqldb_damage_test, restores_the_newest_good_backup_and_keeps_the_damaged_
     }
 }
 
+/* Whatever the configuration names: only what SQLite has made is ours to move. */
+TEST_F(sqldb_damage_test, touches_nothing_that_is_no_database) {
+    const struct {
+        const char* what;
+        std::function<void()> plant;
+    } cases[] = {
+        {"a text", [&] { plant_file(file, "an ordinary text\n"); }},
+        {"a short text", [&] { plant_file(file, "SQLite format"); }},
+        {"a folder", [&] { plant_file(file + "/inside", "x"); }},
+        {"a pipe", [&] { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); }},
+    };
+    for (const auto& item : cases) {
+        SCOPED_TRACE(item.what);
+        fs::create_directories(state_path("/db"));
+        fs::remove_all(file);
+        item.plant();
+        configure("music", config);
+        start();
+        ASSERT_TRUE(await_status("music", "no database"));
+        stop();
+        EXPECT_NE(said.find("cannot be used"), std::string::npos) << said;
+        EXPECT_TRUE(fs::exists(file));
+        EXPECT_FALSE(fs::exists(file + ".damaged"));
+    }
+}
+
 TEST_F(sqldb_damage_test, keeps_each_damaged_file_up_to_a_bound) {
+    const auto damage = [](int i) {
+        return std::string("SQLite format 3", 16) + std::to_string(i);
+    };
     serve();
     stop();
     for (int i = 0; i < 12; ++i) {
-        plant_file(file, "damage " + std::to_string(i));
+        plant_file(file, damage(i));
         serve();
         stop();
     }
-    EXPECT_EQ(file_text(file + ".damaged"), "damage 0");
-    EXPECT_EQ(file_text(file + ".damaged.8"), "damage 8");
-    EXPECT_EQ(file_text(file + ".damaged.9"), "damage 11");
+    EXPECT_EQ(file_text(file + ".damaged"), damage(0));
+    EXPECT_EQ(file_text(file + ".damaged.8"), damage(8));
+    EXPECT_EQ(file_text(file + ".damaged.9"), damage(11));
 }
 
 /* A directory that takes no backup does not keep the other from getting one, and keeps its own. */

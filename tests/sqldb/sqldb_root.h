@@ -70,6 +70,8 @@ using result_owner = std::unique_ptr<sqldb_result, result_freer>;
 /* A service side over empty state, and what it said. */
 struct sqldb_test : ::testing::Test {
     sqldb_service* service = nullptr;
+    std::string own_name; /* empty: the test program wants no database for itself */
+    std::string own_text;
     std::mutex said_lock;
     std::string said;
 
@@ -79,7 +81,7 @@ struct sqldb_test : ::testing::Test {
         test->said += std::string(text) + "\n";
     }
     void start() {
-        const sqldb_service_options options = {nullptr, say, this};
+        const sqldb_service_options options = {nullptr, say, this, own_name.c_str(), own_text.c_str()};
         service = sqldb_service_start(&options);
         ASSERT_NE(service, nullptr) << strerror(errno);
     }

@@ -1,4 +1,9 @@
 /* The service side: what configuration objects ask for. */
+#include <functional>
+#include <iostream>
+
+#include <sys/stat.h>
+
 #include "sqldb_root.h"
 
 namespace fs = std::filesystem;
@@ -50,9 +55,9 @@ TEST_F(sqldb_test, there_is_one_in_a_root_and_no_word_of_an_earlier_one) {
     start();
     EXPECT_EQ(status_of("old"), "");
     EXPECT_EQ(connect("old"), nullptr);
+    const std::string configs = the_root->path + "/run/pps/veloran/sqldb/config";
     EXPECT_EQ(sqldb_service_start(nullptr), nullptr);
     EXPECT_EQ(errno, EEXIST);
-    const std::string configs = the_root->path + "/run/pps/veloran/sqldb/config";
     fs::rename(configs, configs + ".moved"); /* the watch goes on where it was */
     configure_valid("music", config_text("music"));
     stop();
@@ -62,6 +67,12 @@ TEST_F(sqldb_test, there_is_one_in_a_root_and_no_word_of_an_earlier_one) {
 
 TEST_F(sqldb_test, says_why_a_database_cannot_be_had) {
     plant_file(the_root->path + "/defaults/bad.sql", "CREATE TABEL songs;");
+    plant_file(the_root->path + "/defaults/attach.sql",
+               "ATTACH '" + state_path("/db/a.db") + "' AS a; CREATE TABLE a.t(x);");
+    plant_file(the_root->path + "/defaults/endless.sql",
+               "CREATE TABLE t AS WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x FROM c) "
+               "SELECT x FROM c;");
+    plant_file(the_root->path + "/defaults/pragma.sql", "PRAGMA writable_schema=1;");
     const std::string schema = "SchemaFile::/db/music.sql\n";
     const struct {
         std::string config;
@@ -72,6 +83,9 @@ TEST_F(sqldb_test, says_why_a_database_cannot_be_had) {
         {"Filename::/db/" + std::string(4000, 'x') + "\n" + schema, "too long"},
         {"Filename::/db/a.db\nSchemaFile::/db/missing.sql\n", "missing.sql: No such file"},
         {"Filename::/db/a.db\nSchemaFile::/db/bad.sql\n", "TABEL"},
+        {"Filename::/db/b.db\nSchemaFile::/db/attach.sql\n", "not authorized"},
+        {"Filename::/db/b.db\nSchemaFile::/db/endless.sql\n", "not authorized"},
+        {"Filename::/db/b.db\nSchemaFile::/db/pragma.sql\n", "not authorized"},
     };
     start();
     for (const auto& item : cases) {
@@ -85,6 +99,52 @@ TEST_F(sqldb_test, says_why_a_database_cannot_be_had) {
     }
     EXPECT_FALSE(fs::exists(state_path("/db/a.db")));
     configure_valid("music", config_text("music"));
+}
+
+/* Words that somebody else may have written make no file, and move none. */
+TEST_F(sqldb_test, believes_only_its_own_user_and_root) {
+    const std::string object = the_root->path + "/run/pps/veloran/sqldb/config/music";
+    const std::string words = config_text("music");
+    const auto refuse = [&](const char* what, const std::function<int()>& plant) {
+        SCOPED_TRACE(what);
+        fs::remove(object);
+        plant_file(object, words);
+        fs::permissions(object, fs::perms(0644));
+        ASSERT_EQ(plant(), 0);
+        start();
+        ASSERT_TRUE(await_status("music", "not believed"));
+        stop();
+        EXPECT_FALSE(fs::exists(state_path("/db/music.db")));
+    };
+    refuse("of its group", [&] { return chmod(object.c_str(), 0664); });
+    refuse("of others", [&] { return chmod(object.c_str(), 0646); });
+    if (geteuid() == 0) {
+        refuse("of another user", [&] { return chown(object.c_str(), 12345, 0); });
+    } else {
+        std::cerr << "not root: no object of another user was tried\n";
+    }
+    /* What the process wants for itself it knows without the object. */
+    own_name = "music";
+    own_text = config_text("own");
+    start();
+    ASSERT_TRUE(await_status("music", "Status::Valid"));
+    EXPECT_TRUE(fs::exists(state_path("/db/own.db")));
+    configure_valid("other", config_text("other"));
+    EXPECT_FALSE(fs::exists(state_path("/db/music.db")));
+}
+
+TEST_F(sqldb_test, schemas_make_tables_and_rows_and_nothing_else) {
+    plant_file(the_root->path + "/defaults/rows.sql",
+               "INSERT INTO songs(name) VALUES('first'); CREATE INDEX i ON songs(number);");
+    plant_file(the_root->path + "/defaults/client.sql",
+               "ATTACH '" + state_path("/db/a.db") + "' AS a; CREATE TABLE a.t(x);");
+    start();
+    configure_valid("music", config_text("music", "DataSchemaFile::/db/rows.sql\n"));
+    EXPECT_EQ(songs_of("music"), "first");
+    configure_valid("last", config_text("last", "ClientSchemaFile::/db/client.sql\n"));
+    EXPECT_EQ(connect("last"), nullptr);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_FALSE(fs::exists(state_path("/db/a.db")));
 }
 
 /* The client half against what others write into its files. */

@@ -53,6 +53,10 @@ struct sqldb_service_options {
      * <veloran/slog.h>. [the service side's thread, and who starts or stops it] */
     void (*say)(void* user, int32_t severity, const char* text) noexcept;
     void* user;
+    /* A database that this process wants for itself, and the text of its configuration: served from
+     * the start to the end, whatever the object of that name holds. Null: none. */
+    const char* own_name;
+    const char* own_text;
 };
 
 extern "C" {
@@ -120,7 +124,9 @@ int32_t sqldb_rollback(sqldb_connection* connection) noexcept;
  * in it are copied. Status objects and connection names that an earlier one left behind are
  * withdrawn before it returns. EEXIST when the runtime root has a service side already.
  *
- * From then on each object below /pps/veloran/sqldb/config is served: a text of the attributes
+ * From then on each object below /pps/veloran/sqldb/config is served whose file belongs to the
+ * service side's user (paths_user) or to root and cannot be written by others; any other one gets
+ * the status Error. It is a text of the attributes
  *   Filename::         the database file; with SchemaFile the only one that must be there
  *   SchemaFile::       SQL that makes the tables; run when the database is made
  *   DataSchemaFile::   SQL that fills them; run after it
@@ -129,14 +135,16 @@ int32_t sqldb_rollback(sqldb_connection* connection) noexcept;
  * (others are passed over; a NUL at the end and a missing last line end are no harm; it is looked
  * at again at each change). The paths are platform paths. A schema file that is missing is copied
  * from the defaults, by its last part; DataSchemaFile and ClientSchemaFile may be missing there
- * too.
+ * too. They may make tables and indices and insert plain values, and nothing else (EACCES).
  *
  * The database is checked: it must be whole and have the tables of SchemaFile with their columns
  * in order. One that is not, or is missing, is replaced by the newest backup that is, else it is
  * made anew; whatever stood in its place is kept beside it as Filename.damaged (.damaged.1 up to
- * .damaged.9; the last one gives way to the next). Then the name is published and the status
- * becomes Valid. When it cannot be had at all, the status becomes Error, and the reason is said.
- * When the object goes, name and status are withdrawn; open connections stay.
+ * .damaged.9; the last one gives way to the next). What is not empty and does not begin as SQLite's
+ * files do is somebody else's: nothing is touched, and the status becomes Error. Then the name is
+ * published and the status becomes Valid. When it cannot be had at all, the status becomes Error,
+ * and the reason is said. When the object goes, name and status are withdrawn; open connections
+ * stay.
  *
  * A status of the present configuration is certain for who writes the object before it starts the
  * service side of its own process. */

@@ -157,7 +157,7 @@ void create_root() {
 
 void restore_lastmode() {
     if (mmcontrol.lastmode == 1) {
-        lastmode_database_start();
+        lastmode_database_start(&mmcontrol);
         (void)lastmode_restore(&mmcontrol);
     }
 }

@@ -125,9 +125,10 @@ static void database_says(void* unused, int32_t severity, const char* text) noex
     msglog(severity > 3 ? severity : 3, "%s", text);
 }
 
-void lastmode_database_start(void) noexcept {
+void lastmode_database_start(const control_block* control) noexcept {
     (void)pps_unlink("/pps/veloran/sqldb/config/lyrane");
-    const sqldb_service_options options = {nullptr, database_says, nullptr};
+    const vel_text text(configuration_text(control));
+    const sqldb_service_options options = {nullptr, database_says, nullptr, "lyrane", text.get()};
     embedded = sqldb_service_start(&options);
     if (embedded == nullptr && errno != EEXIST) {
         msglog(3, "The database service cannot be started: %s", msglog_error_text(errno));

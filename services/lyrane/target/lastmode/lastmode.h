@@ -58,9 +58,10 @@ void* lastmode_thread(void* state) noexcept;
 void free_player_state(player_state** state, int32_t deep) noexcept;
 }
 
-/* Starts the database service inside this process; does nothing when another process has it.
- * Whatever an earlier run left behind is withdrawn. [main] */
-void lastmode_database_start(void) noexcept;
+/* Starts the database service inside this process, which gets its configuration from here and not
+ * from the object; does nothing when another process has it. Whatever an earlier run left behind is
+ * withdrawn. [main] */
+void lastmode_database_start(const control_block* control) noexcept;
 void lastmode_database_stop(void) noexcept;
 
 /* Starts the saves while the service runs, if the configuration wants them: as often as it says at
