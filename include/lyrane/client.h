@@ -95,7 +95,8 @@ int32_t msgclient_putget(msgclient_t* client, const void* request, int32_t reque
                          void* reply, int32_t capacity, int32_t* reply_length, int16_t code)
     LYR_NOEXCEPT;
 
-/* The same, gathered from `request_count` pieces and scattered into `reply_count` pieces. */
+/* The same, gathered from `request_count` pieces and scattered into `reply_count` pieces. Calls
+ * with more than 1,000 of either copy them. */
 int32_t msgclient_putgetv(msgclient_t* client, const struct iovec* request, int32_t request_count,
                           const struct iovec* reply, int32_t reply_count, int32_t* reply_length,
                           int16_t code) LYR_NOEXCEPT;

@@ -80,6 +80,10 @@ void message_channel_destroy(message_channel* channel) noexcept {
     message_channel_release(channel);
 }
 
+void message_set_output_max(message_channel* channel, size_t bytes) noexcept {
+    channel->output_max.store(bytes, std::memory_order_relaxed);
+}
+
 int32_t message_channel_id(const message_channel* channel) noexcept {
     return channel->epoll_fd;
 }

@@ -47,7 +47,7 @@ struct message_connection {
     uint32_t sequence = 0; /* of that message */
     uint32_t interest = 0; /* present epoll events; 0: not in the set */
 
-    bool over_share = false; /* its user may leave no more unread; who answers, for that answer */
+    bool over_share = false; /* it may leave no more unread; who answers, for that answer */
 
     /* The busy receiver's. */
     int offered = -1;     /* descriptor that came with the message in hand, or -1 */
@@ -89,6 +89,7 @@ struct message_channel {
     int wake_fd = -1;
     int32_t limit = 0; /* connections */
     std::atomic<size_t> output_bytes{0};
+    std::atomic<size_t> output_max{MESSAGE_OUTPUT_MAX};
     std::atomic<bool> accept_paused{false}; /* written under lock */
     std::atomic<int32_t> references{1};     /* its maker's, and one of each job of the closer */
     std::atomic<int32_t> unwanted{0};       /* jobs that close descriptors that clients sent */

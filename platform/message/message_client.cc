@@ -59,6 +59,8 @@ namespace {
 constexpr int EVENT_BUFFER_SIZE = 1024 * 1024;
 constexpr size_t PIECES_ON_STACK = 16;
 constexpr size_t SHORT_PACKET = 512;
+/* The system takes 1,024 at a time; one is the frame's. */
+constexpr int32_t PIECES_MAX = 1000;
 
 ssize_t send_looped(int fd, const msghdr* packet) {
     ssize_t sent;
@@ -212,6 +214,34 @@ int32_t receive_reply(message_client* client, iovec* pieces, const iovec* vector
     }
 }
 
+/* message_call with more pieces than the system takes: by way of one buffer for each direction. */
+int32_t call_by_copy(message_client* client, const iovec* send, int32_t send_count,
+                     int32_t descriptor, const iovec* receive, int32_t receive_count,
+                     message_result* result) {
+    const size_t request = total_length(send, send_count);
+    const size_t capacity = total_length(receive, receive_count);
+    const std::unique_ptr<char, vel_free> buffer(
+        static_cast<char*>(std::malloc(request + capacity + 1)));
+    if (buffer == nullptr) {
+        return ENOMEM;
+    }
+    char* end = buffer.get();
+    for (int32_t i = 0; i < send_count; ++i) {
+        end = std::copy_n(static_cast<const char*>(send[i].iov_base), send[i].iov_len, end);
+    }
+    const iovec out{buffer.get(), request};
+    const iovec in{end, capacity};
+    const int32_t error = message_call(client, &out, 1, descriptor, &in, 1, result);
+    size_t left = result->received;
+    for (int32_t i = 0; left > 0; ++i) {
+        const size_t part = std::min(receive[i].iov_len, left);
+        std::copy_n(end, part, static_cast<char*>(receive[i].iov_base));
+        end += part;
+        left -= part;
+    }
+    return error;
+}
+
 } // namespace
 
 extern "C" {
@@ -244,6 +274,9 @@ int32_t message_call(message_client* client, const iovec* send, int32_t send_cou
     *result = message_result{};
     if (client->fd < 0 || client->broken) {
         return client->broken ? EPROTO : EBADF;
+    }
+    if (send_count > PIECES_MAX || receive_count > PIECES_MAX) {
+        return call_by_copy(client, send, send_count, descriptor, receive, receive_count, result);
     }
     iovec on_stack[1 + PIECES_ON_STACK];
     std::unique_ptr<iovec, vel_free> on_heap;

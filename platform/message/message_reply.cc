@@ -88,9 +88,8 @@ int32_t keep_output(message_channel* channel, message_connection* connection,
                     const message_frame& frame, const iovec* vector, int32_t count, size_t sent)
     VEL_REQUIRES(connection->send_lock) {
     const size_t size = frame.length - sent;
-    if (connection->over_share ||
-        channel->output_bytes.load(std::memory_order_relaxed) > MESSAGE_OUTPUT_MAX) {
-        return ENOBUFS;
+    if (connection->over_share) {
+        return ENOMEM;
     }
     auto* output = static_cast<message_output*>(std::malloc(sizeof(message_output) + size));
     if (output == nullptr) {
@@ -163,12 +162,14 @@ int32_t send_reply(message_channel* channel, message_connection* connection,
     return 0;
 }
 
-/* Whether the user has as much unread as one may have. Only when there is that much at all the
- * connections are gone through. */
+/* Whether as much is unread as may be, of all or of the user. Only when there is that much at all
+ * the connections are gone through. */
 bool is_over_share(message_channel* channel, uid_t user) VEL_REQUIRES(channel->lock) {
-    if (user == ROOT ||
-        channel->output_bytes.load(std::memory_order_relaxed) <= MESSAGE_OUTPUT_USER_MAX) {
-        return false;
+    const size_t unread = channel->output_bytes.load(std::memory_order_relaxed);
+    const size_t most = channel->output_max.load(std::memory_order_relaxed);
+    const size_t most_of_user = most / 4 * 3;
+    if (unread > most || user == ROOT || unread <= most_of_user) {
+        return unread > most;
     }
     size_t of_user = 0;
     for (const message_connection* bucket : channel->buckets) {
@@ -177,7 +178,7 @@ bool is_over_share(message_channel* channel, uid_t user) VEL_REQUIRES(channel->l
                 bucket->uid == user ? bucket->output_size.load(std::memory_order_relaxed) : 0;
         }
     }
-    return of_user > MESSAGE_OUTPUT_USER_MAX;
+    return of_user > most_of_user;
 }
 
 /* Finds the message of a receive id, marks it as answered and pins its connection. */
@@ -201,12 +202,19 @@ int32_t answer(message_channel* channel, int64_t rcvid, int32_t status, uint32_t
         errno = ESRCH;
         return -1;
     }
-    const message_frame frame{static_cast<uint32_t>(rcvid), status, flags,
-                              static_cast<uint32_t>(length)};
+    message_frame frame{static_cast<uint32_t>(rcvid), status, flags, static_cast<uint32_t>(length)};
+    /* What is begun must be kept whole, so a long one is not begun. */
+    const bool is_refused = connection->over_share && length > MESSAGE_OUTPUT_SMALL;
+    if (is_refused) {
+        frame = {frame.sequence, ENOMEM, MESSAGE_FRAME_ERROR, 0};
+    }
     int32_t error;
     {
         vel_lock_guard guard(connection->send_lock);
-        error = send_reply(channel, connection, frame, vector, count);
+        error = send_reply(channel, connection, frame, vector, is_refused ? 0 : count);
+    }
+    if (is_refused && error == 0) {
+        error = ENOBUFS;
     }
     if (connection->output_pending.load(std::memory_order_relaxed)) {
         message_flush(channel, connection);

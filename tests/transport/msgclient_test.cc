@@ -99,10 +99,10 @@ TEST(MsgClient, VectorsOfManyPieces) {
     const harness h;
     const scoped_client client;
     std::string request = "e ";
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 2000; ++i) {
         request += static_cast<char>('a' + i % 26);
     }
-    std::string reply(500, '\0');
+    std::string reply(2000, '\0');
     std::vector<iovec> out;
     std::vector<iovec> in;
     for (char& piece : request) {
@@ -112,11 +112,9 @@ TEST(MsgClient, VectorsOfManyPieces) {
         in.push_back({&piece, 1});
     }
     int32_t length = 0;
-    EXPECT_EQ(msgclient_putgetv(client, out.data(), 502, in.data(), 500, &length, 0), 0);
-    EXPECT_EQ(length, 500);
+    EXPECT_EQ(msgclient_putgetv(client, out.data(), 2002, in.data(), 2000, &length, 0), 0);
+    EXPECT_EQ(length, 2000);
     EXPECT_EQ(reply, request.substr(2));
-    out.resize(1001);
-    EXPECT_EQ(msgclient_putv(client, 1, out.data(), 1001, 0), EINVAL);
     EXPECT_EQ(msgclient_putget(client, "", -1, nullptr, 0, nullptr, 0), EINVAL);
 }
 

@@ -23,6 +23,8 @@ static std::string get(msgclient_t* client, uint32_t tag, int32_t capacity = 409
     return status == 0 ? reply : error(status) + reply;
 }
 
+static constexpr int32_t QUEUE_BYTES = MSGSERVER_REPLY_MEMORY / 2 / 4; /* of one connection */
+
 TEST(Reply, OneByteMoreThanTheCapacityIsQueued) {
     harness h;
     const scoped_client client;
@@ -97,14 +99,14 @@ TEST(Reply, QueuesThatNobodyEmptiesAreBounded) {
         for (; queued > 0; --queued) {
             EXPECT_EQ(get(client, 0), "x");
         }
-        const std::string large = "b " + std::to_string(MSGSERVER_QUEUE_BYTES / 2 + 1);
+        const std::string large = "b " + std::to_string(QUEUE_BYTES / 2 + 1);
         EXPECT_EQ(ask(client, large, 0), error(LYR_STATUS_QUEUED));
         EXPECT_EQ(ask(client, large, 0), error(LYR_STATUS_QUEUED));
         EXPECT_EQ(ask(client, large, 0), error(ENOMEM));
         /* What could not be answered must not be carried out. */
         ASSERT_EQ(msgclient_notify_pulse(client, 5), 0);
         EXPECT_EQ(put(client, 1, "e x"), EAGAIN);
-        EXPECT_EQ(get(client, 0, MSGSERVER_QUEUE_BYTES).size(), MSGSERVER_QUEUE_BYTES / 2 + 1);
+        EXPECT_EQ(get(client, 0, QUEUE_BYTES).size(), QUEUE_BYTES / 2 + 1);
         EXPECT_EQ(put(client, 1, large), 0);
     }
     harness_await_connections(&h, 0);
@@ -117,8 +119,8 @@ TEST(Reply, OneUserLeavesRoomInTheQueues) {
     }
     const harness h;
     std::filesystem::permissions(getenv("VELORAN_RUN"), std::filesystem::perms(0755));
-    const std::string large = "b " + std::to_string(MSGSERVER_QUEUE_BYTES / 2 + 1);
-    constexpr size_t FIT = MSGSERVER_QUEUE_USER / MSGSERVER_QUEUE_BYTES;
+    const std::string large = "b " + std::to_string(QUEUE_BYTES / 2 + 1);
+    constexpr size_t FIT = 3; /* of four quarters */
     /* This thread alone is another user while it connects. */
     ASSERT_EQ(syscall(SYS_setresuid, -1, 54321, -1), 0);
     const std::vector<scoped_client> clients(FIT + 1);

@@ -80,11 +80,11 @@ constexpr int32_t MESSAGE_EVENT_PULSE = 4;
 
 constexpr int32_t MESSAGE_CONNECTIONS_MAX = 2048;
 constexpr int32_t MESSAGE_NAMES_MAX = 16; /* names of one channel */
-/* Unsent replies of all connections together, bytes: above it no further client may leave a reply
- * unread; its connection is ended instead. */
-constexpr size_t MESSAGE_OUTPUT_MAX = size_t{256} << 20;
-/* The same for the connections of one user other than root. */
-constexpr size_t MESSAGE_OUTPUT_USER_MAX = MESSAGE_OUTPUT_MAX / 4 * 3;
+/* Unsent replies of all connections together, bytes, unless message_set_output_max says otherwise:
+ * above it a reply of more than MESSAGE_OUTPUT_SMALL bytes is answered ENOMEM instead, and a client
+ * that leaves a smaller one unread is put out. The reply that goes past the bound is kept whole. */
+constexpr size_t MESSAGE_OUTPUT_MAX = size_t{32} << 20;
+constexpr size_t MESSAGE_OUTPUT_SMALL = size_t{64} << 10;
 
 /* --- Channels ----------------------------------------------------------------------------------
  */
@@ -120,6 +120,9 @@ void message_channel_destroy(message_channel* channel) noexcept;
 /* The epoll descriptor, as a number to know the channel by. */
 int32_t message_channel_id(const message_channel* channel) noexcept;
 
+/* Sets the bound of unsent replies, bytes. [any thread] */
+void message_set_output_max(message_channel* channel, size_t bytes) noexcept;
+
 /* Connections at present. */
 int32_t message_channel_connections(message_channel* channel) noexcept;
 
@@ -146,8 +149,8 @@ int32_t message_wake(message_channel* channel) noexcept;
 /* Answers a message with a status and data gathered from a vector (at most INT32_MAX + 28 bytes).
  * Never blocks: what the client does not take at once is copied and sent as it reads. -1: ESRCH
  * (the client has gone, or the message was answered before), EMSGSIZE (too long, nothing was sent),
- * EPIPE (the client has gone while it was sent), ENOMEM, ENOBUFS (no room for what the client does
- * not take; its connection is ended). */
+ * EPIPE (the client has gone while it was sent), ENOBUFS (too much is unread: the client has been
+ * answered ENOMEM), ENOMEM (no room for what the client does not take; its connection is ended). */
 int32_t message_reply(message_channel* channel, int64_t rcvid, int32_t status, const iovec* vector,
                       int32_t count) noexcept;
 

@@ -18,6 +18,7 @@ namespace {
 constexpr int32_t DEFAULT_RECURSION_DEPTH = 4;
 constexpr int32_t DEFAULT_PLAYERS_PER_USER = 192; /* of 256 */
 constexpr int32_t DEFAULT_TRACKS_PER_USER = 4000000;
+constexpr int32_t DEFAULT_REPLY_MEMORY = 64; /* MiB */
 
 enum player_setting {
     AUDIO_OUTPUT,
@@ -141,9 +142,11 @@ void read_limit(pps_decoder* decoder, const char* name, int32_t* limit) {
 void read_limits(control_block* control, pps_decoder* decoder) {
     control->players_per_user = DEFAULT_PLAYERS_PER_USER;
     control->tracks_per_user = DEFAULT_TRACKS_PER_USER;
+    control->reply_memory = DEFAULT_REPLY_MEMORY;
     if (enter(decoder, "limits", PPS_JSON_OBJECT)) {
         read_limit(decoder, "players_per_user", &control->players_per_user);
         read_limit(decoder, "tracks_per_user", &control->tracks_per_user);
+        read_limit(decoder, "reply_memory", &control->reply_memory);
         pps_decoder_pop(decoder);
     }
 }

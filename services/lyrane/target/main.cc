@@ -189,6 +189,7 @@ void create_service() {
     if (mmcontrol.server == nullptr) {
         LOG_FAILED_CALL(1, "msgserver_create()", errno);
     }
+    msgserver_limit_replies(mmcontrol.server, int64_t{mmcontrol.reply_memory} << 20);
     mmcontrol.server->user_data = &mmcontrol;
     msglog(4, "lyrane creating service: %s", mmcontrol.service_name);
     mmcontrol.service_id =

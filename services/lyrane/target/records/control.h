@@ -63,6 +63,7 @@ struct control_block {
     int32_t lastmode_checkpoint;   /* seconds between saves while the service runs; 0: none */
     int32_t players_per_user;      /* most that are open for one user, see user_quota.h */
     int32_t tracks_per_user;       /* most in all sessions of one user */
+    int32_t reply_memory;          /* MiB of replies that may wait for their clients */
     int32_t forgive_lost_clients;  /* 1: who goes without a close gives back its client count */
 
     /* Guards the growth of `plugins` and `mediasources`, the name texts of media sources and what

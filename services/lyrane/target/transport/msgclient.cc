@@ -46,8 +46,6 @@ static_assert(offsetof(msgclient_t, by_path) == 52);
 
 namespace {
 
-/* Pieces of one call: more would not fit into one system call. */
-constexpr int32_t PIECES_MAX = 1000;
 constexpr int32_t PIECES_ON_STACK = 8;
 constexpr size_t VARIANT_ROOM = 64; /* for name and variant together */
 constexpr size_t PATH_SIZE = 128;
@@ -76,7 +74,7 @@ struct call {
 
 /* Bytes of a vector, or -1 when it is not a vector for one call. */
 int32_t vector_length(const iovec* vector, int32_t count) {
-    if (count < 0 || count > PIECES_MAX || (vector == nullptr && count > 0)) {
+    if (count < 0 || (vector == nullptr && count > 0)) {
         return -1;
     }
     size_t total = 0;

@@ -99,7 +99,14 @@ msgserver* msgserver_create(int32_t max_size, int32_t max_queue, uint32_t flags)
         free_server(server);
         return nullptr;
     }
+    msgserver_limit_replies(server, MSGSERVER_REPLY_MEMORY);
     return server;
+}
+
+void msgserver_limit_replies(msgserver* server, int64_t bytes) noexcept {
+    message_set_output_max(server->dispatch, static_cast<size_t>(bytes / 2));
+    vel_lock_guard guard(server->lock);
+    server->queue_max = bytes / 2;
 }
 
 /* No thread uses the server any more, so its lock need not be held. */

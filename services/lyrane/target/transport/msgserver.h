@@ -44,12 +44,10 @@ struct reply_entry;
 constexpr int32_t MSGSERVER_OPENS_MAX = 32;     /* connections of one client socket */
 constexpr int32_t MSGSERVER_INDEX_MAX = 32767;  /* what the header's 16 bits can say */
 constexpr int32_t MSGSERVER_QUEUE_ENTRIES = 64; /* queued replies of one connection */
-/* Bytes queued for one connection, and for all: nothing more is queued above them. The reply that
- * goes past a bound is still queued whole, whatever its size. */
-constexpr int64_t MSGSERVER_QUEUE_BYTES = int64_t{16} << 20;
-constexpr int64_t MSGSERVER_QUEUE_TOTAL = int64_t{256} << 20;
-/* The same for the connections of one user other than root. */
-constexpr int64_t MSGSERVER_QUEUE_USER = MSGSERVER_QUEUE_TOTAL / 4 * 3;
+/* Bytes of replies that wait, half of them queued and half sent and not read, unless
+ * msgserver_limit_replies says otherwise. One user other than root has three quarters of it, one
+ * connection's queue a quarter. The reply that goes past a bound is still kept whole. */
+constexpr int64_t MSGSERVER_REPLY_MEMORY = int64_t{64} << 20;
 
 /* Callbacks of a service; called without the server lock. The worker makes exactly one reply call
  * for a request before its thread receives again; a CSM_PUT may instead be answered at any later
@@ -85,6 +83,7 @@ struct msgserver {
     vel_mutex lock;
     slot_table services VEL_GUARDED_BY(lock);  /* of service */
     int64_t queued_bytes VEL_GUARDED_BY(lock); /* of all connections */
+    int64_t queue_max VEL_GUARDED_BY(lock);    /* above it nothing more is queued, bytes */
 };
 
 /* The registered path of a service: who may open it. */
@@ -154,6 +153,9 @@ extern "C" {
  * queue limit. Null with errno set; EPERM: flags without MSGSERVER_NO_CAPABILITIES, and no
  * capability service answers. */
 msgserver* msgserver_create(int32_t max_size, int32_t max_queue, uint32_t flags) noexcept;
+
+/* Sets how many bytes of replies may wait, above 0. [any thread] */
+void msgserver_limit_replies(msgserver* server, int64_t bytes) noexcept;
 
 /* Frees a server that no thread uses any more, with all its connections, without callbacks. Null is
  * allowed. A process that ends need not call it. */

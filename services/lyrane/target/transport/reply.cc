@@ -107,6 +107,16 @@ reply_entry* take_entry(osb* connection, uint32_t tag, int32_t capacity, int32_t
     return entry;
 }
 
+/* Makes an entry the newest one. */
+void put_newest(osb* connection, reply_entry* entry) {
+    vel_lock_guard guard(connection->server->lock);
+    entry->next = connection->queue;
+    connection->queue = entry;
+    connection->queue_length += 1;
+    connection->queue_bytes += entry->length;
+    connection->server->queued_bytes += entry->length;
+}
+
 bool has_room(osb* connection) {
     vel_lock_guard guard(connection->server->lock);
     return reply_queue_has_room(connection);
@@ -179,19 +189,15 @@ int32_t put_queue(osb* connection, int32_t status, uint32_t tag, const iovec* ve
             out += vector[i].iov_len;
         }
     }
-    vel_lock_guard guard(connection->server->lock);
-    entry->next = connection->queue;
-    connection->queue = entry;
-    connection->queue_length += 1;
-    connection->queue_bytes += length;
-    connection->server->queued_bytes += length;
+    put_newest(connection, entry);
     return 0;
 }
 
 /* Only when there is as much as one user may have queued, the connections are gone through. */
 static bool user_has_room(const osb* connection) noexcept VEL_REQUIRES(connection->server->lock) {
     constexpr uid_t root = 0;
-    if (connection->uid == root || connection->server->queued_bytes < MSGSERVER_QUEUE_USER) {
+    const int64_t most = connection->server->queue_max / 4 * 3;
+    if (connection->uid == root || connection->server->queued_bytes < most) {
         return true;
     }
     int64_t of_user = 0;
@@ -203,13 +209,14 @@ static bool user_has_room(const osb* connection) noexcept VEL_REQUIRES(connectio
             of_user += other != nullptr && other->uid == connection->uid ? other->queue_bytes : 0;
         }
     }
-    return of_user < MSGSERVER_QUEUE_USER;
+    return of_user < most;
 }
 
 bool reply_queue_has_room(const osb* connection) noexcept {
+    const msgserver* server = connection->server;
     return connection->queue_length < MSGSERVER_QUEUE_ENTRIES &&
-           connection->queue_bytes < MSGSERVER_QUEUE_BYTES &&
-           connection->server->queued_bytes < MSGSERVER_QUEUE_TOTAL && user_has_room(connection);
+           connection->queue_bytes < server->queue_max / 4 &&
+           server->queued_bytes < server->queue_max && user_has_room(connection);
 }
 
 void reply_queue_clear(osb* connection) noexcept {
@@ -240,7 +247,10 @@ void reply_fetch(osb* connection, recv_context* context) noexcept {
         return;
     }
     pieces[1] = {reply_entry_data(entry), static_cast<size_t>(length)};
-    (void)message_reply(channel, context->rcvid, entry->status, pieces, 2);
+    if (message_reply(channel, context->rcvid, entry->status, pieces, 2) != 0 && errno == ENOBUFS) {
+        put_newest(connection, entry); /* the client was told that there is no room now */
+        return;
+    }
     std::free(entry);
 }
 
