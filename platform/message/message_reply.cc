@@ -162,10 +162,18 @@ int32_t send_reply(message_channel* channel, message_connection* connection,
     return 0;
 }
 
-/* Whether as much is unread as may be, of all or of the user. Only when there is that much at all
- * the connections are gone through. */
-bool is_over_share(message_channel* channel, uid_t user) VEL_REQUIRES(channel->lock) {
-    const size_t unread = channel->output_bytes.load(std::memory_order_relaxed);
+/* Answers that there is no room. The error number. Not inlined: it would cost every answer. */
+[[gnu::noinline]] int32_t refuse_reply(message_channel* channel, message_connection* connection,
+                                       uint32_t sequence) VEL_REQUIRES(connection->send_lock) {
+    const message_frame refusal{sequence, ENOMEM, MESSAGE_FRAME_ERROR, 0};
+    const int32_t error = send_reply(channel, connection, refusal, nullptr, 0);
+    return error != 0 ? error : ENOBUFS;
+}
+
+/* Whether as much is unread as may be, of all or of the user, when anything is. Only when there is
+ * as much as a user may have the connections are gone through. */
+bool is_over_share(message_channel* channel, size_t unread, uid_t user)
+    VEL_REQUIRES(channel->lock) {
     const size_t most = channel->output_max.load(std::memory_order_relaxed);
     const size_t most_of_user = most / 4 * 3;
     if (unread > most || user == ROOT || unread <= most_of_user) {
@@ -190,7 +198,8 @@ message_connection* claim_answer(message_channel* channel, int64_t rcvid) {
         return nullptr;
     }
     connection->answered = true;
-    connection->over_share = is_over_share(channel, connection->uid);
+    const size_t unread = channel->output_bytes.load(std::memory_order_relaxed);
+    connection->over_share = unread > 0 && is_over_share(channel, unread, connection->uid);
     connection->pins += 1;
     return connection;
 }
@@ -202,19 +211,15 @@ int32_t answer(message_channel* channel, int64_t rcvid, int32_t status, uint32_t
         errno = ESRCH;
         return -1;
     }
-    message_frame frame{static_cast<uint32_t>(rcvid), status, flags, static_cast<uint32_t>(length)};
-    /* What is begun must be kept whole, so a long one is not begun. */
-    const bool is_refused = connection->over_share && length > MESSAGE_OUTPUT_SMALL;
-    if (is_refused) {
-        frame = {frame.sequence, ENOMEM, MESSAGE_FRAME_ERROR, 0};
-    }
+    const message_frame frame{static_cast<uint32_t>(rcvid), status, flags,
+                              static_cast<uint32_t>(length)};
     int32_t error;
     {
         vel_lock_guard guard(connection->send_lock);
-        error = send_reply(channel, connection, frame, vector, is_refused ? 0 : count);
-    }
-    if (is_refused && error == 0) {
-        error = ENOBUFS;
+        /* What is begun must be kept whole, so a long one is not begun. */
+        error = connection->over_share && length > MESSAGE_OUTPUT_SMALL
+                    ? refuse_reply(channel, connection, frame.sequence)
+                    : send_reply(channel, connection, frame, vector, count);
     }
     if (connection->output_pending.load(std::memory_order_relaxed)) {
         message_flush(channel, connection);
