@@ -30,6 +30,7 @@ struct sqldb_connection {
     std::string text;          /* of the present statement; kept for its memory */
     sqldb_result_owner result; /* of the last statement, until it is taken */
     int32_t lost = 0;          /* errno of the loss of the transaction */
+    int32_t unwritable = 0;    /* errno of each write, as sqldb_sqlite_open_saved tells it */
     bool inside = false;       /* what runs is this module's own */
 };
 
@@ -101,9 +102,13 @@ int32_t gather(sqldb_connection* connection, sqlite3_stmt* statement) {
 }
 
 int32_t execute(sqldb_connection* connection, sqlite3_stmt* statement) {
-    if (sqlite3_stmt_readonly(statement) == 0 && !in_transaction(connection) &&
-        run_inside(connection, "BEGIN IMMEDIATE") != 0) {
-        return -1;
+    if (sqlite3_stmt_readonly(statement) == 0) {
+        if (connection->unwritable != 0) {
+            return fail(connection->unwritable);
+        }
+        if (!in_transaction(connection) && run_inside(connection, "BEGIN IMMEDIATE") != 0) {
+            return -1;
+        }
     }
     const bool was_inside = in_transaction(connection);
     if (gather(connection, statement) == 0) {
@@ -211,7 +216,8 @@ int32_t open_place(sqldb_connection* connection, const char* name) {
 }
 
 int32_t open_database(sqldb_connection* connection) {
-    connection->database = sqldb_sqlite_open(connection->place.file.c_str(), SQLITE_OPEN_READWRITE);
+    connection->database =
+        sqldb_sqlite_open_saved(connection->place.file.c_str(), &connection->unwritable);
     if (connection->database == nullptr) {
         return -1;
     }

@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <veloran/sqldb.h>
@@ -59,19 +61,66 @@ int32_t sqldb_sqlite_errno(sqlite3* database, int code) noexcept {
     }
 }
 
-sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept {
+static sqldb_handle open_with(const char* path, int flags, const char* setup,
+                              const char* vfs = nullptr) noexcept {
     sqlite3* opened = nullptr;
-    const int code = sqlite3_open_v2(path, &opened,
-                                     flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
+    const int code =
+        sqlite3_open_v2(path, &opened, flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, vfs);
     sqldb_handle database(opened);
     if (code != SQLITE_OK) {
         errno = sqldb_sqlite_errno(opened, code);
         return nullptr;
     }
     sqlite3_busy_timeout(opened, SQLDB_BUSY_MS);
-    if (sqldb_sqlite_run(opened, "PRAGMA synchronous=FULL") != 0) {
-        return nullptr;
+    return sqldb_sqlite_run(opened, setup) == 0 ? std::move(database) : nullptr;
+}
+
+sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept {
+    return open_with(path, flags, "PRAGMA synchronous=FULL");
+}
+
+/* A path as part of a URI. */
+static std::string uri_of(const std::string& path) {
+    std::string uri = "file:";
+    for (const char letter : path) {
+        const bool is_special = letter == '%' || letter == '?' || letter == '#';
+        uri += is_special ? (letter == '%'   ? "%25"
+                             : letter == '?' ? "%3f"
+                                             : "%23")
+                          : std::string(1, letter);
     }
+    return uri;
+}
+
+/* Opens a database without making what its readers share beside it, for which there is no room or
+ * no right, and so nobody else has it open; no lock is taken. What a crash has left in the journal
+ * counts: only without one the file is taken as it is. */
+static sqldb_handle open_alone(const std::string& path) {
+    struct stat journal;
+    if (stat((path + "-wal").c_str(), &journal) == 0 && journal.st_size > 0) {
+        return open_with(path.c_str(), SQLITE_OPEN_READONLY,
+                         "PRAGMA locking_mode=EXCLUSIVE; PRAGMA schema_version", "unix-none");
+    }
+    return open_with((uri_of(path) + "?immutable=1").c_str(),
+                     SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, "PRAGMA schema_version");
+}
+
+sqldb_handle sqldb_sqlite_open_saved(const char* path, int32_t* unwritable) {
+    *unwritable = 0;
+    sqldb_handle database = sqldb_sqlite_open(path, SQLITE_OPEN_READWRITE);
+    if (database != nullptr) {
+        *unwritable = sqlite3_db_readonly(database.get(), "main") > 0 ? EROFS : 0;
+        return database;
+    }
+    /* A lock for writing cannot be had of a descriptor that only reads. */
+    const int32_t error = errno == EBADF ? EROFS : errno;
+    for (const int32_t kind : {EROFS, EACCES, EPERM, ENOSPC, EDQUOT}) {
+        if (error == kind) {
+            *unwritable = error;
+            database = open_alone(path);
+        }
+    }
+    errno = error;
     return database;
 }
 

@@ -25,6 +25,11 @@ int32_t sqldb_sqlite_errno(sqlite3* database, int code) noexcept;
  * waited for. Null with errno set; a file that is no database shows at the first access only. */
 sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept;
 
+/* The same for reading and writing. Where the disk is full or nothing may be written, what is saved
+ * can still be read: the database is opened for that alone, and *unwritable tells why, as an errno;
+ * else it is 0. */
+sqldb_handle sqldb_sqlite_open_saved(const char* path, int32_t* unwritable);
+
 /* Runs a text of statements. 0, or -1 with errno set. */
 int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept;
 

@@ -139,8 +139,16 @@ bool is_ours(const std::string& file, std::string* reason) {
     return false;
 }
 
-/* Looks at a database file; `flags` are SQLite's. The reason is set unless it is whole. */
-verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
+/* Opens a database for a look: for reading and writing if `unwritable` is not null, which gets what
+ * sqldb_sqlite_open_saved tells, else for reading alone. */
+sqldb_handle open_to_inspect(const std::string& file, int32_t* unwritable) {
+    return unwritable != nullptr ? sqldb_sqlite_open_saved(file.c_str(), unwritable)
+                                 : sqldb_sqlite_open(file.c_str(), SQLITE_OPEN_READONLY);
+}
+
+/* Looks at a database file, opened as open_to_inspect does. The reason is set unless it is whole.
+ */
+verdict inspect(const std::string& file, const sqldb_layout& wanted, int32_t* unwritable,
                 std::string* reason) {
     struct stat status;
     if (stat(file.c_str(), &status) != 0) {
@@ -150,7 +158,7 @@ verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
     if (!is_ours(file, reason)) {
         return verdict::unknown;
     }
-    const sqldb_handle database = sqldb_sqlite_open(file.c_str(), flags);
+    const sqldb_handle database = open_to_inspect(file, unwritable);
     sqldb_layout present;
     if (database == nullptr || sqldb_copy_check(database.get()) != 0 ||
         check_length(database.get(), file) != 0 || sqldb_layout_of(database.get(), &present) != 0) {
@@ -163,7 +171,7 @@ verdict inspect(const std::string& file, int flags, const sqldb_layout& wanted,
     }
     /* Writers beside readers, one synchronisation a commit; kept in the file. Where it cannot be
      * had, the ordinary journal serves as well. */
-    if ((flags & SQLITE_OPEN_READWRITE) != 0) {
+    if (unwritable != nullptr && *unwritable == 0) {
         sqldb_sqlite_run(database.get(), "PRAGMA journal_mode=WAL");
     }
     return verdict::whole;
@@ -222,7 +230,7 @@ int32_t make_replacement(const sqldb_place& place, const schema_texts& schemas,
                          std::string* origin, std::string* reason) {
     for (const std::string& backup : find_backups(place)) {
         std::string flaw;
-        if (inspect(backup, SQLITE_OPEN_READONLY, schemas.layout, &flaw) != verdict::whole) {
+        if (inspect(backup, schemas.layout, nullptr, &flaw) != verdict::whole) {
             sqldb_report(reporter, WARNING, "backup not used: " + flaw);
             continue;
         }
@@ -292,7 +300,8 @@ int32_t prepare(const sqldb_place& place, const sqldb_reporter& reporter, std::s
     if (load_schemas(place, reporter, &schemas, reason) != 0) {
         return -1;
     }
-    verdict state = inspect(place.file, SQLITE_OPEN_READWRITE, schemas.layout, reason);
+    int32_t unwritable = 0;
+    verdict state = inspect(place.file, schemas.layout, &unwritable, reason);
     if (state == verdict::damaged) {
         sqldb_report(reporter, WARNING, "database " + place.name + " is damaged: " + *reason);
     }
@@ -300,7 +309,14 @@ int32_t prepare(const sqldb_place& place, const sqldb_reporter& reporter, std::s
         if (replace(place, schemas, state, reporter, reason) != 0) {
             return -1;
         }
-        state = inspect(place.file, SQLITE_OPEN_READWRITE, schemas.layout, reason);
+        state = inspect(place.file, schemas.layout, &unwritable, reason);
+    }
+    if (state == verdict::whole && unwritable != 0) {
+        errno = unwritable;
+        sqldb_report(reporter, WARNING,
+                     because("database " + place.name +
+                             " can be read, but nothing can be saved in " + place.file) +
+                         "; give it room and the right to write");
     }
     return state == verdict::whole ? 0 : -1;
 }

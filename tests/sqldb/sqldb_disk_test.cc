@@ -74,6 +74,12 @@ TEST_F(sqldb_disk_test, a_full_disk_takes_all_of_a_save_or_nothing) {
         sqldb_disconnect(music);
     }
     EXPECT_EQ(file_text(backup), older);
+    fs::remove(file + "-shm"); /* as after a reboot */
+    stop();
+    fill();
+    begin("Status::Valid");
+    EXPECT_EQ(songs_of("music"), "first");
+    EXPECT_NE(said.find("nothing can be saved"), std::string::npos) << said;
     fs::remove(filler);
     EXPECT_EQ(songs_of("music"), "first");
     EXPECT_EQ(said.find("damaged"), std::string::npos) << said;
@@ -99,16 +105,32 @@ TEST_F(sqldb_disk_test, a_full_disk_delays_the_restoration) {
 }
 
 TEST_F(sqldb_disk_test, a_disk_that_may_not_be_written_is_left_alone) {
-    set_writable(false);
-    sqldb_connection* music = connect("music");
-    EXPECT_TRUE(music == nullptr || add_song(music, "second") != 0);
-    EXPECT_EQ(errno, EROFS);
-    sqldb_disconnect(music);
-    begin("Read-only");
-    set_writable(true);
-    begin("Status::Valid");
-    EXPECT_EQ(songs_of("music"), "first");
-    stop();
+    std::string wanted = "first";
+    for (const char* next : {" second", " third"}) {
+        set_writable(false);
+        begin("Status::Valid");
+        EXPECT_EQ(songs_of("music"), wanted);
+        sqldb_connection* music = connect("music");
+        EXPECT_EQ(add_song(music, "lost"), -1);
+        EXPECT_EQ(errno, EROFS);
+        EXPECT_EQ(sqldb_disconnect(music), 0);
+        EXPECT_NE(said.find("nothing can be saved"), std::string::npos) << said;
+        set_writable(true);
+        begin("Status::Valid");
+        /* Next time with a journal, as after a crash. */
+        music = connect("music");
+        ASSERT_EQ(add_song(music, next + 1), 0);
+        wanted += next;
+        ASSERT_EQ(sqldb_commit(music), 0);
+        fs::copy(file, file + ".crash");
+        fs::copy(file + "-wal", file + ".crash-wal");
+        ASSERT_EQ(sqldb_disconnect(music), 0);
+        stop();
+        fs::rename(file + ".crash", file);
+        fs::rename(file + ".crash-wal", file + "-wal");
+        said.clear();
+    }
+    fs::remove(file + "-wal");
     fs::remove(file);
     set_writable(false);
     begin("Read-only");

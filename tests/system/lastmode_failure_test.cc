@@ -1,12 +1,16 @@
 /* Databases that are not as they should be, and places where none can be had: the line about it,
  * and a service that plays. */
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <veloran/lock.h>
@@ -109,6 +113,23 @@ struct served_by_us {
 };
 
 } // namespace
+
+TEST_F(lastmode_failure_test, a_disk_that_may_not_be_written_gives_what_it_holds) {
+    const std::string state = rig.daemon.root + "/state";
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(state.c_str(), state.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        mount("none", state.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+        GTEST_SKIP() << "nothing may be mounted: " << strerror(errno);
+    }
+    const size_t from = daemon_log_mark(rig.daemon);
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(daemon_await_log(rig.daemon, "Last mode trksession is created", from));
+    EXPECT_EQ(restored(), 3);
+    EXPECT_TRUE(said("nothing can be saved", from));
+    stop();
+    EXPECT_EQ(umount(state.c_str()), 0);
+}
 
 TEST_F(lastmode_failure_test, rows_edited_by_hand) {
     const struct {

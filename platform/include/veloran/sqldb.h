@@ -62,7 +62,8 @@ struct sqldb_service_options {
 extern "C" {
 
 /* Opens a database by its connection name. `flags` must be 0 (EINVAL). ENOENT when no service side
- * serves the name. The client schema file, if there is one, is run on the new connection. The
+ * serves the name. Where the disk is full or may not be written, what is saved can still be read, and
+ * each statement that writes fails with ENOSPC, EDQUOT, EROFS or EACCES. The client schema file, if there is one, is run on the new connection. The
  * connection belongs to the caller. */
 sqldb_connection* sqldb_connect(const char* name, uint32_t flags) noexcept;
 
