@@ -352,6 +352,83 @@ TEST_F(lastmode_failure_test, a_fair_order_comes_back) {
     EXPECT_EQ(count("lyrane_orders"), "0");
 }
 
+/* A track that was being opened in a crash, and no other, is passed over at the next start and by
+ * what walks the session, until a client jumps to it or an orderly end. */
+TEST_F(lastmode_failure_test, a_track_that_crashes_the_service_is_passed_over) {
+    static constexpr char OTHER[] = "other";
+    const struct {
+        const char* rule;  /* of a plug-in that crashes ... */
+        const char* event; /* ... "": while it restores, else behind that, once it plays */
+        int signal;
+        int32_t index; /* of its track at the next start; it was 1 */
+    } rows[] = {
+        {"\nrule attach signal=6", "", SIGABRT, 2},
+        {"\nrule play signal=6", "", SIGABRT, 2},               /* on the way to its sound */
+        {"\nrule attach id=/a/t0 signal=6", OTHER, SIGABRT, 1}, /* in another player's call */
+        {"", "position value=5", SIGABRT, 1},                   /* is heard */
+        {"", "position value=0", SIGKILL, 1},                   /* nobody's fault */
+        {"", "position value=0", SIGABRT, 2},                   /* moves nothing */
+    };
+    constexpr char PASSED_OVER[] = "Player p: /a/t1 is passed over";
+    const std::string notes = file() + ".opening";
+    const auto index = [this] {
+        EXPECT_EQ(daemon_settle(rig.daemon, saved_restoring, 0), 0);
+        EXPECT_EQ(request_open(rig.client, "p"), 0);
+        return request_current(rig.client).index;
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.rule + std::string(row.event) + std::to_string(row.signal));
+        put_back();
+        fs::remove(notes);
+        rig.daemon.plugins = {{"disk", std::string("source disk") + row.rule, {}}};
+        if (row.event[0] == '\0') {
+            ASSERT_TRUE(daemon_spawn(rig.daemon));
+            EXPECT_EQ(daemon_wait(rig.daemon), 128 + row.signal);
+        } else {
+            ASSERT_TRUE(start());
+            fake_do(rig.disk, "await play 1 returned=1");
+            EXPECT_EQ(index(), 1);
+            uint64_t other = 0;
+            if (row.event == OTHER) {
+                EXPECT_EQ(request_open(rig.client, "q"), 0);
+                EXPECT_NE(request_create(rig.client, 0, "/a", -1, 0, &other), 0);
+            } else {
+                EXPECT_EQ(fake_number(rig.disk, "event %s", row.event), 0);
+            }
+            EXPECT_EQ(rig_stop(rig, row.signal), 128 + row.signal);
+        }
+        rig.daemon.plugins = {{"disk", "source disk", {}}};
+        const size_t mark = daemon_log_mark(rig.daemon);
+        ASSERT_TRUE(start());
+        EXPECT_EQ(index(), row.index);
+        EXPECT_EQ(said(PASSED_OVER, mark), row.index == 2);
+        EXPECT_EQ(request_state(rig.client).status, LYR_STATUS_PLAYING);
+        if (row.index == 2) {
+            EXPECT_EQ(request_simple(rig.client, LYR_MSG_PREVIOUS), 0);
+            EXPECT_EQ(index(), 2);
+            EXPECT_EQ(request_number(rig.client, LYR_MSG_JUMP, 0), 0);
+            EXPECT_EQ(fake_number(rig.disk, "event finished"), 0);
+            EXPECT_EQ(index(), 2);
+            EXPECT_EQ(fake_number(rig.disk, "event position value=5"), 0);
+        }
+        EXPECT_EQ(rig_stop(rig, row.index == 2 ? SIGABRT : SIGTERM),
+                  row.index == 2 ? 128 + SIGABRT : 0);
+        ASSERT_TRUE(start()); /* a crash does not make it better, an orderly end does */
+        EXPECT_EQ(index(), row.index == 2 ? 2 : 1);
+        EXPECT_EQ(request_number(rig.client, LYR_MSG_JUMP, 1), 0);
+        EXPECT_EQ(index(), 1);
+        stop();
+    }
+    /* After an orderly end nothing is suspected; what others put in the place is not used. */
+    EXPECT_EQ(fs::file_size(notes), 0U);
+    fs::remove(notes);
+    fs::create_symlink(rig.daemon.root + "/planted", notes);
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(said(".opening: "));
+    EXPECT_EQ(rig_stop(rig, SIGABRT), 128 + SIGABRT);
+    EXPECT_FALSE(fs::exists(rig.daemon.root + "/planted"));
+}
+
 /* Somebody else writes for longer than a statement waits: all of a save is made again, and that it
  * failed is said once. */
 TEST_F(lastmode_failure_test, another_writer_is_outlasted) {

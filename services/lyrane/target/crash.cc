@@ -13,6 +13,7 @@
 #include <veloran/process.h>
 
 #include "msglog.h"
+#include "plugin_opening.h"
 #include "plugin_watch.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -27,7 +28,8 @@
 #if !defined(LYRANE_SANITIZER_REPORTS)
 namespace {
 
-constexpr int FATAL[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+/* Among them what libraries end a process by on purpose: SIGABRT, SIGTRAP. */
+constexpr int FATAL[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
 constexpr int32_t SEVERITY = 2;
 constexpr int FRAMES = 48;
 constexpr unsigned LIMIT_SECONDS = 2;
@@ -93,6 +95,7 @@ void crashed(int signal) {
     sigaddset(&alarm_alone, SIGALRM);
     pthread_sigmask(SIG_UNBLOCK, &alarm_alone, nullptr);
     alarm(LIMIT_SECONDS);
+    plugin_opening_crashed();
     say_what(signal);
     say_frames();
     raise(signal);
@@ -114,5 +117,16 @@ void crash_prepare(void) noexcept {
     }
 }
 #else
-void crash_prepare(void) noexcept {}
+/* The other signals are the sanitizer's. */
+static void aborted(int signal) {
+    plugin_opening_crashed();
+    raise(signal);
+}
+
+void crash_prepare(void) noexcept {
+    struct sigaction action = {};
+    action.sa_handler = aborted;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGABRT, &action, nullptr);
+}
 #endif

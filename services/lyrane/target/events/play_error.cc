@@ -8,6 +8,7 @@
 #include "player_commands.h"
 #include "player_publish.h"
 #include "plugin_call.h"
+#include "plugin_opening.h"
 #include "trksession.h"
 #include "trksession_build.h"
 #include "trksession_walk.h"
@@ -21,7 +22,8 @@ static int32_t give_up(player* player) noexcept VEL_REQUIRES(player->lock) {
 
 /* Attaches and plays one track. False when the plug-in refuses either. */
 static bool try_track(trksession* session, const medianode* track) noexcept {
-    if (plugin_call_attach(session->ms_session, track) != 0) {
+    if (plugin_opening_suspects(session->ms_session, track) ||
+        plugin_call_attach(session->ms_session, track) != 0) {
         msglog(7, "Retry with a new track due to attach_medianode failure");
         return false;
     }

@@ -11,6 +11,7 @@
 #include "player_pin.h"
 #include "player_publish.h"
 #include "plugin_call.h"
+#include "plugin_opening.h"
 #include "trksession.h"
 #include "trksession_walk.h"
 
@@ -71,6 +72,10 @@ static int32_t position_updated(player* player, const void* handle, uint32_t beg
     if (position > 0) {
         player->error_run = 0;
     }
+    /* A plug-in may report a seek that waits for the play; only what moves on is heard. */
+    if (position != trksession_current(player->trksession).trk_pos) {
+        plugin_opening_heard(player->trksession->ms_session);
+    }
     trksession_set_position(player->trksession, position);
     player_publish_status(player, position);
     return 0;
@@ -104,6 +109,7 @@ static int32_t track_finished(player* player, const void* handle, uint32_t began
     }
     player->error_run = 0;
     trksession* session = player->trksession;
+    plugin_opening_over(session->ms_session);
     if (session->ms_session->player_mode == 0) {
         msglog(6, "The trksession finished its playing in device mode");
         player_show_stopped(player);

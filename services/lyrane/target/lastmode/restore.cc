@@ -13,6 +13,7 @@
 #include "msglog.h"
 #include "player_pin.h"
 #include "player_registry.h"
+#include "plugin_opening.h"
 #include "user_quota.h"
 
 static constexpr char CONNECTION[] = "/dev/sqldb/lyrane";
@@ -227,6 +228,7 @@ bool lastmode_was_read(void) noexcept {
 extern "C" {
 
 int32_t lastmode_restore(control_block* control) noexcept {
+    plugin_opening_load(control->database);
     const int32_t ready = database_initialize(control);
     if (ready != 0) {
         return ready;

@@ -11,6 +11,7 @@
 #include "lastmode.h"
 #include "lastmode_threads.h"
 #include "msglog.h"
+#include "plugin_opening.h"
 
 static constexpr char CONNECTION[] = "/dev/sqldb/lyrane";
 static constexpr char CONFIGURATION[] = "/pps/veloran/sqldb/config/lyrane";
@@ -365,6 +366,7 @@ int32_t players_save_state(control_block* control) noexcept {
         (void)sqldb_disconnect(connection);
         return -1;
     }
+    plugin_opening_saved();
     (void)sqldb_backup(connection, SQLDB_SCOPE_ALL);
     msglog(7, "The lastmode audio trksession backup is done");
     (void)sqldb_disconnect(connection); /* nothing is left to commit */

@@ -6,6 +6,7 @@
 #include "msglog.h"
 #include "player.h"
 #include "plugin_browsing.h"
+#include "plugin_opening.h"
 #include "plugin_watch.h"
 
 /* Depth, because a plug-in's thread may enter a second plug-in from a disconnection callback. */
@@ -108,6 +109,7 @@ void* plugin_call_browse_create(const lyr_browse_api* api, const mediasource_ses
 
 void plugin_call_play_destroy(const mediasource_session* session) noexcept {
     (void)call_play(session, "destroy", &lyr_play_api::destroy);
+    plugin_opening_over(session);
 }
 
 void plugin_call_browse_destroy(const mediasource_session* session) noexcept {
@@ -119,13 +121,20 @@ int32_t plugin_call_attach(const mediasource_session* session, const medianode* 
         return missing();
     }
     session->player->changes += 1; /* the plug-in may report on the new node before it returns */
+    plugin_opening_begin(session, node);
     const int32_t result =
         call_play(session, "attach_medianode", &lyr_play_api::attach_medianode, node);
     session->player->changes += 1;
+    if (result == 0) {
+        plugin_opening_rest(session);
+    } else {
+        plugin_opening_over(session);
+    }
     return result;
 }
 
 int32_t plugin_call_play(const mediasource_session* session) noexcept {
+    plugin_opening_begin(session, nullptr);
     return call_play(session, "play", &lyr_play_api::play);
 }
 
@@ -137,6 +146,7 @@ int32_t plugin_call_stop(const mediasource_session* session) noexcept {
     const int32_t result = call_play(session, "stop", &lyr_play_api::stop);
     if (result == 0) { /* else the node plays on, and its end counts */
         session->player->changes += 2;
+        plugin_opening_rest(session);
     }
     return result;
 }

@@ -7,6 +7,7 @@
 #include "player_commands.h"
 #include "player_publish.h"
 #include "plugin_call.h"
+#include "plugin_opening.h"
 
 /* Attempts that are made however long they take. */
 static constexpr int32_t ATTEMPTS_AT_LEAST = 1000;
@@ -49,7 +50,8 @@ int32_t player_attach_walking(player* player, int32_t index, int32_t tries,
             msglog(3, "Cannot retrieve media node from trksession");
             return -1;
         }
-        if (plugin_call_attach(session->ms_session, &track) == 0) {
+        if (!plugin_opening_suspects(session->ms_session, &track) &&
+            plugin_call_attach(session->ms_session, &track) == 0) {
             attached(player, session, index, &track);
             return 0;
         }

@@ -6,6 +6,7 @@
 #include "msglog.h"
 #include "player_check.h"
 #include "plugin_call.h"
+#include "plugin_opening.h"
 #include "trksession_walk.h"
 
 static constexpr char NO_SESSION[] = "There is no trksession to be played";
@@ -119,6 +120,10 @@ int32_t player_jump(player* player, int32_t index) noexcept {
     if (player->status == LYR_STATUS_PLAYING && plugin_call_stop(session->ms_session) != 0) {
         msglog(3, "The current trksession is playing but cannot be stopped");
         return -1;
+    }
+    medianode wanted = {};
+    if (trksession_copy_track(session, track, &wanted) == 0) {
+        plugin_opening_trust(session->ms_session, &wanted);
     }
     if (player_internal_attach_medianode(player, track, length) != 0) {
         return -1;
