@@ -1,5 +1,6 @@
 -- The tables of the last-mode database. Rows are read by the positions of the columns, so their
--- order stays as it is. A database with other tables is set aside and replaced.
+-- order stays as it is. A database without these tables and columns is set aside and replaced;
+-- further ones are left alone.
 
 -- One row for each saved player. A player without a track session has the ts_id -1.
 CREATE TABLE IF NOT EXISTS players (

@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 
+#include <poll.h>
+
 #include "sqldb_copy.h"
 #include "sqldb_format.h"
 #include "sqldb_place.h"
@@ -32,6 +34,8 @@ struct sqldb_connection {
     int32_t lost = 0;          /* errno of the loss of the transaction */
     int32_t unwritable = 0;    /* errno of each write, as sqldb_sqlite_open_saved tells it */
     bool inside = false;       /* what runs is this module's own */
+    int32_t patience_ms = SQLDB_BUSY_MS;
+    const std::atomic<bool>* give_up = nullptr; /* borrowed; null: never */
 };
 
 namespace {
@@ -49,6 +53,18 @@ int32_t run_inside(sqldb_connection* connection, const char* text) {
     const int32_t result = sqldb_sqlite_run(connection->database.get(), text);
     connection->inside = false;
     return result;
+}
+
+/* SQLite asks whether to try again, for the `tries`th time after a wait for the same lock. */
+int wait_for_lock(void* user, int tries) {
+    constexpr int32_t STEP_MS = 10;
+    const auto* connection = static_cast<const sqldb_connection*>(user);
+    if (tries >= connection->patience_ms / STEP_MS ||
+        (connection->give_up != nullptr && *connection->give_up)) {
+        return 0;
+    }
+    poll(nullptr, 0, STEP_MS);
+    return 1;
 }
 
 int authorize(void* user, int action, const char*, const char*, const char*, const char*) {
@@ -272,6 +288,15 @@ sqldb_connection* sqldb_connect(const char* name, uint32_t flags) noexcept {
     return nullptr;
 }
 
+void sqldb_set_patience(sqldb_connection* connection, int32_t milliseconds,
+                        const std::atomic<bool>* give_up) noexcept {
+    if (connection != nullptr) {
+        connection->patience_ms = milliseconds;
+        connection->give_up = give_up;
+        sqlite3_busy_handler(connection->database.get(), wait_for_lock, connection);
+    }
+}
+
 int32_t sqldb_disconnect(sqldb_connection* connection) noexcept {
     if (connection == nullptr) {
         return 0;
@@ -335,7 +360,11 @@ int32_t sqldb_rollback(sqldb_connection* connection) noexcept {
     if (connection == nullptr) {
         return fail(EINVAL);
     }
+    if (in_transaction(connection) && run_inside(connection, "ROLLBACK") != 0) {
+        connection->lost = errno; /* what is left must not be committed by the disconnect */
+        return -1;
+    }
     connection->lost = 0;
-    return in_transaction(connection) ? run_inside(connection, "ROLLBACK") : 0;
+    return 0;
 }
 }

@@ -48,7 +48,7 @@ int32_t sqldb_layout_of_schema(const std::string& schema, sqldb_layout* layout,
 std::string sqldb_layout_missing(const sqldb_layout& wanted, const sqldb_layout& present) {
     for (const auto& [table, columns] : wanted) {
         const auto found = present.find(table);
-        if (found == present.end() || found->second != columns) {
+        if (found == present.end() || !found->second.starts_with(columns)) {
             return table;
         }
     }

@@ -18,7 +18,8 @@ int32_t sqldb_layout_of(sqlite3* database, sqldb_layout* layout);
 int32_t sqldb_layout_of_schema(const std::string& schema, sqldb_layout* layout,
                                std::string* reason);
 
-/* The name of the first table of `wanted` that is missing or has other columns; empty: none. */
+/* The name of the first table of `wanted` that is missing or does not begin with its columns;
+ * empty: none. Further tables and columns are somebody's who knows what they are for. */
 std::string sqldb_layout_missing(const sqldb_layout& wanted, const sqldb_layout& present);
 
 #endif

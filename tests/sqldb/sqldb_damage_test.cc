@@ -45,6 +45,13 @@ TEST_F(sqldb_damage_test, restores_the_newest_good_backup_and_keeps_the_damaged_
     stop();
     const std::string good = file_text(file);
     ASSERT_FALSE(fs::exists(file + "-wal"));
+    serve();
+    sqldb_connection* music = connect("music");
+    EXPECT_EQ(sqldb_statement(music, "ALTER TABLE songs ADD COLUMN newer TEXT"), 0);
+    EXPECT_EQ(sqldb_statement(music, "CREATE TABLE newest (x)"), 0);
+    EXPECT_EQ(sqldb_disconnect(music), 0);
+    stop();
+    const std::string newer = file_text(file);
     const std::string foreign = file_text(state_path("/db/other.db"));
     const struct {
         const char* what;
@@ -53,6 +60,7 @@ TEST_F(sqldb_damage_test, restores_the_newest_good_backup_and_keeps_the_damaged_
         bool is_kept = true;
     } cases[] = {
         {"untouched", [] {}, "first second third", false},
+        {"of a newer build", [&] { plant_file(file, newer); }, "first second third", false},
         {"cut", [&] { fs::resize_file(file, good.size() / 2); }},
         {"cut by a byte", [&] { fs::resize_file(file, good.size() - 1); }},
         {"empty", [&] { fs::resize_file(file, 0); }},

@@ -1,5 +1,7 @@
 /* Statements, their results, and the transaction that gathers them. */
+#include <atomic>
 #include <cmath>
+#include <thread>
 
 #include "sqldb_root.h"
 
@@ -221,4 +223,23 @@ TEST_F(sqldb_statement_test, commits_nothing_after_a_loss) {
     EXPECT_EQ(add("later"), 0);
     EXPECT_EQ(reconnect(), 0);
     EXPECT_EQ(songs(music), "old later");
+}
+
+/* Nobody is kept waiting for another's transaction beyond what was asked for. */
+TEST_F(sqldb_statement_test, gives_up_waiting_when_it_is_told_to) {
+    ASSERT_EQ(add("first"), 0); /* and holds the lock */
+    std::atomic<bool> give_up = false;
+    sqldb_connection* other = connect("music");
+    ASSERT_NE(other, nullptr);
+    sqldb_set_patience(other, 0, nullptr);
+    EXPECT_EQ(add_song(other, "second"), -1);
+    EXPECT_EQ(errno, EBUSY);
+    sqldb_set_patience(other, INT32_MAX, &give_up);
+    std::thread waiting([other] {
+        EXPECT_EQ(add_song(other, "second"), -1);
+        EXPECT_EQ(errno, EBUSY);
+    });
+    give_up = true;
+    waiting.join();
+    EXPECT_EQ(sqldb_disconnect(other), 0);
 }

@@ -22,13 +22,14 @@
  * sqldb_rollback, so that never a part of the statements is committed.
  *
  * Functions return 0 or what they say, or -1 (or null) with errno set: EINVAL a statement that SQL
- * or the interface refuses, EBUSY another connection writes (after SQLDB_BUSY_MS), EBADMSG a file
- * that is damaged or no database, EROFS, ENOSPC, EEXIST a constraint, EFBIG, EIO, ENOMEM, or the
- * system's reason. [any thread]; a connection and its results belong to one thread at a time.
- * Nothing throws. All descriptors are close-on-exec. */
+ * or the interface refuses, EBUSY another connection writes (after SQLDB_BUSY_MS, or as
+ * sqldb_set_patience says), EBADMSG a file that is damaged or no database, EROFS, ENOSPC, EEXIST a
+ * constraint, EFBIG, EIO, ENOMEM, or the system's reason. [any thread]; a connection and its
+ * results belong to one thread at a time. Nothing throws. All descriptors are close-on-exec. */
 #ifndef VELORAN_SQLDB_H
 #define VELORAN_SQLDB_H
 
+#include <atomic>
 #include <cstdint>
 
 constexpr int32_t SQLDB_BUSY_MS = 5000;  /* how long a statement waits for another's transaction */
@@ -62,10 +63,16 @@ struct sqldb_service_options {
 extern "C" {
 
 /* Opens a database by its connection name. `flags` must be 0 (EINVAL). ENOENT when no service side
- * serves the name. Where the disk is full or may not be written, what is saved can still be read, and
- * each statement that writes fails with ENOSPC, EDQUOT, EROFS or EACCES. The client schema file, if there is one, is run on the new connection. The
- * connection belongs to the caller. */
+ * serves the name. Where the disk is full or may not be written, what is saved can still be read,
+ * and each statement that writes fails with ENOSPC, EDQUOT, EROFS or EACCES. The client schema
+ * file, if there is one, is run on the new connection. The connection belongs to the caller. */
 sqldb_connection* sqldb_connect(const char* name, uint32_t flags) noexcept;
+
+/* How long a statement of this connection waits from now on while another connection writes:
+ * `milliseconds`, and no longer once *give_up is true (null: never; it outlives the connection).
+ * Without this call SQLDB_BUSY_MS. */
+void sqldb_set_patience(sqldb_connection* connection, int32_t milliseconds,
+                        const std::atomic<bool>* give_up) noexcept;
 
 /* Commits what the statements wrote, closes and releases the connection, in any case. -1 with
  * errno when it could not be committed; then nothing of it is there. Accepts null. */
@@ -118,7 +125,8 @@ int32_t sqldb_backup(sqldb_connection* connection, int32_t scope) noexcept;
  * errno when it could not be committed; then nothing of it is there. */
 int32_t sqldb_commit(sqldb_connection* connection) noexcept;
 
-/* Drops what the statements wrote since the last commit. */
+/* Drops what the statements wrote since the last commit. -1 with errno when that fails; then
+ * nothing can be committed until it has been done. */
 int32_t sqldb_rollback(sqldb_connection* connection) noexcept;
 
 /* Starts the service side on a thread of its own ("sqldb"). `options` (null: none) and the texts
@@ -138,14 +146,14 @@ int32_t sqldb_rollback(sqldb_connection* connection) noexcept;
  * from the defaults, by its last part; DataSchemaFile and ClientSchemaFile may be missing there
  * too. They may make tables and indices and insert plain values, and nothing else (EACCES).
  *
- * The database is checked: it must be whole and have the tables of SchemaFile with their columns
- * in order. One that is not, or is missing, is replaced by the newest backup that is, else it is
- * made anew; whatever stood in its place is kept beside it as Filename.damaged (.damaged.1 up to
- * .damaged.9; the last one gives way to the next). What is not empty and does not begin as SQLite's
- * files do is somebody else's: nothing is touched, and the status becomes Error. Then the name is
- * published and the status becomes Valid. When it cannot be had at all, the status becomes Error,
- * and the reason is said. When the object goes, name and status are withdrawn; open connections
- * stay.
+ * The database is checked: it must be whole and have the tables of SchemaFile, each beginning with
+ * its columns in order; further tables and columns are left alone. One that is not, or is missing,
+ * is replaced by the newest backup that is, else it is made anew; whatever stood in its place is
+ * kept beside it as Filename.damaged (.damaged.1 up to .damaged.9; the last one gives way to the
+ * next). What is not empty and does not begin as SQLite's files do is somebody else's: nothing is
+ * touched, and the status becomes Error. Then the name is published and the status becomes Valid.
+ * When it cannot be had at all, the status becomes Error, and the reason is said. When the object
+ * goes, name and status are withdrawn; open connections stay.
  *
  * A status of the present configuration is certain for who writes the object before it starts the
  * service side of its own process. */

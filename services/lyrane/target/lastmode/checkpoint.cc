@@ -52,9 +52,10 @@ static int32_t write_changes(checkpoints* own, snapshot* now) noexcept {
 static bool save(checkpoints* own, snapshot* now) noexcept {
     if (own->connection == nullptr) {
         own->connection = sqldb_connect(CONNECTION, 0);
+        sqldb_set_patience(own->connection, SQLDB_BUSY_MS, &ending);
     }
     if (own->connection == nullptr || write_changes(own, now) != 0) {
-        if (errno != ECANCELED && !own->is_failing) {
+        if (errno != ECANCELED && !ending && !own->is_failing) {
             msglog(3, "What the players play cannot be saved for now: %s",
                    msglog_error_text(errno));
             own->is_failing = true;

@@ -51,6 +51,10 @@ static constexpr char UPDATE_SESSION[] =
 
 static constexpr char NOT_SAVED[] = "What the players play could not be saved: %s";
 
+/* How long the save at the end waits for another process that writes; a checkpoint that waits for
+ * the same one gives up at once. */
+static constexpr int32_t END_WAIT_MS = 3000;
+
 /* Tracks whose records are copied at a time; the session grows and plays meanwhile. */
 static constexpr int32_t PAGE = 256;
 
@@ -361,6 +365,7 @@ int32_t players_save_state(control_block* control) noexcept {
         msglog(3, "Failed to connect to database");
         return -1;
     }
+    sqldb_set_patience(connection, END_WAIT_MS, nullptr);
     if (save_at_end(control, connection) != 0) {
         msglog(3, NOT_SAVED, msglog_error_text(errno));
         (void)sqldb_disconnect(connection);
