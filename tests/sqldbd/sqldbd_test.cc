@@ -1,12 +1,15 @@
 /* The database service as a process of its own, beside services that use it. */
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <veloran/pps.h>
 #include <veloran/sqldb.h>
@@ -14,6 +17,8 @@
 #include "daemon.h"
 #include "program.h"
 #include "requests.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -119,6 +124,40 @@ TEST(sqldbd, may_be_ended_killed_and_started_again_beside_a_service) {
     daemon_remove(service.daemon);
 }
 
+/* As root, for a service that becomes another user: that user is believed, a third one is not. */
+TEST(sqldbd, serves_the_user_that_it_becomes) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    service service;
+    daemon_prepare(service.daemon);
+    fs::permissions(fs::path(service.daemon.root).parent_path(), fs::perms::others_exec,
+                    fs::perm_options::add);
+    service.daemon.options = {"-l", "-U12345:12346"};
+    service.daemon.plugins = {{"disk", "source disk", {}}};
+    program sqldbd = spawn(service.daemon, {"--schemas", SCHEMA_FILES, "-U", "12345:12346"});
+    ASSERT_TRUE(program_await(sqldbd, "serves"));
+    start(service);
+    build(service, "mine");
+    stop(service);
+    const fs::path configs = service.daemon.run + "/pps/veloran/sqldb/config";
+    const fs::path foreign = configs.parent_path() / "foreign";
+    std::ofstream(foreign) << "@foreign\nFilename::/db/foreign.db\nSchemaFile::/db/lyrane.sql\n";
+    ASSERT_EQ(chown(foreign.c_str(), 12347, 12346), 0);
+    fs::rename(foreign, configs / "foreign");
+    EXPECT_TRUE(program_await(sqldbd, "not believed"));
+    start(service);
+    EXPECT_TRUE(has_session(service, "mine"));
+    stop(service);
+    EXPECT_EQ(program_end(sqldbd, SIGTERM).status, 0);
+    struct stat status = {};
+    const std::string folder = service.daemon.root + "/state/db";
+    EXPECT_EQ(stat((folder + "/lyrane.db").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 12345u);
+    EXPECT_FALSE(fs::exists(folder + "/foreign.db"));
+    daemon_remove(service.daemon);
+}
+
 TEST(sqldbd, says_what_is_wrong_at_once) {
     test_daemon roots;
     daemon_prepare(roots);
@@ -137,6 +176,8 @@ TEST(sqldbd, says_what_is_wrong_at_once) {
         {roots, {"--schemas", file}, 2, "file"},
         {roots, {"--unknown"}, 2, "--unknown"},
         {roots, {"more"}, 2, "more"},
+        {roots, {"-U", "12345"}, 1, "needs a group"},
+        {roots, {"-U", "no such user"}, 1, "there is no user"},
         {blocked, {"--schemas", SCHEMA_FILES}, 1, file + "\" (Not a directory)"},
     };
     for (const auto& item : cases) {

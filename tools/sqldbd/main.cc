@@ -18,6 +18,7 @@
 #include "daemon_main.h"
 #include "notify.h"
 #include "text.h"
+#include "user.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ constexpr int32_t WARNING = 3;
 
 struct arguments {
     std::string schemas;
+    std::string user; /* empty: the present one */
     bool syslog = false;
 };
 
@@ -54,6 +56,9 @@ void declare(CLI::App* app, arguments* what) {
                     "default: those that were installed")
         ->type_name("DIRECTORY")
         ->check(CLI::ExistingDirectory);
+    app->add_option("-U", what->user,
+                    "Go on as another user, by name or by number, before anything is served")
+        ->type_name("USER[:GROUP,...]");
     app->add_flag("--syslog", what->syslog,
                   "Log to the system's logger instead of the standard error");
 }
@@ -74,9 +79,17 @@ bool run(arguments* what, std::string* why) {
         sigaddset(&ends, number);
     }
     (void)pthread_sigmask(SIG_BLOCK, &ends, nullptr); /* in the service side's thread, too */
+    user_identity user;
+    const bool is_other = !what->user.empty();
+    if (is_other && (!user_read(what->user, &user, why) || !user_own_roots(user, why))) {
+        return false;
+    }
     char reason[PATH_MAX + 128];
     if (paths_make_roots(reason, sizeof reason) != 0) {
         *why = std::string("cannot use the directory ") + reason;
+        return false;
+    }
+    if (is_other && !user_become(user, why)) {
         return false;
     }
     if (what->syslog) {
