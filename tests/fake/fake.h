@@ -50,7 +50,7 @@
  *        result=N            returned in place of doing anything    null=1   create returns null
  *        block=GATE          wait in the call until "release GATE"
  *        deaf=1              a blocked call does not notice cancel
- *        signal=N            crash: raise that signal
+ *        signal=N            crash: raise that signal       exit=N   end the process as exit() does
  *        page=N              at most N records a page               over=N   N more than asked
  *        count=N             deliver this count, with no array      nullid=1 null ids
  *        rewind=1            ignore the offset

@@ -1,6 +1,7 @@
 #include "fake_calls.h"
 
 #include <csignal>
+#include <cstdlib>
 
 #include "fake_events.h"
 
@@ -85,6 +86,9 @@ call_effect call_begin(fake_call call) {
     if (const auto signal = words_number(effect.rules, "signal")) {
         raise(static_cast<int>(*signal));
     }
+    if (const auto status = words_number(effect.rules, "exit")) {
+        exit(static_cast<int>(*status)); /* NOLINT(concurrency-mt-unsafe) */
+    }
     if (const auto event = words_text(effect.rules, "inside")) {
         events_make_here(*event, effect.session);
     }
@@ -162,8 +166,8 @@ std::string calls_add_rule(const fake_words& words, std::string& fault) {
                       words_number(words, "skip").value_or(0),
                       words_number(words, "times").value_or(INT64_MAX),
                       words};
-    words_know(words, {"result", "null", "deaf", "signal", "page", "over", "count", "nullid",
-                       "rewind", "inside", "after"});
+    words_know(words, {"result", "null", "deaf", "signal", "exit", "page", "over", "count",
+                       "nullid", "rewind", "inside", "after"});
     if (!fake_table_knows(rule.entry)) {
         fault = "no such entry: " + rule.entry;
         return "";

@@ -364,6 +364,7 @@ TEST_F(lastmode_failure_test, a_track_that_crashes_the_service_is_passed_over) {
     } rows[] = {
         {"\nrule attach signal=6", "", SIGABRT, 2},
         {"\nrule play signal=6", "", SIGABRT, 2},               /* on the way to its sound */
+        {"\nrule play exit=134", "", SIGABRT, 2},               /* in order, it seems */
         {"\nrule attach id=/a/t0 signal=6", OTHER, SIGABRT, 1}, /* in another player's call */
         {"", "position value=5", SIGABRT, 1},                   /* is heard */
         {"", "position value=0", SIGKILL, 1},                   /* nobody's fault */
