@@ -124,6 +124,26 @@ sqldb_handle sqldb_sqlite_open_saved(const char* path, int32_t* unwritable) {
     return database;
 }
 
+int32_t sqldb_sqlite_has_header(const char* path) noexcept {
+    constexpr char HEADER[16] = "SQLite format 3";
+    sqlite3* opened = nullptr;
+    sqlite3_file* file = nullptr;
+    char start[sizeof HEADER] = {};
+    int code = sqlite3_open_v2(path, &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    const sqldb_handle database(opened);
+    if (code == SQLITE_OK) {
+        code = sqlite3_file_control(opened, "main", SQLITE_FCNTL_FILE_POINTER, &file);
+    }
+    if (code == SQLITE_OK) {
+        code = file->pMethods->xRead(file, start, sizeof start, 0);
+    }
+    if (code != SQLITE_OK && code != SQLITE_IOERR_SHORT_READ) {
+        errno = sqldb_sqlite_errno(opened, code);
+        return -1;
+    }
+    return memcmp(start, HEADER, sizeof HEADER) == 0 ? 1 : 0;
+}
+
 int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept {
     const int code = sqlite3_exec(database, text, nullptr, nullptr, nullptr);
     if (code != SQLITE_OK) {

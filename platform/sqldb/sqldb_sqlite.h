@@ -30,6 +30,11 @@ sqldb_handle sqldb_sqlite_open(const char* path, int flags) noexcept;
  * else it is 0. */
 sqldb_handle sqldb_sqlite_open_saved(const char* path, int32_t* unwritable);
 
+/* Whether a file begins as SQLite's do: 1, 0, or -1 with errno set. Nothing but SQLite itself may
+ * open what may be open as a database: at the close the locks of the whole process on it would be
+ * lost. */
+int32_t sqldb_sqlite_has_header(const char* path) noexcept;
+
 /* Runs a text of statements. 0, or -1 with errno set. */
 int32_t sqldb_sqlite_run(sqlite3* database, const char* text) noexcept;
 

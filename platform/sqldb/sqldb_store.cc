@@ -7,13 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <veloran/lock.h>
 #include <veloran/paths.h>
 
 #include "sqldb_copy.h"
@@ -119,24 +117,17 @@ int32_t check_length(sqlite3* database, const std::string& file) {
 
 /* Whether a file is one that SQLite has made: nobody else's is ours to move or to replace. An empty
  * one holds nothing that could be lost. Sets the reason otherwise. */
-bool is_ours(const std::string& file, std::string* reason) {
-    constexpr std::string_view HEADER("SQLite format 3", 16);
-    char start[HEADER.size()];
-    const vel_fd opened(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status;
-    if (opened.value < 0 || fstat(opened.value, &status) != 0) {
-        *reason = because(file);
-        return false;
-    }
-    const bool is_file = S_ISREG(status.st_mode);
-    const ssize_t count = is_file ? read(opened.value, start, sizeof start) : 0;
-    if (is_file && (count == 0 || (count > 0 && HEADER == std::string_view(start, count)))) {
+bool is_ours(const std::string& file, const struct stat& status, std::string* reason) {
+    if (S_ISREG(status.st_mode) && status.st_size == 0) {
         return true;
     }
-    *reason = count < 0
-                  ? because(file)
-                  : file + ": no database, so it stays as it is; move it away, or name another";
-    return false;
+    const int32_t has_header = S_ISREG(status.st_mode) ? sqldb_sqlite_has_header(file.c_str()) : 0;
+    if (has_header == 0) {
+        *reason = file + ": no database, so it stays as it is; move it away, or name another";
+    } else if (has_header < 0) {
+        *reason = because(file);
+    }
+    return has_header > 0;
 }
 
 /* Opens a database for a look: for reading and writing if `unwritable` is not null, which gets what
@@ -155,7 +146,7 @@ verdict inspect(const std::string& file, const sqldb_layout& wanted, int32_t* un
         *reason = because(file);
         return errno == ENOENT ? verdict::missing : verdict::unknown;
     }
-    if (!is_ours(file, reason)) {
+    if (!is_ours(file, status, reason)) {
         return verdict::unknown;
     }
     const sqldb_handle database = open_to_inspect(file, unwritable);

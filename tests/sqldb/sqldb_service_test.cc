@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "sqldb_root.h"
 
@@ -131,6 +132,31 @@ TEST_F(sqldb_test, believes_only_its_own_user_and_root) {
     EXPECT_TRUE(fs::exists(state_path("/db/own.db")));
     configure_valid("other", config_text("other"));
     EXPECT_FALSE(fs::exists(state_path("/db/music.db")));
+}
+
+/* A database that is looked at again is open meanwhile, and its locks are the whole process's. */
+TEST_F(sqldb_test, looking_again_keeps_the_locks_of_who_has_it_open) {
+    fs::copy_file(the_root->path + "/defaults/music.sql", the_root->path + "/defaults/again.sql",
+                  fs::copy_options::overwrite_existing);
+    start();
+    configure_valid("music", config_text("music"));
+    sqldb_connection* music = connect("music");
+    ASSERT_EQ(add_song(music, "first"), 0);
+    configure("music", "Filename::/db/music.db\nSchemaFile::/db/again.sql\n");
+    configure_valid("last", config_text("last"));
+    ASSERT_TRUE(await_status("music", "Status::Valid"));
+    const std::string file = state_path("/db/music.db");
+    const pid_t child = fork();
+    if (child == 0) {
+        constexpr off_t SHARED = 0x40000002; /* where SQLite's readers hold their lock */
+        struct flock lock = {F_WRLCK, SEEK_SET, SHARED, 510, 0};
+        const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
+        _exit(fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(sqldb_disconnect(music), 0);
 }
 
 TEST_F(sqldb_test, schemas_make_tables_and_rows_and_nothing_else) {
