@@ -123,7 +123,8 @@ bool is_ours(const std::string& file, const struct stat& status, std::string* re
     }
     const int32_t has_header = S_ISREG(status.st_mode) ? sqldb_sqlite_has_header(file.c_str()) : 0;
     if (has_header == 0) {
-        *reason = file + ": no database, so it stays as it is; move it away, or name another";
+        *reason = file + (S_ISLNK(status.st_mode) ? ": a link and" : ":") +
+                  " no database, so it stays as it is; move it away, or name another";
     } else if (has_header < 0) {
         *reason = because(file);
     }
@@ -142,7 +143,7 @@ sqldb_handle open_to_inspect(const std::string& file, int32_t* unwritable) {
 verdict inspect(const std::string& file, const sqldb_layout& wanted, int32_t* unwritable,
                 std::string* reason) {
     struct stat status;
-    if (stat(file.c_str(), &status) != 0) {
+    if (lstat(file.c_str(), &status) != 0) {
         *reason = because(file);
         return errno == ENOENT ? verdict::missing : verdict::unknown;
     }

@@ -119,6 +119,11 @@ TEST_F(sqldb_damage_test, touches_nothing_that_is_no_database) {
         {"a text", [&] { plant_file(file, "an ordinary text\n"); }},
         {"a short text", [&] { plant_file(file, "SQLite format"); }},
         {"a folder", [&] { plant_file(file + "/inside", "x"); }},
+        {"a link",
+         [&] {
+             plant_file(state_path("/elsewhere"), std::string("SQLite format 3", 16));
+             fs::create_symlink(state_path("/elsewhere"), file);
+         }},
         {"a pipe", [&] { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); }},
     };
     for (const auto& item : cases) {
