@@ -15,8 +15,6 @@
 
 namespace {
 
-/* Each connection may come with an event channel. */
-constexpr int32_t DESCRIPTORS_PER_CONNECTION = 2;
 /* Kept for the rest of the process: objects, databases, media files. */
 constexpr int32_t DESCRIPTOR_RESERVE = 1024;
 constexpr int SEND_BUFFER_SIZE = 256 * 1024;
@@ -134,7 +132,7 @@ void set_accepting(message_channel* channel, bool accepting) VEL_REQUIRES(channe
 
 void message_set_connection_limit(message_channel* channel) noexcept {
     constexpr rlim_t WANTED =
-        rlim_t{MESSAGE_CONNECTIONS_MAX} * DESCRIPTORS_PER_CONNECTION + DESCRIPTOR_RESERVE;
+        rlim_t{MESSAGE_CONNECTIONS_MAX} * MESSAGE_DESCRIPTORS_EACH + DESCRIPTOR_RESERVE;
     constexpr rlim_t PLENTY = 3 * WANTED; /* no use of the rest of the process comes near */
     rlimit limit{};
     channel->limit = share_of_process(MESSAGE_CONNECTIONS_MAX);
@@ -151,7 +149,7 @@ void message_set_connection_limit(message_channel* channel) noexcept {
     }
     const auto usable = static_cast<int32_t>(std::min(limit.rlim_cur, WANTED));
     const int32_t reserve = std::min(DESCRIPTOR_RESERVE, usable / 2);
-    channel->limit = std::max((usable - reserve) / DESCRIPTORS_PER_CONNECTION, 1);
+    channel->limit = std::max((usable - reserve) / MESSAGE_DESCRIPTORS_EACH, 1);
     channel->is_short = limit.rlim_cur < PLENTY;
 }
 

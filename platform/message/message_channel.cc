@@ -8,6 +8,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <veloran/process.h>
+
 void message_close(int* fd) noexcept {
     if (*fd >= 0) {
         const int saved = errno;
@@ -34,6 +36,7 @@ message_channel* message_channel_create(void) noexcept {
     }
     vel_mutex_init(&channel->lock);
     message_set_connection_limit(channel);
+    process_promise_descriptors(channel->limit * MESSAGE_DESCRIPTORS_EACH);
     channel->epoll_fd = epoll_create1(EPOLL_CLOEXEC);
     /* As a semaphore, so that each wake completes one receive and none is lost between them. */
     channel->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
@@ -77,6 +80,7 @@ void message_channel_destroy(message_channel* channel) noexcept {
     }
     message_close(&channel->wake_fd);
     message_close(&channel->epoll_fd);
+    process_promise_descriptors(-channel->limit * MESSAGE_DESCRIPTORS_EACH);
     message_channel_release(channel);
 }
 

@@ -81,6 +81,7 @@ struct message_name {
 };
 
 constexpr int32_t MESSAGE_BUCKETS = 1024;
+constexpr int32_t MESSAGE_DESCRIPTORS_EACH = 2; /* of a connection: its socket, its event channel */
 constexpr int32_t MESSAGE_GIFTS_MAX =
     253; /* descriptors that one message may bring: the system's */
 

@@ -7,6 +7,8 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <veloran/process.h>
+
 namespace {
 
 /* The closer has closed what came with a message: the client's next one may be read. */
@@ -34,6 +36,7 @@ void ended(closer_job* job) {
         }
         *link = connection->next;
         channel->closings -= 1;
+        process_promise_descriptors(1);
         message_accept_resume(channel);
     }
     vel_mutex_destroy(&connection->send_lock);

@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <veloran/process.h>
+
 namespace {
 
 uint32_t bucket_of(int32_t scoid) {
@@ -111,6 +113,7 @@ bool message_enter(message_channel* channel, message_connection* connection) noe
     connection->next = *bucket;
     *bucket = connection;
     channel->connections += 1;
+    process_promise_descriptors(-1); /* there it is */
     return true;
 }
 

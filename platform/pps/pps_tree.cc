@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <veloran/lock.h>
 #include <veloran/paths.h>
@@ -16,6 +17,10 @@
 #include "pps_target.h"
 
 namespace {
+
+/* What a player's objects and their updates take, and some more. */
+constexpr fsblkcnt_t ROOM_BYTES = 256 * 1024;
+constexpr fsfilcnt_t ROOM_FILES = 32;
 
 /* Directories within each other that are removed; each takes a descriptor and some stack. Nobody
  * but a stranger with bad intentions nests deeper. */
@@ -192,6 +197,23 @@ int32_t pps_rmdir(const char* path) noexcept {
     }
     errno = error;
     return -1;
+}
+
+int32_t pps_check_room(void) noexcept {
+    const vel_fd base(pps_target_open_base());
+    struct statvfs room = {};
+    if (base.value < 0 || fstatvfs(base.value, &room) != 0) {
+        return -1;
+    }
+    const fsblkcnt_t blocks = geteuid() == 0 ? room.f_bfree : room.f_bavail;
+    const fsfilcnt_t files = geteuid() == 0 ? room.f_ffree : room.f_favail;
+    /* Some file systems have no number of blocks or of files. */
+    if ((room.f_blocks != 0 && blocks * room.f_frsize < ROOM_BYTES) ||
+        (room.f_files != 0 && files < ROOM_FILES)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return 0;
 }
 
 int32_t pps_unlink(const char* path) noexcept {

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -267,6 +269,66 @@ TEST(Hostile, OneThatNeverReadsWhileThirtyOneWork) {
     wire_close(deaf);
     expect_served(rig);
     rig_end(rig);
+}
+
+/* A process that has as many connections as one may have, until it is killed. */
+static pid_t connect_many(const rig& rig) {
+    int told[2];
+    EXPECT_EQ(pipe(told), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        wire_client client;
+        while (wire_connect(client, rig_socket(rig.daemon)) &&
+               wire_open(client, rig.daemon.service)) {
+        }
+        (void)!write(told[1], "", 1);
+        pause();
+        _exit(0);
+    }
+    char byte;
+    EXPECT_EQ(read(told[0], &byte, 1), 1);
+    close(told[0]);
+    close(told[1]);
+    return child;
+}
+
+/* Players are refused before the descriptors are used up that clients and players need. */
+TEST(Hostile, PlayersOnFewDescriptors) {
+    for (const auto& [limit, crowds] : {std::pair(256, 0), std::pair(512, 4)}) {
+        rig rig;
+        rig.daemon.descriptor_limit = limit;
+        ASSERT_TRUE(start(rig));
+        std::vector<pid_t> others;
+        while (others.size() < static_cast<size_t>(crowds)) {
+            others.push_back(connect_many(rig));
+        }
+        request_client client;
+        while (!request_connect(client, rig.daemon.service)) { /* one of the crowd goes */
+            ASSERT_FALSE(others.empty());
+            kill(others.back(), SIGKILL);
+            waitpid(others.back(), nullptr, 0);
+            others.pop_back();
+        }
+        int players = 0;
+        while (request_open(client, "p" + std::to_string(players)) == 0) {
+            ++players;
+        }
+        EXPECT_GE(players, 8);
+        EXPECT_NE(daemon_log(rig.daemon).find("refused: too few descriptors are free"),
+                  std::string::npos);
+        /* Who comes is served, as far as there may be more, and players play. */
+        others.push_back(connect_many(rig));
+        uint64_t ts_id = 0;
+        EXPECT_EQ(request_create(rig.client, 0, "/few", -1, 0, &ts_id), 0);
+        EXPECT_EQ(request_simple(rig.client, LYR_MSG_PLAY), 0);
+        expect_served(rig);
+        for (const pid_t other : others) {
+            kill(other, SIGKILL);
+            waitpid(other, nullptr, 0);
+        }
+        request_disconnect(client);
+        rig_end(rig);
+    }
 }
 
 /* Clients that go without a close use up a player's places only where nothing is forgiven. */

@@ -63,6 +63,9 @@ int32_t pps_mkdir(const char* path, uint32_t mode) noexcept;
  * whose place is somebody else's that cannot be moved, is no error. Other users' directories inside
  * it that cannot be emptied are set aside. */
 int32_t pps_rmdir(const char* path) noexcept;
+/* Whether there is room for some more objects where they are kept. 0, or -1 with errno set, ENOSPC
+ * for too little. [any thread] */
+int32_t pps_check_room(void) noexcept;
 /* Removes an object. ENOENT when there is none. */
 int32_t pps_unlink(const char* path) noexcept;
 /* Removes all that a directory holds, without following links, and keeps the directory. What

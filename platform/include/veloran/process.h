@@ -37,6 +37,15 @@ int32_t setprio(int32_t pid, int32_t priority) noexcept;
  * no later open can get such a number. To be called first thing. */
 int32_t process_fill_standard_descriptors(void) noexcept;
 
+/* Sets descriptors aside for what will come: `count` more, or fewer when it is negative. Only a
+ * number, for process_spare_descriptors. [any thread] */
+void process_promise_descriptors(int32_t count) noexcept;
+
+/* How many descriptors the process may still open, without those that are promised; negative when
+ * even those are not to be had, INT32_MAX when it cannot be told. Reads a folder of the system.
+ * [any thread] */
+int32_t process_spare_descriptors(void) noexcept;
+
 /* Names the calling thread; a longer name is cut to the 15 bytes that Linux takes. */
 void process_thread_name(const char* name) noexcept;
 

@@ -1,11 +1,16 @@
 #include "player_registry.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include <sys/eventfd.h>
+#include <sys/resource.h>
+
+#include <veloran/pps.h>
+#include <veloran/process.h>
 
 #include "mediasource.h"
 #include "msglog.h"
@@ -13,8 +18,15 @@
 #include "player_commands.h"
 #include "player_pin.h"
 #include "player_publish.h"
+#include "ppsdir.h"
 #include "trksession_build.h"
 #include "user_quota.h"
+
+/* Free descriptors without which no player is made: an eighth of the limit within these bounds. The
+ * objects of all players, the database and the sessions of plug-ins need some at any time, and what
+ * cannot be published ends the service. */
+static constexpr rlim_t SPARE_LEAST = 8;
+static constexpr rlim_t SPARE_MOST = 64;
 
 /* How long a forced close waits for plug-ins that hold players up, all players together. */
 static constexpr int64_t FORCE_CLOSE_WAIT_MS = 4000;
@@ -34,6 +46,20 @@ static bool usable_name(const char* name) noexcept {
         }
     }
     return true;
+}
+
+/* Whether there are descriptors for one more player beside what else may need some. Until there is
+ * a server its clients may take half of them, later they are promised to them. */
+static bool has_descriptors(const control_block* control) noexcept {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return true;
+    }
+    rlim_t wanted = std::clamp(limit.rlim_cur / 8, SPARE_LEAST, SPARE_MOST);
+    if (control->server == nullptr) {
+        wanted += limit.rlim_cur / 2;
+    }
+    return process_spare_descriptors() >= static_cast<int64_t>(wanted);
 }
 
 /* What the player lock guards, of a player that nobody else knows yet: that lock is not taken under
@@ -101,12 +127,12 @@ static void withdraw_objects(player* player) noexcept VEL_REQUIRES(player->lock)
  * not taken. */
 static int32_t publish_objects(control_block* control, player* player) noexcept VEL_NO_TSA {
     int32_t error = 0;
-    player->ppsdir = lyr_ppsdir_create(control->ppsroot, player->name, 0777, &error);
+    player->ppsdir = ppsdir_try_create(control->ppsroot, player->name, 0777, &error);
     for (const writer_entry& entry : writers) {
         if (player->ppsdir == nullptr) {
             break;
         }
-        player->*entry.field = lyr_ppswriter_create(player->ppsdir, entry.object, -1, &error);
+        player->*entry.field = ppswriter_try_create(player->ppsdir, entry.object, &error);
         if (player->*entry.field == nullptr) {
             withdraw_objects(player);
         }
@@ -128,6 +154,16 @@ static player* player_add(control_block* control, const char* name, uid_t user) 
         return nullptr;
     }
     if (!user_quota_player(control, user, name)) {
+        return nullptr;
+    }
+    if (!has_descriptors(control)) {
+        msglog(3, "Player %s refused: too few descriptors are free; raise the limit (ulimit -n)",
+               name);
+        errno = EMFILE;
+        return nullptr;
+    }
+    if (pps_check_room() != 0) {
+        msglog(3, "Player %s refused: no room for its objects: %s", name, msglog_error_text(errno));
         return nullptr;
     }
     player* made = player_make(control, name, user);

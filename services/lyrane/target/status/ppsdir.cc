@@ -16,6 +16,7 @@ namespace {
 
 constexpr const char* ROOT_PATH = "/pps/services/lyrane";
 constexpr uint32_t ROOT_MODE = 0777;
+constexpr int32_t FATAL = 2; /* log level */
 constexpr const char* CREATE_OPTION = "nopersist";
 
 } // namespace
@@ -28,8 +29,9 @@ static lyr_ppsdir* refuse(int32_t* error, int32_t number) {
     return nullptr;
 }
 
-/* Makes the directory of a node that nothing links to yet. 0 or the error number. */
-static int32_t make_directory(lyr_ppsnode* node, uint32_t mode) {
+/* Makes the directory of a node that nothing links to yet; `level` is that of a failure's line. 0
+ * or the error number. */
+static int32_t make_directory(lyr_ppsnode* node, uint32_t mode, int32_t level) {
     const vel_text path = ppsnode_path(node, CREATE_OPTION);
     if (path == nullptr) {
         return ENOMEM;
@@ -47,14 +49,14 @@ static int32_t make_directory(lyr_ppsnode* node, uint32_t mode) {
         return 0;
     }
     const int32_t error = errno;
-    msglog(2, "Couldn't mkdir %s: %s", path.get(), msglog_error_text(error));
+    msglog(level, "Couldn't mkdir %s: %s", path.get(), msglog_error_text(error));
     return error;
 }
 
 static lyr_ppsdir* create_directory(lyr_ppsdir* parent, const char* name, uint32_t mode,
-                                    int32_t* error) {
+                                    int32_t level, int32_t* error) {
     lyr_ppsnode* node = ppsnode_new(parent, name, -1, ppsnode_kind::existing);
-    const int32_t failure = node == nullptr ? ENOMEM : make_directory(node, mode);
+    const int32_t failure = node == nullptr ? ENOMEM : make_directory(node, mode, level);
     if (failure != 0) {
         ppsnode_free(node);
         return refuse(error, failure);
@@ -141,7 +143,7 @@ lyr_ppsdir* lyr_ppsdir_makeroot(const char* path, int32_t* error) noexcept {
     if (path == nullptr) {
         return refuse(error, EINVAL);
     }
-    return create_directory(nullptr, path, ROOT_MODE, error);
+    return create_directory(nullptr, path, ROOT_MODE, FATAL, error);
 }
 
 lyr_ppsdir* lyr_ppsdir_create(lyr_ppsdir* parent, const char* name, uint32_t mode,
@@ -149,7 +151,7 @@ lyr_ppsdir* lyr_ppsdir_create(lyr_ppsdir* parent, const char* name, uint32_t mod
     if (parent == nullptr || parent->kind == ppsnode_kind::object || name == nullptr) {
         return refuse(error, EINVAL);
     }
-    return create_directory(parent, name, mode, error);
+    return create_directory(parent, name, mode, FATAL, error);
 }
 
 int32_t lyr_ppsdir_remove(lyr_ppsdir* dir) noexcept {
@@ -180,4 +182,9 @@ int32_t lyr_ppsdir_getpath(const lyr_ppsnode* node, char* destination, size_t si
     }
     return static_cast<int32_t>(length);
 }
+}
+
+lyr_ppsdir* ppsdir_try_create(lyr_ppsdir* parent, const char* name, uint32_t mode,
+                              int32_t* error) noexcept {
+    return create_directory(parent, name, mode, FATAL + 1, error);
 }

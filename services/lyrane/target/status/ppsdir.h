@@ -19,4 +19,11 @@ int32_t ppsdir_initialize(control_block* control) noexcept;
 lyr_ppsdir* lyr_ppsdir_makeroot(const char* path, int32_t* error) noexcept;
 }
 
+/* lyr_ppsdir_create and lyr_ppswriter_create for what a client asked for: a failure of the system
+ * is a line at level 3 and the caller's to refuse, where theirs ends the process. */
+[[nodiscard]] lyr_ppsdir* ppsdir_try_create(lyr_ppsdir* parent, const char* name, uint32_t mode,
+                                            int32_t* error) noexcept;
+[[nodiscard]] lyr_ppswriter* ppswriter_try_create(lyr_ppsdir* dir, const char* name,
+                                                  int32_t* error) noexcept;
+
 #endif

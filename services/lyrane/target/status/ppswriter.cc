@@ -10,11 +10,13 @@
 
 #include "msglog.h"
 #include "ppschange.h"
+#include "ppsdir.h"
 #include "ppsnode.h"
 
 namespace {
 
 constexpr uint32_t OBJECT_MODE = 0777;
+constexpr int32_t FATAL = 2; /* log level */
 constexpr const char* CREATE_OPTION = "nopersist";
 
 /* Bytes of a value. The texts come from the tags of anybody's files; an object that the platform
@@ -71,9 +73,9 @@ static void unlink_object(lyr_ppsnode* object) {
     ppsnode_unlink(object);
 }
 
-/* Opens the object's file anew: what an earlier owner left in it is gone from the start. 0 or the
- * error number. */
-static int32_t open_file(lyr_ppsnode* object) {
+/* Opens the object's file anew: what an earlier owner left in it is gone from the start. `level` is
+ * that of a failure's line. 0 or the error number. */
+static int32_t open_file(lyr_ppsnode* object, int32_t level) {
     const vel_text path = ppsnode_path(object, CREATE_OPTION);
     object->current = strm_dict_new();
     if (path == nullptr || object->current == nullptr) {
@@ -84,7 +86,7 @@ static int32_t open_file(lyr_ppsnode* object) {
         return 0;
     }
     const int32_t error = errno;
-    msglog(2, "Couldn't create PPS object '%s' (%s)", object->name, msglog_error_text(error));
+    msglog(level, "Couldn't create PPS object '%s' (%s)", object->name, msglog_error_text(error));
     return error;
 }
 
@@ -186,10 +188,8 @@ int32_t ppswriter_withdraw(lyr_ppsnode* object) noexcept {
     return error;
 }
 
-extern "C" {
-
-lyr_ppswriter* lyr_ppswriter_create(lyr_ppsdir* dir, const char* name, int32_t instance,
-                                    int32_t* error) noexcept {
+static lyr_ppswriter* create(lyr_ppsdir* dir, const char* name, int32_t instance, int32_t level,
+                             int32_t* error) {
     if (dir == nullptr || dir->kind == ppsnode_kind::object || name == nullptr) {
         return refuse(error, EINVAL);
     }
@@ -201,13 +201,24 @@ lyr_ppswriter* lyr_ppswriter_create(lyr_ppsdir* dir, const char* name, int32_t i
         ppsnode_free(object);
         return refuse(error, EEXIST);
     }
-    const int32_t failure = open_file(object);
+    const int32_t failure = open_file(object, level);
     if (failure != 0) {
         unlink_object(object);
         ppsnode_free(object);
         return refuse(error, failure);
     }
     return object;
+}
+
+lyr_ppswriter* ppswriter_try_create(lyr_ppsdir* dir, const char* name, int32_t* error) noexcept {
+    return create(dir, name, -1, FATAL + 1, error);
+}
+
+extern "C" {
+
+lyr_ppswriter* lyr_ppswriter_create(lyr_ppsdir* dir, const char* name, int32_t instance,
+                                    int32_t* error) noexcept {
+    return create(dir, name, instance, FATAL, error);
 }
 
 void lyr_ppswriter_close(lyr_ppswriter* object) noexcept {
