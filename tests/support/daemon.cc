@@ -109,6 +109,9 @@ std::vector<std::string> environment_of(const test_daemon& daemon) {
                      {"VELORAN_RUN=" + daemon.run, "VELORAN_STATE=" + daemon.root + "/state",
                       "VELORAN_SLOG=file:" + daemon.root + "/log",
                       "VELORAN_SQLDB_DEFAULTS=" SCHEMA_FILES});
+    if (!daemon.umask.empty()) {
+        variables.push_back("VELORAN_UMASK=" + daemon.umask);
+    }
     return variables;
 }
 

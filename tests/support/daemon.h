@@ -36,6 +36,7 @@ struct test_daemon {
                                                  {"recursion_depth", "-1"}};
     std::string lastmode;         /* the object "lastmode_audio" as JSON; empty: none */
     std::string limits;           /* the object "limits" as JSON; empty: none */
+    std::string umask;            /* VELORAN_UMASK; empty: not set */
     int64_t descriptor_limit = 0; /* soft and hard; 0: as it is */
     int standard_output = -1;     /* its descriptor; -1: the standard error's file */
     bool own_root = false;        /* not the runtime root of this process, see daemon_prepare */
