@@ -179,6 +179,29 @@ TEST_F(lastmode_failure_test, rows_edited_by_hand) {
     }
 }
 
+/* A player that cannot be opened: with "keep_missing" the one behind it comes back, all is saved,
+ * and its own rows come through every save. */
+TEST_F(lastmode_failure_test, a_player_that_cannot_be_opened_keeps_its_rows) {
+    rig.daemon.lastmode = R"({"keep_missing": "1", "checkpoint": "1"})";
+    put_back("UPDATE players SET name='a/b'; INSERT INTO players(name, ts_id, playback_rate) "
+             "VALUES('behind', -1, 1)");
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_TRUE(start());
+        EXPECT_EQ(rig_has_player(rig.daemon, "behind"), run == 0); /* it has no session */
+        play();
+        EXPECT_TRUE(saved_await("p", "trk_id", "1"));
+        EXPECT_EQ(saved_tracks("a/b"), 3);
+        stop();
+        for (const char* name : {"a/b", "p"}) {
+            EXPECT_EQ(lastmode_rows(rig.daemon,
+                                    "SELECT count(*) FROM players NATURAL JOIN trksessions JOIN "
+                                    "trksession_medianodes USING(ts_id) WHERE players.name='" +
+                                        std::string(name) + "'"),
+                      std::vector<std::string>{"3"});
+        }
+    }
+}
+
 /* Tables that are missing show only when somebody else serves the database. */
 TEST_F(lastmode_failure_test, what_the_database_service_does_wrong) {
     const struct {

@@ -1,6 +1,7 @@
 #include "lastmode_rows.h"
 
 #include <cstdlib>
+#include <cstring>
 
 #include <pthread.h>
 
@@ -12,18 +13,36 @@
 static vel_mutex rows_lock = {PTHREAD_MUTEX_INITIALIZER}; /* a leaf; covers all records */
 static lastmode_rows* newest VEL_GUARDED_BY(rows_lock);
 
-lastmode_rows* lastmode_rows_add(player* player, int64_t ts_id) noexcept {
+static lastmode_rows* add(player* player, char* name, int64_t ts_id) noexcept {
     auto* rows = static_cast<lastmode_rows*>(calloc(1, sizeof(lastmode_rows)));
-    if (rows == nullptr) {
+    if (rows == nullptr || (player == nullptr && name == nullptr)) {
         msglog(1, "Cannot allocate memory");
         return nullptr;
     }
-    player_pin(player);
     rows->player = player;
+    rows->name = name;
     rows->ts_id = ts_id;
     vel_lock_guard guard(rows_lock);
     rows->next = newest;
     newest = rows;
+    return rows;
+}
+
+lastmode_rows* lastmode_rows_add(player* player, int64_t ts_id) noexcept {
+    player_pin(player);
+    return add(player, nullptr, ts_id);
+}
+
+void lastmode_rows_add_lost(const char* name, int64_t ts_id) noexcept {
+    (void)add(nullptr, strdup(name), ts_id);
+}
+
+lastmode_rows* lastmode_rows_lost(const lastmode_rows* after) noexcept {
+    vel_lock_guard guard(rows_lock);
+    lastmode_rows* rows = after != nullptr ? after->next : newest;
+    while (rows != nullptr && rows->name == nullptr) {
+        rows = rows->next;
+    }
     return rows;
 }
 

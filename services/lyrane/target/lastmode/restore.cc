@@ -174,6 +174,19 @@ static bool read_session(sqldb_connection* connection, int64_t ts_id, const char
     return state->tracks != nullptr;
 }
 
+/* A player that cannot be opened keeps what is saved of it, if the configuration wants that: only
+ * then is it true, and the players behind it come back. */
+static bool keep_lost(const control_block* control, const char* name, int64_t ts_id) noexcept {
+    if (control->lastmode_keep_missing == 0) {
+        return false;
+    }
+    msglog(3, "Player %s cannot be opened; what is saved of it stays saved", name);
+    if (ts_id != -1) {
+        lastmode_rows_add_lost(name, ts_id);
+    }
+    return true;
+}
+
 /* One row of the players. False when the player cannot be opened. */
 static bool restore_player(control_block* control, sqldb_connection* connection,
                            const sqldb_result* players, int64_t row) noexcept {
@@ -183,8 +196,9 @@ static bool restore_player(control_block* control, sqldb_connection* connection,
         return true;
     }
     player* opened = player_open_pinned(control, name, user_quota_own());
+    const int64_t ts_id = sqldb_cell_integer(players, row, PLAYER_TS_ID, -1);
     if (opened == nullptr) {
-        return false;
+        return keep_lost(control, name, ts_id);
     }
     auto* state = static_cast<player_state*>(calloc(1, sizeof(player_state)));
     if (state == nullptr) {
@@ -196,7 +210,6 @@ static bool restore_player(control_block* control, sqldb_connection* connection,
     state->shuffle_mode = number(players, row, PLAYER_SHUFFLE);
     state->repeat_mode = number(players, row, PLAYER_REPEAT);
     state->playback_rate = static_cast<float>(sqldb_cell_real(players, row, PLAYER_RATE, 1));
-    const int64_t ts_id = sqldb_cell_integer(players, row, PLAYER_TS_ID, -1);
     if (ts_id == -1 || !read_session(connection, ts_id, name, state)) {
         free_player_state(&state, 1);
         return true;

@@ -102,12 +102,45 @@ static bool copy_earlier(const snapshot* before, const char* name, saved_player*
     return false;
 }
 
+/* Whether one of the first `count` entries is of that player. */
+static bool has_player(const snapshot* taken, int32_t count, const char* name) noexcept {
+    for (int32_t i = 0; i < count; ++i) {
+        if (strcmp(taken->players[i].name, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Adds the rows of players that could not be opened, unless somebody plays under that name now. */
+static void copy_lost(snapshot* taken) noexcept {
+    const int32_t players = taken->count;
+    for (lastmode_rows* rows = lastmode_rows_lost(nullptr); rows != nullptr;
+         rows = lastmode_rows_lost(rows)) {
+        if (!has_player(taken, players, rows->name)) {
+            saved_player* copy = &taken->players[taken->count++];
+            copy->name = copy_name(rows->name);
+            copy->rows = rows;
+            copy->ts_id = static_cast<uint64_t>(lastmode_rows_id(rows));
+        }
+    }
+}
+
+static size_t count_lost() noexcept {
+    size_t count = 0;
+    for (const lastmode_rows* rows = lastmode_rows_lost(nullptr); rows != nullptr;
+         rows = lastmode_rows_lost(rows)) {
+        ++count;
+    }
+    return count;
+}
+
 snapshot snapshot_take(control_block* control, const snapshot* before, bool* is_whole) noexcept {
     int32_t count = 0;
     player** players = players_pin_all(control, &count);
     snapshot taken = {};
-    taken.players =
-        static_cast<saved_player*>(calloc(static_cast<size_t>(count) + 1, sizeof(saved_player)));
+    taken.players = static_cast<saved_player*>(
+        calloc(static_cast<size_t>(count) + count_lost() + 1, sizeof(saved_player)));
     if (taken.players == nullptr) {
         msglog(1, "Cannot allocate memory");
     }
@@ -122,6 +155,7 @@ snapshot snapshot_take(control_block* control, const snapshot* before, bool* is_
         }
         taken.count += is_there ? 1 : 0;
     }
+    copy_lost(&taken);
     players_unpin(players, count);
     return taken;
 }
