@@ -21,6 +21,7 @@ struct sqldb_place {
     std::string data_schema;
     std::string client_schema;
     std::vector<std::string> backups; /* directories */
+    const char* built_in = nullptr;   /* the schema when there is no file; null: none */
     friend bool operator==(const sqldb_place&, const sqldb_place&) = default;
 };
 

@@ -75,6 +75,7 @@ struct sqldb_service {
     std::map<std::string, served> databases; /* by name */
     std::string own_name;                    /* of the database of this process; empty: none */
     std::string own_text;                    /* its configuration */
+    const char* own_schema = nullptr;        /* the text of its schema when there is no file */
 };
 
 namespace {
@@ -156,6 +157,7 @@ void refuse(sqldb_service* service, const std::string& name, const std::string& 
 void follow_text(sqldb_service* service, const std::string& name, const std::string& text) {
     sqldb_place place;
     place.name = name;
+    place.built_in = name == service->own_name ? service->own_schema : nullptr;
     const int32_t error = sqldb_place_parse(&place, text, true) == 0 ? 0 : errno;
     if (error == ENODATA) {
         release(service, name); /* the rest is still to be written */
@@ -314,6 +316,7 @@ void take_options(sqldb_service* service, const sqldb_service_options* options) 
             sqldb_place_is_name(options->own_name)) {
             service->own_name = options->own_name;
             service->own_text = options->own_text;
+            service->own_schema = options->own_schema;
         }
         service->reporter.defaults =
             options->defaults != nullptr ? options->defaults : SQLDB_DEFAULTS;

@@ -41,24 +41,28 @@ std::string because(const std::string& what) {
     return what + ": " + strerror_r(errno, buffer, sizeof buffer);
 }
 
-/* Brings a schema file to where it is expected. One that is there stays as it is. */
-int32_t provide(const std::string& path, const sqldb_reporter& reporter) {
+/* Brings a schema file to where it is expected; `built_in` is its text when there is no default, or
+ * null. One that is there stays as it is. */
+int32_t provide(const std::string& path, const sqldb_reporter& reporter, const char* built_in) {
     std::string text;
     if (access(path.c_str(), F_OK) == 0) {
         return 0;
     }
     const std::string original = reporter.defaults + path.substr(path.rfind('/'));
-    if (sqldb_place_read(original, &text, SQLDB_PLACE_SCHEMA_MAX) != 0 ||
-        paths_make_parents(path.c_str()) != 0) {
-        return -1;
+    if (sqldb_place_read(original, &text, SQLDB_PLACE_SCHEMA_MAX) != 0) {
+        if (errno != ENOENT || built_in == nullptr) {
+            return -1;
+        }
+        text = built_in;
     }
-    return sqldb_place_write(path, text, true);
+    return paths_make_parents(path.c_str()) != 0 ? -1 : sqldb_place_write(path, text, true);
 }
 
-int32_t load_schema_file(const std::string& path, const sqldb_reporter& reporter, bool optional,
-                         std::string* text, std::string* reason) {
+int32_t load_schema_file(const std::string& path, const sqldb_reporter& reporter,
+                         const char* built_in, bool optional, std::string* text,
+                         std::string* reason) {
     if (path.empty() ||
-        (provide(path, reporter) == 0 &&
+        (provide(path, reporter, built_in) == 0 &&
          sqldb_place_read(path, text, SQLDB_PLACE_SCHEMA_MAX) == 0) ||
         (optional && errno == ENOENT)) {
         return 0;
@@ -70,9 +74,10 @@ int32_t load_schema_file(const std::string& path, const sqldb_reporter& reporter
 int32_t load_schemas(const sqldb_place& place, const sqldb_reporter& reporter,
                      schema_texts* schemas, std::string* reason) {
     std::string unused;
-    if (load_schema_file(place.schema, reporter, false, &schemas->tables, reason) != 0 ||
-        load_schema_file(place.data_schema, reporter, true, &schemas->data, reason) != 0 ||
-        load_schema_file(place.client_schema, reporter, true, &unused, reason) != 0) {
+    if (load_schema_file(place.schema, reporter, place.built_in, false, &schemas->tables, reason) !=
+            0 ||
+        load_schema_file(place.data_schema, reporter, nullptr, true, &schemas->data, reason) != 0 ||
+        load_schema_file(place.client_schema, reporter, nullptr, true, &unused, reason) != 0) {
         return -1;
     }
     std::string error;

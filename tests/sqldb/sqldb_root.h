@@ -81,7 +81,8 @@ struct sqldb_test : ::testing::Test {
         test->said += std::string(text) + "\n";
     }
     void start() {
-        const sqldb_service_options options = {nullptr, say, this, own_name.c_str(), own_text.c_str()};
+        const sqldb_service_options options = {nullptr,          say,    this, own_name.c_str(),
+                                               own_text.c_str(), nullptr};
         service = sqldb_service_start(&options);
         ASSERT_NE(service, nullptr) << strerror(errno);
     }

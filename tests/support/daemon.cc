@@ -108,7 +108,7 @@ std::vector<std::string> environment_of(const test_daemon& daemon) {
     variables.insert(variables.end(),
                      {"VELORAN_RUN=" + daemon.run, "VELORAN_STATE=" + daemon.root + "/state",
                       "VELORAN_SLOG=file:" + daemon.root + "/log",
-                      "VELORAN_SQLDB_DEFAULTS=" SCHEMA_FILES});
+                      "VELORAN_SQLDB_DEFAULTS=/nonexistent"});
     if (!daemon.umask.empty()) {
         variables.push_back("VELORAN_UMASK=" + daemon.umask);
     }

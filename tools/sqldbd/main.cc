@@ -98,7 +98,7 @@ bool run(arguments* what, std::string* why) {
     if (paths_umask_refused() != nullptr) {
         say(what, WARNING, "VELORAN_UMASK is no octal number up to 077; modes lose 022");
     }
-    const sqldb_service_options options = {schemas_of(*what), say, what, nullptr, nullptr};
+    const sqldb_service_options options = {schemas_of(*what), say, what, nullptr, nullptr, nullptr};
     sqldb_service* service = sqldb_service_start(&options);
     if (service == nullptr) {
         *why = errno == EEXIST ? std::string("another process serves the databases of ")

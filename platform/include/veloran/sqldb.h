@@ -58,6 +58,8 @@ struct sqldb_service_options {
      * the start to the end, whatever the object of that name holds. Null: none. */
     const char* own_name;
     const char* own_text;
+    /* What its SchemaFile begins with when it is missing, among the defaults too. Null: nothing. */
+    const char* own_schema;
 };
 
 extern "C" {

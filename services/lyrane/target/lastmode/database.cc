@@ -19,6 +19,7 @@
 
 #include "database_status.h"
 #include "msglog.h"
+#include "schema_text.h"
 
 static sqldb_service* embedded; /* [main] */
 
@@ -128,7 +129,8 @@ static void database_says(void* unused, int32_t severity, const char* text) noex
 void lastmode_database_start(const control_block* control) noexcept {
     (void)pps_unlink("/pps/veloran/sqldb/config/lyrane");
     const vel_text text(configuration_text(control));
-    const sqldb_service_options options = {nullptr, database_says, nullptr, "lyrane", text.get()};
+    const sqldb_service_options options = {nullptr,  database_says, nullptr,
+                                           "lyrane", text.get(),    SCHEMA};
     embedded = sqldb_service_start(&options);
     if (embedded == nullptr && errno != EEXIST) {
         msglog(3, "The database service cannot be started: %s", msglog_error_text(errno));
