@@ -160,6 +160,7 @@ TEST_P(MessageGifts, OnlyAPairOfSocketsIsAnEventChannel) {
         {"none", -1, 0},
     };
     call(&client, "warm");
+    closer_wait(); /* for what earlier tests left */
     const auto before = descriptor_count();
     for (const auto& entry : cases) {
         int32_t status = -1;
