@@ -238,13 +238,18 @@ TEST_F(Tool, DoctorFindsWhatIsWrong) {
           "ok    runtime root", "ok    service", "ok    media sources"}) {
         EXPECT_NE(well.find(line), std::string::npos) << line << "\n" << well;
     }
+    /* One that calls the service's functions. */
+    std::ofstream(broken) << R"({"player": {}, "plugins": {")" FILES_LIBRARY
+                             R"(": {"folders": "/"}}})";
+    const program_result real = tool_run({"doctor", "-c", broken});
+    EXPECT_NE(real.out.find("ok    plug-in files.so"), std::string::npos) << real.out;
     const struct {
         const char* text;
         const char* line;
     } rows[] = {
         {"# none", "\"configuration\",\"found\":"},
         {"{\"plugins\": {\"/nowhere/x.so\": {}}}", "/nowhere/x.so: cannot open"},
-        {"{\"plugins\": {\"libm.so.6\": {}}}", "so it is no plug-in"},
+        {"{\"plugins\": {\"libm.so.6\": {}}}", "no data object lyrp"},
         {"{}", "there is no object \\\"plugins\\\""},
         {R"({"player": {"lastmode_audio": {"keep_missing": "0"}}})", "set \\\"keep_missing\\\" to"},
     };

@@ -7,8 +7,9 @@
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <utility>
+#include <vector>
 
-#include <dlfcn.h>
 #include <limits.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
@@ -123,18 +124,31 @@ void look_at_lastmode(const json& config, std::vector<finding>* found) {
     }
 }
 
-/* In the child: whether the library can be loaded. Its own code runs at that, so it may do
- * anything. */
-[[noreturn]] void load(const std::string& path, int answer) {
-    std::string why;
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) {
-        why = dlerror();
-    } else if (dlsym(handle, "lyrp") == nullptr) {
-        why = path + ": has no symbol \"lyrp\", so it is no plug-in";
+/* The program that loads plug-ins as the service does: beside this one where it is installed, else
+ * where it was built. Empty when it is not there. */
+std::string checker() {
+    std::error_code error;
+    const fs::path own = fs::read_symlink("/proc/self/exe", error).parent_path();
+    for (const fs::path& path : {own / "plugincheck", own / "../plugincheck/plugincheck"}) {
+        if (access(path.c_str(), X_OK) == 0) {
+            return path;
+        }
     }
-    (void)!write(answer, why.data(), why.size());
-    _exit(0);
+    return {};
+}
+
+/* In the child: becomes the checker, both of whose outputs are read. */
+[[noreturn]] void check_plugin(const std::string& program, std::vector<std::string> words,
+                               int answer) {
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    dup2(answer, STDOUT_FILENO);
+    dup2(answer, STDERR_FILENO);
+    execv(program.c_str(), arguments.data());
+    _exit(EXIT_FAILURE);
 }
 
 std::string read_answer(int fd) {
@@ -151,26 +165,60 @@ std::string read_answer(int fd) {
     }
 }
 
-finding look_at_plugin(const std::string& path) {
+/* What the checker found wrong: the rules that are broken, else what it said. */
+std::string broken_rules(const std::string& answer) {
+    const json report = json::parse(answer, nullptr, false);
+    if (!report.is_object() || !report.contains("checks")) {
+        const std::string prefix = "plugincheck: ";
+        std::string said = answer.substr(0, answer.find_last_not_of('\n') + 1);
+        return said.rfind(prefix, 0) == 0 ? said.substr(prefix.size()) : said;
+    }
+    std::string rules;
+    for (const json& check : report["checks"]) {
+        if (check.value("result", "") == "failed") {
+            rules += (rules.empty() ? "" : "; ") + check.value("rule", "") + ": " +
+                     check.value("text", "");
+        }
+    }
+    return rules;
+}
+
+/* Loads it in a process of its own, since its code may do anything, with its settings. */
+finding look_at_plugin(const std::string& path, const json& settings) {
     const std::string about = "plug-in " + fs::path(path).filename().string();
+    const std::string program = checker();
     int ends[2];
+    if (program.empty()) {
+        return {verdict::notice, about, path + ": not looked at, plugincheck is not installed"};
+    }
     if (pipe(ends) != 0) {
         return {verdict::bad, about, error_text()};
+    }
+    std::vector<std::string> words = {program, "--json", "--group", "load", path};
+    for (const auto& setting : settings.items()) {
+        if (setting.value().is_string()) {
+            words.insert(words.end(),
+                         {"--set", setting.key() + "=" + setting.value().get<std::string>()});
+        }
     }
     const vel_fd answer(ends[0]);
     const pid_t child = fork();
     if (child == 0) {
-        load(path, ends[1]);
+        setpgid(0, 0);
+        check_plugin(program, std::move(words), ends[1]);
     }
     close(ends[1]);
-    std::string why = read_answer(answer.value);
-    int status = 0;
-    kill(child, SIGKILL); /* it has said all it will say */
-    waitpid(child, &status, 0);
-    if (why.empty() && WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL) {
-        why = std::string("it crashes when it is loaded: ") + strsignal(WTERMSIG(status));
+    if (child < 0) {
+        return {verdict::bad, about, error_text()};
     }
-    return why.empty() ? finding{verdict::good, about, path} : finding{verdict::bad, about, why};
+    setpgid(child, child); /* whoever of both is first */
+    const std::string said = read_answer(answer.value);
+    int status = 0;
+    kill(-child, SIGKILL); /* it has said all it will say */
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0
+               ? finding{verdict::good, about, path}
+               : finding{verdict::bad, about, broken_rules(said)};
 }
 
 void look_at_plugins(const json& config, std::vector<finding>* found) {
@@ -183,7 +231,7 @@ void look_at_plugins(const json& config, std::vector<finding>* found) {
         found->push_back({verdict::notice, "plug-ins", "none: there is nothing to play from"});
     }
     for (const auto& plugin : plugins->items()) {
-        found->push_back(look_at_plugin(plugin.key()));
+        found->push_back(look_at_plugin(plugin.key(), plugin.value()));
     }
 }
 
