@@ -48,16 +48,17 @@ void start(service& service) {
     fake_tree(service.disk, "", "/a|tracks:5\n");
 }
 
+bool has_session(const service& service, const char* player) {
+    return daemon_await_object(service.daemon, player, "trksession", "length", ":n:5");
+}
+
 void build(service& service, const char* player) {
     uint64_t ts_id = 0;
     ASSERT_TRUE(request_connect(service.client, service.daemon.service));
     EXPECT_EQ(request_open(service.client, player), 0);
     EXPECT_EQ(request_create(service.client, 0, "/a", -1, 0, &ts_id), 0);
+    EXPECT_TRUE(has_session(service, player)); /* a save takes what is there */
     request_disconnect(service.client);
-}
-
-bool has_session(const service& service, const char* player) {
-    return daemon_await_object(service.daemon, player, "trksession", "length", ":n:5");
 }
 
 void stop(service& service) {
