@@ -213,10 +213,10 @@ static bool user_has_room(const osb* connection) noexcept VEL_REQUIRES(connectio
 }
 
 bool reply_queue_has_room(const osb* connection) noexcept {
-    const msgserver* server = connection->server;
+    const int64_t most = connection->server->queue_max;
     return connection->queue_length < MSGSERVER_QUEUE_ENTRIES &&
-           connection->queue_bytes < server->queue_max / 4 &&
-           server->queued_bytes < server->queue_max && user_has_room(connection);
+           connection->queue_bytes < most / 4 && connection->server->queued_bytes < most &&
+           user_has_room(connection);
 }
 
 void reply_queue_clear(osb* connection) noexcept {
